@@ -1,0 +1,150 @@
+#include "TarnRegFile/RegisterFile.h"
+
+#include "Assert.h"
+#include "Trace.h"
+
+#include "TarnRegFile/Utils.h"
+
+#include <fmt/format.h>
+
+#include <fstream>
+#include <stdexcept>
+
+namespace TarnRegFile {
+namespace {
+
+Kiv::TraceHandle kTrace("TarnRegFile/RegisterFile");
+
+constexpr std::string_view kCsvHeader = "number,name,type,writeable,width";
+constexpr U32 kCsvFieldCount = 5;
+
+// Built on first use; C++ guarantees thread-safe initialisation of function-local statics.
+std::unordered_map<std::string_view, RegisterType> const& typeByText() {
+  static std::unordered_map<std::string_view, RegisterType> const table{
+      {"reserved", RegisterType::Reserved}, {"const", RegisterType::Const}, {"cfg", RegisterType::Cfg},
+      {"sts", RegisterType::Sts},           {"counter", RegisterType::Counter}, {"ctl", RegisterType::Ctl},
+  };
+  return table;
+}
+
+std::unordered_map<RegisterType, std::string> const& textByType() {
+  static std::unordered_map<RegisterType, std::string> const table{
+      {RegisterType::Reserved, "reserved"}, {RegisterType::Const, "const"},     {RegisterType::Cfg, "cfg"},
+      {RegisterType::Sts, "sts"},           {RegisterType::Counter, "counter"}, {RegisterType::Ctl, "ctl"},
+  };
+  return table;
+}
+
+U32 parseDecimal(std::string_view token, char const* error) {
+  U32 value = 0;
+  if (!Utils::strtoint(token, value, 10)) throw std::runtime_error(error);
+  return value;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- Register
+
+RegisterType Register::regTypeFromString(std::string_view const& token) {
+  auto const& table = typeByText();
+  auto const it = table.find(token);
+  return it == table.end() ? RegisterType::Unknown : it->second;
+}
+
+std::string const& Register::regTypeToString(RegisterType type) {
+  static std::string const unknown = "(unknown)";
+  auto const& table = textByType();
+  auto const it = table.find(type);
+  return it == table.end() ? unknown : it->second;
+}
+
+Register::Register(std::string_view const& line, U8 addrBlockSize) {
+  KIV_ASSERT(kTrace, addrBlockSize) << "a register file's address block size must not be 0";
+  U32 pos = 0;
+  U32 fields = 0;
+  std::string_view token;
+  for (; Utils::tokenize(line, pos, token, ','); ++fields) {
+    switch (fields) {
+      case 0:
+        // Wraps for huge numbers on purpose: the CSV number is trusted to fit the bus.
+        number = parseDecimal(token, "Invalid address token") * addrBlockSize;
+        break;
+      case 1:
+        name.assign(token);
+        break;
+      case 2:
+        type = regTypeFromString(token);
+        if (type == RegisterType::Unknown) kTrace.line(8, "Unknown register type '{}'", token);
+        break;
+      case 3:
+        // Only an explicit "false" protects a register; any other spelling leaves it writeable.
+        writeable = token != "false";
+        break;
+      case 4:
+        width = parseDecimal(token, "Invalid width token");
+        if (width > regOpWidth) throw std::runtime_error("Unsupported register width");
+        break;
+      default:
+        kTrace.line(8, "Found extraneous field(s) in CSV file.");
+        return;
+    }
+  }
+  if (fields < kCsvFieldCount) kTrace.line(8, "Incomplete CSV fields. Found {} fields only.", fields);
+}
+
+Register::operator std::string() const {
+  char const* const access = writeable ? "writeable" : "readonly";
+  // Zero prints without the "0x" prefix, like printf's "%#08x" does.
+  if (number == 0) return fmt::format("{:08x} {} {} {}", number, name, access, width);
+  return fmt::format("{:#08x} {} {} {}", number, name, access, width);
+}
+
+// ---------------------------------------------------------------- RegisterFile
+
+RegisterFile::RegisterFile(char const* csvPath, U8 addrBlockSize) {
+  std::ifstream in(csvPath);
+  if (!in.is_open()) throw std::runtime_error(fmt::format("Error opening CSV file {}", csvPath));
+  _construct(in, addrBlockSize);
+}
+
+RegisterFile::RegisterFile(std::istream& in, U8 addrBlockSize) { _construct(in, addrBlockSize); }
+
+void RegisterFile::_construct(std::istream& in, U8 addrBlockSize) {
+  std::string buffer;
+  std::string_view line;
+  if (!Utils::getline_lea(in, buffer, line) || line != kCsvHeader)
+    throw std::runtime_error("Encountered wrong CSV header!");
+  while (Utils::getline_lea(in, buffer, line)) {
+    Register reg(line, addrBlockSize);
+    U32 const address = reg.number;
+    // The key is copied from reg.name before the record is moved into the node
+    // (pair members are built in order); a duplicate name keeps the first record.
+    auto const named = registersByName_.try_emplace(reg.name, std::move(reg)).first;
+    // Every line claims its address, also one whose name was a duplicate.
+    namesByAddress_.try_emplace(address, named->first);
+  }
+}
+
+Register const& RegisterFile::findRegisterByName(char const* name) const {
+  return findRegisterByName(std::string_view(name));
+}
+
+Register const& RegisterFile::findRegisterByName(std::string_view name) const {
+  auto const it = registersByName_.find(name);
+  if (it == registersByName_.end())
+    throw std::runtime_error(fmt::format("RegisterFile does not have register '{}'!", name));
+  return it->second;
+}
+
+bool RegisterFile::hasRegName(char const* name) const { return hasRegName(std::string_view(name)); }
+
+bool RegisterFile::hasRegName(std::string_view name) const { return registersByName_.contains(name); }
+
+std::string RegisterFile::findRegNameByAddr(U32 address) const {
+  auto const it = namesByAddress_.find(address);
+  if (it == namesByAddress_.end())
+    throw std::runtime_error(fmt::format("RegisterFile does not have address: {}!", address));
+  return it->second;
+}
+
+}  // namespace TarnRegFile
