@@ -1,0 +1,53 @@
+#include "KivEntity.h"
+
+#include <algorithm>
+
+namespace Kiv {
+
+NotifieeBase::~NotifieeBase() { notifierBaseIs(nullptr); }
+
+void NotifieeBase::notifierBaseIs(Entity* e) {
+  if (notifier_ == e) return;
+  if (notifier_) notifier_->notifieeRemove(this);
+  notifier_ = e;
+  if (notifier_) notifier_->notifieeAdd(this);
+}
+
+Entity::Entity(String name) : name_(std::move(name)) {}
+
+Entity::~Entity() {
+  // Observers outliving the entity must not keep a dangling pointer.
+  for (auto* n : notifiees_)
+    if (n) n->notifier_ = nullptr;
+}
+
+void Entity::hasNotificationActiveIs(bool active) { notificationActive_ = active; }
+
+char const* Entity::fwkType() const { return "Kiv::Entity"; }
+
+void Entity::parentIs(Entity* parent) {
+  if (parent_ == parent) return;
+  parent_ = parent;
+  handleParent(parent);
+}
+
+void Entity::handleParent(Entity*) {}
+
+size_t Entity::notifieeCount() const noexcept {
+  return static_cast<size_t>(std::count_if(notifiees_.begin(), notifiees_.end(), [](auto* n) { return n; }));
+}
+
+void Entity::notifieeAdd(NotifieeBase* n) { notifiees_.push_back(n); }
+
+void Entity::notifieeRemove(NotifieeBase* n) {
+  auto it = std::find(notifiees_.begin(), notifiees_.end(), n);
+  if (it == notifiees_.end()) return;
+  if (delivering_)
+    *it = nullptr;  // the delivery loop is indexing this vector; compact afterwards
+  else
+    notifiees_.erase(it);
+}
+
+void Entity::compact() { notifiees_.erase(std::remove(notifiees_.begin(), notifiees_.end(), nullptr), notifiees_.end()); }
+
+}  // namespace Kiv

@@ -1,0 +1,9 @@
+#include "KivPtr.h"
+
+namespace Kiv {
+
+PtrInterface::~PtrInterface() = default;
+
+void PtrInterface::onZeroReferences() const noexcept { delete this; }
+
+}  // namespace Kiv
