@@ -1,5 +1,6 @@
 #include "Assert.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -21,8 +22,11 @@ FatalAssertion::~FatalAssertion() {
                "  function:  %s\n"
                "  location:  %s:%d\n",
                condition_, message.c_str(), unit_.unit(), function_, file_, line_);
-  std::fprintf(stderr, "  recent trace lines:\n");
-  for (auto const& l : Trace::ringLines()) std::fprintf(stderr, "    %s\n", l.c_str());
+  // The last lines of the ring usually say how the process got here.
+  auto const lines = Trace::ringLines();
+  size_t const shown = std::min<size_t>(lines.size(), 40);
+  std::fprintf(stderr, "  last %zu trace lines:\n", shown);
+  for (size_t i = lines.size() - shown; i < lines.size(); ++i) std::fprintf(stderr, "    %s\n", lines[i].c_str());
   std::fflush(stderr);
   std::abort();
 }

@@ -63,6 +63,7 @@ public:
     return rep_ == o.rep_ || (hash() == o.hash() && view() == o.view());
   }
   bool operator==(std::string_view o) const noexcept { return view() == o; }
+  bool operator==(std::string const& o) const noexcept { return view() == std::string_view(o); }
   bool operator==(char const* o) const noexcept { return view() == std::string_view(o ? o : ""); }
   std::strong_ordering operator<=>(String const& o) const noexcept { return view() <=> o.view(); }
 

@@ -1,0 +1,302 @@
+// The entity runtime: counted references, strings, the seeded hash, observers,
+// enumerations, the value text form and the generic interface.
+#include "Assert.h"
+#include "KivCollection.h"
+#include "KivEntity.h"
+#include "KivEnum.h"
+#include "KivGeneric.h"
+#include "KivHash.h"
+#include "KivValueText.h"
+#include "Trace.h"
+
+#include <gtest/gtest.h>
+
+#include <unordered_set>
+
+namespace {
+
+Kiv::TraceHandle kTrace("Test/KivRuntime");
+
+struct Counted : Kiv::PtrInterface {
+  explicit Counted(int* deaths) : deaths(deaths) {}
+  ~Counted() override { ++*deaths; }
+  int* deaths;
+};
+
+TEST(KivPtr, CountsReferencesAndDeletesWithTheLast) {
+  int deaths = 0;
+  {
+    Kiv::Ptr<Counted> a(new Counted(&deaths));
+    EXPECT_EQ(a->references(), 1u);
+    Kiv::Ptr<Counted> b = a;
+    EXPECT_EQ(a->references(), 2u);
+    Kiv::Ptr<Counted> c = std::move(b);
+    EXPECT_FALSE(b);
+    EXPECT_EQ(a->references(), 2u);
+    c = nullptr;
+    EXPECT_EQ(a->references(), 1u);
+    EXPECT_EQ(deaths, 0);
+  }
+  EXPECT_EQ(deaths, 1);
+}
+
+struct Other : Kiv::PtrInterface {};
+
+TEST(KivPtr, CheckedCastGivesEmptyReferenceForAnotherKind) {
+  int deaths = 0;
+  Kiv::Ptr<Kiv::PtrInterface> base(new Counted(&deaths));
+  EXPECT_TRUE(Kiv::ptr_cast<Counted>(base));
+  EXPECT_FALSE(Kiv::ptr_cast<Other>(base));
+}
+
+TEST(KivString, SharesCharactersAndComparesByContent) {
+  Kiv::String empty;
+  EXPECT_TRUE(empty.empty());
+  EXPECT_STREQ(empty.c_str(), "");
+  Kiv::String a("chip0");
+  Kiv::String b = std::string("chip0");
+  Kiv::String c = std::string_view("chip1");
+  EXPECT_EQ(a, b);
+  EXPECT_NE(a, c);
+  EXPECT_LT(a, c);
+  EXPECT_EQ(a.hash(), b.hash());
+  EXPECT_EQ(a.data(), Kiv::String(a).data());  // a copy shares the block
+  EXPECT_EQ(Kiv::String::concat({"c", "-", "r", "-", "f"}), "c-r-f");
+  EXPECT_EQ(Kiv::String::concat({"", "-", ""}), "-");
+  std::unordered_set<Kiv::String> set{a, b, c};
+  EXPECT_EQ(set.size(), 2u);
+}
+
+TEST(KivString, TextFormQuotesAndEscapesAndReadsBack) {
+  struct Case {
+    std::string raw, text;
+  } const cases[] = {{"", "''"}, {"abc", "'abc'"}, {"it's", "'it\\'s'"}, {"a\\b", "'a\\\\b'"}, {"\n", "'\\x0a'"}};
+  for (auto const& c : cases) {
+    EXPECT_EQ(Kiv::strep(Kiv::String(c.raw)), c.text);
+    Kiv::String::IteratorConst pos = c.text.data();
+    Kiv::ValueReader r(pos, c.text.data() + c.text.size());
+    Kiv::String back;
+    r.read(back);
+    EXPECT_EQ(back, c.raw);
+    EXPECT_TRUE(r.atEnd());
+  }
+}
+
+TEST(KivHash, IsFixedAcrossArchitecturesAndDependsOnSeedAndOrder) {
+  // These constants pin the hash: tables in shared memory are shared by i386 and
+  // amd64 processes, so a change here would make them disagree on slots.
+  EXPECT_EQ(Kiv::Hash(0).mix4(0x12345678u).mix1(3).mix1(8).result(), Kiv::Hash(0).mix4(0x12345678u).mix1(3).mix1(8).result());
+  U32 const h0 = Kiv::Hash(0).mix4(5).mix1(0).mix1(32).result();
+  U32 const h1 = Kiv::Hash(1).mix4(5).mix1(0).mix1(32).result();
+  U32 const swapped = Kiv::Hash(0).mix4(5).mix1(32).mix1(0).result();
+  EXPECT_NE(h0, h1);
+  EXPECT_NE(h0, swapped);
+  EXPECT_EQ(h0, 0x33fe2153u);
+  EXPECT_EQ(Kiv::stringHash("chip0-ctrl-en"), 0x891f1152u);
+}
+
+class Thing : public Kiv::Entity {
+public:
+  class Notifiee : public Kiv::Notifiee<Thing> {
+  public:
+    virtual void onValue() {}
+  };
+  explicit Thing(Kiv::String name) : Kiv::Entity(std::move(name)) {}
+  void valueIs(int v) {
+    if (v == value_) return;
+    value_ = v;
+    notify<Notifiee>([](Notifiee& n) { n.onValue(); });
+  }
+  int value() const { return value_; }
+  int twice(int by) const { return value_ * by; }
+  char const* fwkType() const override { return "Test::Thing"; }
+
+private:
+  int value_ = 0;
+};
+
+struct Counter : Thing::Notifiee {
+  void onValue() override {
+    ++calls;
+    if (onCall) onCall();
+  }
+  int calls = 0;
+  std::function<void()> onCall;
+};
+
+TEST(KivEntity, NotifiesActiveObserversOnlyOnChangeAndOnlyWhenActive) {
+  auto thing = Kiv::create<Thing>("t");
+  Counter a, b;
+  a.notifierIs(thing);
+  b.notifierIs(thing);
+  EXPECT_EQ(thing->references(), 3u);  // observers hold the entity
+  thing->valueIs(1);
+  thing->valueIs(1);
+  EXPECT_EQ(a.calls, 1);
+  b.isNotificationActiveIs(false);
+  thing->valueIs(2);
+  EXPECT_EQ(a.calls, 2);
+  EXPECT_EQ(b.calls, 1);
+  thing->hasNotificationActiveIs(false);
+  thing->valueIs(3);
+  EXPECT_EQ(a.calls, 2);
+}
+
+TEST(KivEntity, ObserversMayDetachDuringDelivery) {
+  auto thing = Kiv::create<Thing>("t");
+  auto first = std::make_unique<Counter>();
+  auto second = std::make_unique<Counter>();
+  Counter third;
+  first->notifierIs(thing);
+  second->notifierIs(thing);
+  third.notifierIs(thing);
+  first->onCall = [&] { second.reset(); };  // removes a later observer mid-delivery
+  thing->valueIs(1);
+  EXPECT_EQ(third.calls, 1);
+  EXPECT_EQ(thing->notifieeCount(), 2u);
+  thing->valueIs(2);
+  EXPECT_EQ(first->calls, 2);
+  EXPECT_EQ(third.calls, 2);
+}
+
+TEST(KivEntity, ObserverOutlivingNothingKeepsEntityAlive) {
+  Counter c;
+  {
+    auto thing = Kiv::create<Thing>("t");
+    c.notifierIs(thing);
+  }
+  ASSERT_NE(c.notifier(), nullptr);
+  c.notifier()->valueIs(4);
+  EXPECT_EQ(c.calls, 1);
+  c.notifierIs(nullptr);
+  EXPECT_EQ(c.notifier(), nullptr);
+}
+
+TEST(KivCollection, SetReportsRealChangesOnly) {
+  Kiv::KeyedCollection<int, int> coll;
+  EXPECT_TRUE(coll.set(1, 10));
+  EXPECT_FALSE(coll.set(1, 10));
+  EXPECT_TRUE(coll.set(1, 11));
+  EXPECT_EQ(coll.get(1), 11);
+  EXPECT_EQ(coll.get(2, -1), -1);
+  EXPECT_EQ(coll.take(1), 11);
+  EXPECT_FALSE(coll.take(1));
+}
+
+TEST(KivEnum, MapsValuesAndLiteralsBothWaysAndRejectsUnknown) {
+  Kiv::EnumTable table{{"Test::Colour", {{0, "red"}, {1, "green"}}}, {"Test::Size", {{0, "small"}}}};
+  EXPECT_EQ(table.stringValue(0, 1), "green");
+  EXPECT_EQ(table.instance(0, "red"), 0u);
+  EXPECT_EQ(table.valueToStrep(1, 0), "'small'");
+  EXPECT_THROW(table.instance(0, 7u), Kiv::RangeException);
+  EXPECT_THROW(table.instance(0, "blue"), Kiv::RangeException);
+  std::string text = "'green' rest";
+  Kiv::String::IteratorConst pos = text.data();
+  EXPECT_EQ(table.sequenceToValue(0, pos, text.data() + text.size()), 1u);
+  EXPECT_EQ(std::string_view(pos), " rest");
+}
+
+struct Pair {
+  U32 a = 0;
+  Kiv::String s;
+  Pair() = default;
+  Pair(U32 a, Kiv::String s) : a(a), s(std::move(s)) {}
+  Pair(Kiv::String::IteratorConst& pos, Kiv::String::IteratorConst const& end) {
+    Kiv::ValueReader r(pos, end);
+    r.expect("Value('Test::Pair', ** {");
+    r.expect("'a': ");
+    r.attr("a", a);
+    if (a > 9) throw Kiv::RangeException("Test::Pair::a > 9 not allowed");
+    r.expect(", 's': ");
+    r.attr("s", s);
+    r.expect("})");
+  }
+  std::string valueToStrep() const {
+    std::string out;
+    Kiv::ValueWriter(out, "Test::Pair").attr("a", a).attr("s", s).end();
+    return out;
+  }
+  bool operator==(Pair const&) const = default;
+};
+
+struct Outer {
+  Pair inner;
+  Outer(Kiv::String::IteratorConst& pos, Kiv::String::IteratorConst const& end) {
+    Kiv::ValueReader r(pos, end);
+    r.expect("Value('Test::Outer', ** {");
+    r.expect("'inner': ");
+    r.attr("inner", inner);
+    r.expect("})");
+  }
+};
+
+TEST(KivValueText, WritesAndReadsValuesAndNamesTheFailingAttribute) {
+  Pair const p{7, "x'y"};
+  std::string const text = p.valueToStrep();
+  EXPECT_EQ(text, "Value('Test::Pair', ** {'a': 7, 's': 'x\\'y'})");
+  Kiv::String::IteratorConst pos = text.data();
+  EXPECT_EQ(Pair(pos, text.data() + text.size()), p);
+
+  std::string const outer = "Value('Test::Outer', ** {'inner': Value('Test::Pair', ** {'a': 12, 's': ''})})";
+  pos = outer.data();
+  try {
+    Outer o(pos, outer.data() + outer.size());
+    FAIL() << "no range error";
+  } catch (Kiv::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "inner: Test::Pair::a > 9 not allowed");
+  }
+  std::string const bad = "Value('Test::Pair', ** {'a': x})";
+  pos = bad.data();
+  EXPECT_THROW(Pair(pos, bad.data() + bad.size()), Kiv::ParseException);
+  std::string const huge = "Value('Test::Pair', ** {'a': 4294967296, 's': ''})";
+  pos = huge.data();
+  EXPECT_THROW(Pair(pos, huge.data() + huge.size()), Kiv::ParseException);
+}
+
+TEST(KivGeneric, CallsPublishedOperationsWithTextArguments) {
+  auto& type = Kiv::TypeRegistry::instance().typeIs("Test::Thing");
+  type.factory = [](Kiv::String const& n) { return Kiv::Ptr<Kiv::Entity>(Kiv::create<Thing>(n)); };
+  type.methods["valueIs"] = Kiv::method<&Thing::valueIs>();
+  type.methods["twice"] = Kiv::method<&Thing::twice>();
+  type.attributes["value"] = Kiv::method<&Thing::value>();
+
+  auto& reg = Kiv::TypeRegistry::instance();
+  auto e = reg.create("Test::Thing", "t1");
+  EXPECT_EQ(e->name(), "t1");
+  EXPECT_EQ(reg.call(*e, "valueIs", {"0x10"}), "");
+  EXPECT_EQ(reg.attribute(*e, "value"), "16");
+  EXPECT_EQ(reg.call(*e, "twice", {"3"}), "48");
+  EXPECT_THROW(reg.call(*e, "twice", {}), std::runtime_error);
+  EXPECT_THROW(reg.call(*e, "twice", {"three"}), std::runtime_error);
+  EXPECT_THROW(reg.call(*e, "nothing", {}), std::runtime_error);
+  EXPECT_THROW(reg.create("Test::Nothing", "x"), std::runtime_error);
+}
+
+TEST(KivTrace, DisabledLevelsProduceNothingAndCapturesSeeEnabledOnes) {
+  Kiv::TraceCapture cap("Test/KivRuntime", Kiv::Trace::upTo(5));
+  kTrace.line(5, "value {}", 42);
+  kTrace.printf(1, "Write field: %s value: %s hex %#x", Kiv::String("c-r-f"), 7u, 255u);
+  kTrace.line(8, "never {}", 1);
+  ASSERT_EQ(cap.records().size(), 2u);
+  EXPECT_EQ(cap.records()[0].text, "value 42");
+  EXPECT_EQ(cap.records()[1].text, "Write field: c-r-f value: 7 hex 0xff");
+  EXPECT_FALSE(cap.contains("never"));
+}
+
+TEST(KivTrace, RingKeepsLevelZeroLinesWithoutTextOutput) {
+  Kiv::Trace::ringClear();
+  kTrace.line(0, "ring {}", "line");
+  auto lines = Kiv::Trace::ringLines();
+  ASSERT_FALSE(lines.empty());
+  EXPECT_NE(lines.back().find("Test/KivRuntime L0 ring line"), std::string::npos);
+}
+
+void failingCheck(Kiv::String const& who, U32 n) { KIV_ASSERT(kTrace, n < 3) << "too many for " << who << ": " << n; }
+
+TEST(KivAssertDeathTest, PrintsConditionMessageUnitAndSignature) {
+  EXPECT_DEATH(failingCheck("chipA", 5),
+               "condition: n < 3\n  message:   too many for chipA: 5\n  unit:      Test/KivRuntime\n"
+               "  function:  void \\{anonymous\\}::failingCheck\\(const Kiv::String&, U32\\)");
+}
+
+}  // namespace
