@@ -50,7 +50,7 @@ struct ParseCase {
   char const* text;
 };
 
-TEST(RegisterParse, FieldsAndTextForm) {
+TEST(RegisterFileLine, FieldsAndTextForm) {
   ParseCase const cases[] = {
       {"16,scratch,cfg,true,32", 4, 64, 32, RegisterType::Cfg, true, "scratch", "0x000040 scratch writeable 32"},
       {"1,a,sts,false,8", 1, 1, 8, RegisterType::Sts, false, "a", "0x000001 a readonly 8"},
@@ -83,7 +83,7 @@ TEST(RegisterParse, FieldsAndTextForm) {
   }
 }
 
-TEST(RegisterParse, BadNumbersThrowExactMessages) {
+TEST(RegisterFileLine, BadNumbersThrowExactMessages) {
   struct Case {
     char const* line;
     char const* message;
@@ -111,7 +111,7 @@ TEST(RegisterParse, BadNumbersThrowExactMessages) {
   }
 }
 
-TEST(RegisterParse, ToleratedProblemsAreTracedAtLevel8) {
+TEST(RegisterFileLine, ToleratedProblemsAreTracedAtLevel8) {
   struct Case {
     char const* line;
     char const* trace;  // nullptr: the line must produce no trace at all
@@ -143,7 +143,7 @@ TEST(RegisterParse, ToleratedProblemsAreTracedAtLevel8) {
   }
 }
 
-TEST(RegisterParse, ShortLineLeavesMissingFieldsZero) {
+TEST(RegisterFileLine, ShortLineLeavesMissingFieldsZero) {
   Register const empty("", 4);
   EXPECT_EQ(empty.number, 0u);
   EXPECT_EQ(empty.width, 0u);
@@ -159,7 +159,7 @@ TEST(RegisterParse, ShortLineLeavesMissingFieldsZero) {
   EXPECT_EQ(partial.width, 0u);
 }
 
-TEST(RegisterParse, ExtraFieldsAfterWidthAreIgnored) {
+TEST(RegisterFileLine, ExtraFieldsAfterWidthAreIgnored) {
   Register const reg("9,r,ctl,false,12,garbage,99999", 1);
   EXPECT_EQ(reg.number, 9u);
   EXPECT_EQ(reg.width, 12u);
@@ -167,9 +167,9 @@ TEST(RegisterParse, ExtraFieldsAfterWidthAreIgnored) {
   EXPECT_FALSE(reg.writeable);
 }
 
-using RegisterDeathTest = ::testing::Test;
+using RegisterFileDeathTest = ::testing::Test;
 
-TEST_F(RegisterDeathTest, ZeroAddressBlockSizeIsFatal) {
+TEST_F(RegisterFileDeathTest, ZeroAddressBlockSizeIsFatal) {
   EXPECT_DEATH(Register("1,a,cfg,true,32", 0),
                "condition: addrBlockSize\n"
                "  message:   a register file's address block size must not be 0\n"
@@ -177,7 +177,7 @@ TEST_F(RegisterDeathTest, ZeroAddressBlockSizeIsFatal) {
                "  function:  TarnRegFile::Register::Register\\(const std::string_view&, U8\\)");
 }
 
-TEST(RegisterType, TextFormsRoundTrip) {
+TEST(RegisterFileTypes, TextFormsRoundTrip) {
   struct Case {
     RegisterType type;
     char const* text;
@@ -193,7 +193,7 @@ TEST(RegisterType, TextFormsRoundTrip) {
   EXPECT_EQ(static_cast<U8>(RegisterType::Ctl), 6);
 }
 
-TEST(RegisterType, UnrecognisedValuesAndTokens) {
+TEST(RegisterFileTypes, UnrecognisedValuesAndTokens) {
   for (char const* token : {"", "CFG", "Cfg", "cfg ", " cfg", "(unknown)", "status", "cf"})
     EXPECT_EQ(Register::regTypeFromString(token), RegisterType::Unknown) << token;
   std::string const& unknown = Register::regTypeToString(RegisterType::Unknown);
@@ -351,7 +351,7 @@ TEST_F(RegisterFilePath, MissingFileNamesThePath) {
   EXPECT_EQ(runtimeErrorOf([&] { RegisterFile(dir_.c_str(), 4); }), "Encountered wrong CSV header!");
 }
 
-TEST(ShippedMaps, DemoChipMapIsValidAndUsesEveryType) {
+TEST(RegisterFileShippedMaps, DemoChipMapIsValidAndUsesEveryType) {
   Kiv::TraceCapture cap("TarnRegFile/*");
   RegisterFile const file(TARN_SOURCE_DIR "/examples/maps/demo_chip.csv", 4);
   EXPECT_TRUE(cap.records().empty()) << cap.records().front().text;

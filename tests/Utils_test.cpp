@@ -30,7 +30,7 @@ std::vector<std::string> tokens(std::string_view text) {
   return out;
 }
 
-TEST(Tokenize, SplitsOnEverySeparatorButTheLast) {
+TEST(UtilsTokenize, SplitsOnEverySeparatorButTheLast) {
   using V = std::vector<std::string>;
   struct Case {
     char const* text;
@@ -44,7 +44,7 @@ TEST(Tokenize, SplitsOnEverySeparatorButTheLast) {
   for (auto const& c : cases) EXPECT_EQ(tokens(c.text), c.expected) << '"' << c.text << '"';
 }
 
-TEST(Tokenize, AdvancesPositionAndLeavesTokenAloneAtTheEnd) {
+TEST(UtilsTokenize, AdvancesPositionAndLeavesTokenAloneAtTheEnd) {
   std::string_view const text = "ab;c";
   U32 pos = 0;
   std::string_view token;
@@ -61,7 +61,7 @@ TEST(Tokenize, AdvancesPositionAndLeavesTokenAloneAtTheEnd) {
 
 // ---------------------------------------------------------------- getline_lea
 
-TEST(GetlineLea, DropsOneTrailingCarriageReturn) {
+TEST(UtilsGetlineLea, DropsOneTrailingCarriageReturn) {
   std::istringstream in("one\r\ntwo\n\r\na\r\r\nlast\r");
   std::string buffer;
   std::string_view line;
@@ -74,7 +74,7 @@ TEST(GetlineLea, DropsOneTrailingCarriageReturn) {
   EXPECT_TRUE(line.empty());
 }
 
-TEST(GetlineLea, FailedReadGivesEmptyLine) {
+TEST(UtilsGetlineLea, FailedReadGivesEmptyLine) {
   std::istringstream in("");
   std::string buffer = "stale";
   std::string_view line = buffer;
@@ -84,7 +84,7 @@ TEST(GetlineLea, FailedReadGivesEmptyLine) {
 
 // ---------------------------------------------------------------- numbers
 
-TEST(Strtoint, AcceptsOnlyPlainDigitsThatFit) {
+TEST(UtilsStrtoint, AcceptsOnlyPlainDigitsThatFit) {
   struct Case {
     char const* text;
     int base;
@@ -111,7 +111,7 @@ TEST(Strtoint, AcceptsOnlyPlainDigitsThatFit) {
   }
 }
 
-TEST(Strtoint, RespectsTheTargetTypesRange) {
+TEST(UtilsStrtoint, RespectsTheTargetTypesRange) {
   U8 small = 0;
   EXPECT_TRUE(Utils::strtoint("255", small, 10));
   EXPECT_EQ(small, 255);
@@ -122,7 +122,7 @@ TEST(Strtoint, RespectsTheTargetTypesRange) {
   EXPECT_FALSE(Utils::strtoint("18446744073709551616", big, 10));
 }
 
-TEST(Strtouint32Checked, FollowsStrtoulWithinThirtyTwoBits) {
+TEST(UtilsStrtouint32Checked, FollowsStrtoulWithinThirtyTwoBits) {
   struct Case {
     char const* text;
     bool ok;
@@ -175,7 +175,7 @@ std::function<int32_t()> ref(Fake& fake) {
   return [&fake] { return fake(); };
 }
 
-TEST(SyscallAutoRetry, RetriesEagainAfterAPause) {
+TEST(UtilsSyscallAutoRetry, RetriesEagainAfterAPause) {
   FakeCall fake{{EAGAIN, EAGAIN}, 5};
   auto const start = std::chrono::steady_clock::now();
   EXPECT_EQ(Utils::syscallAutoRetry(ref(fake), true, false), 5);
@@ -184,13 +184,13 @@ TEST(SyscallAutoRetry, RetriesEagainAfterAPause) {
   EXPECT_GE(elapsed, std::chrono::microseconds(2000));
 }
 
-TEST(SyscallAutoRetry, RetriesEintrImmediately) {
+TEST(UtilsSyscallAutoRetry, RetriesEintrImmediately) {
   FakeCall fake{{EINTR, EINTR, EINTR}, 0};
   EXPECT_EQ(Utils::syscallAutoRetry(ref(fake), false, true), 0);
   EXPECT_EQ(fake.calls, 4);
 }
 
-TEST(SyscallAutoRetry, ReturnsFailureAtOnceWhenNotRetried) {
+TEST(UtilsSyscallAutoRetry, ReturnsFailureAtOnceWhenNotRetried) {
   struct Case {
     int err;
     bool retryOnEagain;
@@ -206,7 +206,7 @@ TEST(SyscallAutoRetry, ReturnsFailureAtOnceWhenNotRetried) {
   }
 }
 
-TEST(SyscallAutoRetry, ReturnsNonNegativeResultsUnchanged) {
+TEST(UtilsSyscallAutoRetry, ReturnsNonNegativeResultsUnchanged) {
   FakeCall fake{{}, 123};
   EXPECT_EQ(Utils::syscallAutoRetry(ref(fake), true, true), 123);
   EXPECT_EQ(fake.calls, 1);
@@ -215,11 +215,11 @@ TEST(SyscallAutoRetry, ReturnsNonNegativeResultsUnchanged) {
   EXPECT_EQ(errno, EBADF);
 }
 
-TEST(SyscallAutoRetry, EmptyCallIsBadFunctionCall) {
+TEST(UtilsSyscallAutoRetry, EmptyCallIsBadFunctionCall) {
   EXPECT_THROW(Utils::syscallAutoRetry(std::function<int32_t()>(), true, true), std::bad_function_call);
 }
 
-TEST(ErrnoMsg, FormatsTextAndNumber) {
+TEST(UtilsErrnoMsg, FormatsTextAndNumber) {
   errno = ENOENT;
   EXPECT_EQ(Utils::errnoMsg(), "No such file or directory (2)");
   errno = EACCES;
@@ -236,7 +236,7 @@ int openDevNull() {
   return fd;
 }
 
-TEST(UnixFdRes, ClosesOnDestruction) {
+TEST(UtilsUnixFdRes, ClosesOnDestruction) {
   int const fd = openDevNull();
   {
     Utils::UnixFdRes res(fd);
@@ -247,7 +247,7 @@ TEST(UnixFdRes, ClosesOnDestruction) {
   EXPECT_EQ(errno, EBADF);
 }
 
-TEST(UnixFdRes, MoveLeavesNothingBehind) {
+TEST(UtilsUnixFdRes, MoveLeavesNothingBehind) {
   int const fd = openDevNull();
   Utils::UnixFdRes target;
   {
@@ -263,7 +263,7 @@ TEST(UnixFdRes, MoveLeavesNothingBehind) {
   EXPECT_EQ(target.fd(), fd);
 }
 
-TEST(UnixFdRes, OverwritingClosesTheHeldDescriptor) {
+TEST(UtilsUnixFdRes, OverwritingClosesTheHeldDescriptor) {
   int const first = openDevNull();
   int const second = openDevNull();
   Utils::UnixFdRes holder(first);
@@ -287,7 +287,7 @@ TEST(UnixFdRes, OverwritingClosesTheHeldDescriptor) {
 
 // ---------------------------------------------------------------- UnixFlockRes
 
-class UnixFlockRes : public ::testing::Test {
+class UtilsUnixFlockRes : public ::testing::Test {
 protected:
   void SetUp() override {
     char pattern[] = "/tmp/tarn_flock_test_XXXXXX";
@@ -324,7 +324,7 @@ int tryExclusive(int fd) {
   return errno == EWOULDBLOCK ? 0 : 2;
 }
 
-TEST_F(UnixFlockRes, RefusesBadArgumentsInOrder) {
+TEST_F(UtilsUnixFlockRes, RefusesBadArgumentsInOrder) {
   struct Case {
     int fd;
     int mode;
@@ -353,7 +353,7 @@ TEST_F(UnixFlockRes, RefusesBadArgumentsInOrder) {
   EXPECT_EQ(inChild(tryExclusive), 1);
 }
 
-TEST_F(UnixFlockRes, ExclusiveLockKeepsOtherDescriptorsOutUntilDestroyed) {
+TEST_F(UtilsUnixFlockRes, ExclusiveLockKeepsOtherDescriptorsOutUntilDestroyed) {
   {
     Utils::UnixFlockRes lock(fd_, LOCK_EX);
     EXPECT_EQ(lock.fd(), fd_);
@@ -363,7 +363,7 @@ TEST_F(UnixFlockRes, ExclusiveLockKeepsOtherDescriptorsOutUntilDestroyed) {
   EXPECT_TRUE(isOpen(fd_));  // the lock holder does not own the descriptor
 }
 
-TEST_F(UnixFlockRes, SharedLocksCoexistButExcludeWriters) {
+TEST_F(UtilsUnixFlockRes, SharedLocksCoexistButExcludeWriters) {
   Utils::UnixFlockRes lock(fd_, LOCK_SH);
   EXPECT_EQ(inChild([](int fd) {
               if (::flock(fd, LOCK_SH | LOCK_NB) != 0) return 3;
@@ -373,7 +373,7 @@ TEST_F(UnixFlockRes, SharedLocksCoexistButExcludeWriters) {
             0);
 }
 
-TEST_F(UnixFlockRes, ContendedNonBlockingRequestIsPolledUntilGranted) {
+TEST_F(UtilsUnixFlockRes, ContendedNonBlockingRequestIsPolledUntilGranted) {
   std::chrono::steady_clock::time_point released;
   int status;
   {
