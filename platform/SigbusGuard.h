@@ -49,11 +49,13 @@ TARN_API U32 guardedRead32(U32 const volatile* addr);
 /// @brief One volatile 32-bit store of @p value to @p addr; a bus error becomes SigbusException.
 TARN_API void guardedWrite32(U32 volatile* addr, U32 value);
 
-/// @brief Non-throwing load: false when the access hit a bus error (@p value is then untouched).
-TARN_API bool tryRead32(U32 const volatile* addr, U32& value) noexcept;
+/// @brief Load that reports a bus error by returning false (@p value is then untouched).
+///
+/// Throws only when the handler cannot be installed.
+TARN_API bool tryRead32(U32 const volatile* addr, U32& value);
 
-/// @brief Non-throwing store: false when the access hit a bus error.
-TARN_API bool tryWrite32(U32 volatile* addr, U32 value) noexcept;
+/// @brief Store that reports a bus error by returning false.
+TARN_API bool tryWrite32(U32 volatile* addr, U32 value);
 
 /// @brief Process-wide switch consulted by PCI access objects before they set up
 /// their own SIGBUS handling. On by default; a component that guards its accesses
