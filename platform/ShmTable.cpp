@@ -1,0 +1,679 @@
+#include "ShmTable.h"
+
+#include "Trace.h"
+
+#include <fmt/format.h>
+
+#include <atomic>
+#include <bit>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <utility>
+
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Kiv::Shm {
+
+namespace {
+
+Kiv::TraceHandle kTrace("Shm/Table");
+
+static_assert(std::endian::native == std::endian::little, "the table layout is little-endian");
+
+constexpr U32 kMagic = 0x4C42544Bu;  // the bytes "KTBL"
+constexpr U32 kEmpty = 0;
+constexpr U32 kUsed = 1;
+constexpr U32 kDeleted = 2;
+constexpr U32 kNoBucket = ~0u;
+constexpr U32 kMaxReadAttempts = 100000;
+constexpr U64 kMaxFileBytes = U64{1} << 30;
+
+/// The file header. Words 0..10 never change after creation and are covered by headerCheck.
+struct Header {
+  U32 magic;          // 0
+  U32 layoutVersion;  // 4
+  U32 headerBytes;    // 8
+  U32 valueSize;      // 12
+  U32 keySize;        // 16
+  U32 capacity;       // 20
+  U32 bucketCount;    // 24
+  U32 bucketBytes;    // 28
+  U32 slotOffset;     // 32
+  U32 bucketsOffset;  // 36
+  U32 seed;           // 40
+  U32 headerCheck;    // 44
+  U32 retired;        // 48: 1 once a rebuilt file replaces this one
+  U32 reserved0[3];   // 52
+  // A separate cache line: the writer changes these on every write, readers
+  // poll `retired` on every operation.
+  U32 writerPid;        // 64
+  U32 size;             // 68
+  U32 changeCounter;    // 72
+  U32 reserved1[13];    // 76
+};
+static_assert(sizeof(Header) == Table::kHeaderBytes);
+static_assert(offsetof(Header, seed) == 40 && offsetof(Header, headerCheck) == 44);
+static_assert(offsetof(Header, retired) == 48 && offsetof(Header, writerPid) == 64);
+static_assert(offsetof(Header, size) == 68 && offsetof(Header, changeCounter) == 72);
+constexpr U32 kCheckedHeaderWords = offsetof(Header, headerCheck) / 4;
+
+// Bucket: control word, a reserved word, then two copies of kCopyFixedWords + stride/4 words.
+constexpr U32 kBucketFixedWords = 2;
+constexpr U32 kCopyFixedWords = 4;
+enum CopyWord : U32 { kSeq = 0, kState = 1, kHash = 2, kCheck = 3 };
+
+/// Sizes derived from the value size, key size and capacity.
+struct Geometry {
+  U32 valueSize = 0;
+  U32 keySize = 0;
+  U32 capacity = 0;
+  U32 stride = 0;  // value size rounded up to whole words
+  U32 copyWords = 0;
+  U32 bucketCount = 0;
+  U32 bucketBytes = 0;
+  U32 slotOffset = 0;
+  U32 bucketsOffset = 0;
+  U64 fileBytes = 0;
+};
+
+/// Assumes sizes within their limits (checked by the callers).
+Geometry geometryOf(U32 valueSize, U32 keySize, U32 capacity) {
+  Geometry g;
+  g.valueSize = valueSize;
+  g.keySize = keySize;
+  g.capacity = capacity;
+  g.stride = (valueSize + 3u) & ~3u;
+  g.copyWords = kCopyFixedWords + g.stride / 4;
+  g.bucketCount = std::bit_ceil(2u * capacity);
+  g.bucketBytes = 4 * (kBucketFixedWords + 2 * g.copyWords);
+  g.slotOffset = Table::kHeaderBytes;
+  g.bucketsOffset = g.slotOffset + ((g.stride + 63u) & ~63u);
+  g.fileBytes = g.bucketsOffset + U64{g.bucketCount} * g.bucketBytes;
+  return g;
+}
+
+bool sizesPlausible(U32 valueSize, U32 keySize, U32 capacity) {
+  return valueSize >= 1 && valueSize <= Table::kMaxValueSize && keySize >= 1 && keySize <= valueSize &&
+         capacity >= 1 && capacity <= Table::kMaxCapacity &&
+         geometryOf(valueSize, keySize, capacity).fileBytes <= kMaxFileBytes;
+}
+
+// Everything in the mapping is read and written as whole 32-bit atomics so
+// that readers racing with the writer (in any process) are well defined.
+inline U32 loadAcquire(U32 const& word) {
+  return std::atomic_ref<U32>(const_cast<U32&>(word)).load(std::memory_order_acquire);
+}
+inline U32 loadRelaxed(U32 const& word) {
+  return std::atomic_ref<U32>(const_cast<U32&>(word)).load(std::memory_order_relaxed);
+}
+inline void storeRelaxed(U32& word, U32 value) { std::atomic_ref<U32>(word).store(value, std::memory_order_relaxed); }
+inline void storeRelease(U32& word, U32 value) { std::atomic_ref<U32>(word).store(value, std::memory_order_release); }
+
+// Tags: bit 0 set while a copy is being written, bit 1 names the copy, the
+// rest counts writes in steps of 12. Neighbouring tags differ by 10 or 14,
+// never by a power of two, so one flipped bit cannot turn a tag into another.
+constexpr U32 nextTag(U32 tag) { return ((tag & ~3u) + 12u) | ((tag & 2u) ^ 2u); }
+constexpr U32 prevTag(U32 tag) { return ((tag & ~3u) - 12u) | ((tag & 2u) ^ 2u); }
+constexpr U32 copyOf(U32 tag) { return (tag >> 1) & 1u; }
+static_assert(nextTag(prevTag(0)) == 0 && copyOf(prevTag(0)) == 1 && copyOf(nextTag(0)) == 1);
+
+/// One step of the check: xor, multiply by an odd constant, xor-shift; each a bijection.
+constexpr U32 mix(U32 sum, U32 word) {
+  sum = (sum ^ word) * 0x9E3779B1u;
+  return sum ^ (sum >> 15);
+}
+constexpr U32 checkBasis(U32 bucket) { return mix(0x811C9DC5u, bucket); }
+
+U32 headerCheckOf(Header const& h) {
+  U32 const* words = &h.magic;
+  U32 sum = 0x811C9DC5u;
+  for (U32 i = 0; i < kCheckedHeaderWords; ++i)
+    sum = mix(sum, loadRelaxed(words[i]));
+  return sum;
+}
+
+U32 randomSeed() {
+  U32 seed = 0;
+  if (::getrandom(&seed, sizeof seed, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof seed))
+    seed = static_cast<U32>(::getpid()) * 0x9E3779B1u ^ static_cast<U32>(reinterpret_cast<std::uintptr_t>(&seed));
+  return seed;
+}
+
+[[noreturn]] void throwCorrupt(std::string_view path, std::string_view what) {
+  std::string message = fmt::format("shared-memory table '{}' is corrupt: {}", path, what);
+  kTrace.line(0, "{}", message);
+  throw CorruptionException(message);
+}
+
+[[noreturn]] void throwErrno(std::string_view path, std::string_view what) {
+  throw std::runtime_error(fmt::format("shared-memory table '{}': cannot {}: {}", path, what, std::strerror(errno)));
+}
+
+bool sameFile(int fd, Root::Place const& where) {
+  struct stat mine {}, named {};
+  return ::fstat(fd, &mine) == 0 && ::fstatat(where.dir.get(), where.leaf.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+         mine.st_dev == named.st_dev && mine.st_ino == named.st_ino;
+}
+
+/// Takes the writer lock or explains who holds it.
+void lockWriter(int fd, std::string_view path) {
+  if (::flock(fd, LOCK_EX | LOCK_NB) == 0)
+    return;
+  if (errno != EWOULDBLOCK)
+    throwErrno(path, "lock the table for writing");
+  U32 pid = 0;
+  if (::pread(fd, &pid, sizeof pid, offsetof(Header, writerPid)) == static_cast<ssize_t>(sizeof pid) && pid != 0)
+    throw std::runtime_error(fmt::format("shared-memory table '{}' already has a writer (pid {})", path, pid));
+  throw std::runtime_error(fmt::format("shared-memory table '{}' already has a writer", path));
+}
+
+}  // namespace
+
+struct Table::Mapping {
+  std::byte* base = nullptr;
+  std::size_t bytes = 0;
+  Fd fd;  // the writer's lock lives on it
+  Geometry geo;
+  U32 seed = 0;
+  dev_t dev = 0;
+  ino_t ino = 0;
+
+  Mapping() = default;
+  Mapping(Mapping const&) = delete;
+  Mapping& operator=(Mapping const&) = delete;
+  ~Mapping() {
+    if (base != nullptr)
+      ::munmap(base, bytes);
+  }
+
+  Header& header() const { return *reinterpret_cast<Header*>(base); }
+  U32* bucket(U32 index) const {
+    return reinterpret_cast<U32*>(base + geo.bucketsOffset + std::size_t{index} * geo.bucketBytes);
+  }
+  U32* copy(U32* bucketWords, U32 which) const { return bucketWords + kBucketFixedWords + which * geo.copyWords; }
+};
+
+// ---- construction ---------------------------------------------------------------------------------------------
+
+Table::Table(Root root, std::string_view path, GroupMode group, bool writer)
+    : root_(std::move(root)), path_(path), group_(group), writer_(writer) {}
+
+Table::Table(Table&&) noexcept = default;
+Table& Table::operator=(Table&&) noexcept = default;
+
+Table::~Table() {
+  if (writer_ && map_)
+    storeRelaxed(map_->header().writerPid, 0);
+}
+
+std::shared_ptr<Table::Mapping> Table::mapFile(Fd fd, bool writable, std::string const& path) {
+  struct stat st {};
+  if (::fstat(fd.get(), &st) != 0)
+    throwErrno(path, "inspect the table file");
+  U64 const fileBytes = static_cast<U64>(st.st_size);
+  if (fileBytes < kHeaderBytes)
+    throwCorrupt(path, fmt::format("the file is {} bytes, too small for a header", fileBytes));
+  if (fileBytes > kMaxFileBytes + kHeaderBytes + kMaxValueSize)
+    throwCorrupt(path, fmt::format("the file is {} bytes, larger than any table", fileBytes));
+
+  auto map = std::make_shared<Mapping>();
+  map->bytes = static_cast<std::size_t>(fileBytes);
+  int const prot = writable ? PROT_READ | PROT_WRITE : PROT_READ;
+  void* base = ::mmap(nullptr, map->bytes, prot, MAP_SHARED, fd.get(), 0);
+  if (base == MAP_FAILED)
+    throwErrno(path, "map the table file");
+  map->base = static_cast<std::byte*>(base);
+  map->dev = st.st_dev;
+  map->ino = st.st_ino;
+
+  Header const& h = map->header();
+  U32 const magic = loadRelaxed(h.magic);
+  if (magic != kMagic)
+    throwCorrupt(path, fmt::format("bad magic {:#010x}", magic));
+  U32 const version = loadRelaxed(h.layoutVersion);
+  if (version != kLayoutVersion)
+    throwCorrupt(path, fmt::format("layout version {}, this build reads version {}", version, kLayoutVersion));
+  if (loadRelaxed(h.headerCheck) != headerCheckOf(h))
+    throwCorrupt(path, "header check mismatch");
+  U32 const valueSize = loadRelaxed(h.valueSize);
+  U32 const keySize = loadRelaxed(h.keySize);
+  U32 const capacity = loadRelaxed(h.capacity);
+  if (!sizesPlausible(valueSize, keySize, capacity))
+    throwCorrupt(path, fmt::format("impossible sizes: value {}, key {}, capacity {}", valueSize, keySize, capacity));
+  Geometry const g = geometryOf(valueSize, keySize, capacity);
+  if (loadRelaxed(h.headerBytes) != kHeaderBytes || loadRelaxed(h.bucketCount) != g.bucketCount ||
+      loadRelaxed(h.bucketBytes) != g.bucketBytes || loadRelaxed(h.slotOffset) != g.slotOffset ||
+      loadRelaxed(h.bucketsOffset) != g.bucketsOffset)
+    throwCorrupt(path, "the header's layout fields disagree with its sizes");
+  if (g.fileBytes != fileBytes)
+    throwCorrupt(path, fmt::format("the file is {} bytes, its header describes {}", fileBytes, g.fileBytes));
+  if (loadRelaxed(h.retired) > 1)
+    throwCorrupt(path, "bad retired flag");
+  map->geo = g;
+  map->seed = loadRelaxed(h.seed);
+  map->fd = std::move(fd);
+  return map;
+}
+
+std::shared_ptr<Table::Mapping> Table::createFile(Root const& root, Root::Place const& where, GroupMode group,
+                                                  TableSpec spec, U32 seed) {
+  Geometry const g = geometryOf(spec.valueSize, spec.keySize, spec.capacity);
+  Fd fd = root.createUnnamed(where, group);
+  if (::ftruncate(fd.get(), static_cast<off_t>(g.fileBytes)) != 0)
+    throwErrno(where.path, "size the table file");
+  if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0)  // nobody else can see the file yet
+    throwErrno(where.path, "lock the new table file");
+  auto map = std::make_shared<Mapping>();
+  map->bytes = static_cast<std::size_t>(g.fileBytes);
+  void* base = ::mmap(nullptr, map->bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+  if (base == MAP_FAILED)
+    throwErrno(where.path, "map the table file");
+  map->base = static_cast<std::byte*>(base);
+  map->geo = g;
+  map->seed = seed;
+  struct stat st {};
+  ::fstat(fd.get(), &st);
+  map->dev = st.st_dev;
+  map->ino = st.st_ino;
+  map->fd = std::move(fd);
+
+  Header& h = map->header();  // the file is fresh: all zero
+  h.magic = kMagic;
+  h.layoutVersion = kLayoutVersion;
+  h.headerBytes = kHeaderBytes;
+  h.valueSize = g.valueSize;
+  h.keySize = g.keySize;
+  h.capacity = g.capacity;
+  h.bucketCount = g.bucketCount;
+  h.bucketBytes = g.bucketBytes;
+  h.slotOffset = g.slotOffset;
+  h.bucketsOffset = g.bucketsOffset;
+  h.seed = seed;
+  h.headerCheck = headerCheckOf(h);
+  h.writerPid = static_cast<U32>(::getpid());
+
+  // Every bucket starts as if "empty" had been written once: copy 0 current
+  // under tag 0, copy 1 holding the tag before it. Both carry valid checks.
+  U32 const dataWords = g.stride / 4;
+  for (U32 b = 0; b < g.bucketCount; ++b) {
+    U32* words = map->bucket(b);
+    U32 const tags[2] = {0u, prevTag(0u)};
+    for (U32 which = 0; which < 2; ++which) {
+      U32* copy = map->copy(words, which);
+      U32 sum = mix(mix(mix(checkBasis(b), tags[which]), kEmpty), 0u);
+      for (U32 i = 0; i < dataWords; ++i)
+        sum = mix(sum, 0u);
+      copy[kSeq] = tags[which];
+      copy[kCheck] = sum;
+    }
+  }
+  return map;
+}
+
+Table Table::openWriter(Root const& root, std::string_view path, TableSpec spec, GroupMode group) {
+  Root::validatePath(path);
+  if (spec.valueSize < 1 || spec.valueSize > kMaxValueSize)
+    throw std::invalid_argument(fmt::format("shared-memory table '{}': value size {} is not between 1 and {} bytes",
+                                            path, spec.valueSize, kMaxValueSize));
+  if (spec.keySize < 1 || spec.keySize > spec.valueSize)
+    throw std::invalid_argument(fmt::format(
+        "shared-memory table '{}': key size {} is not between 1 and the value size {}", path, spec.keySize,
+        spec.valueSize));
+  if (!sizesPlausible(spec.valueSize, spec.keySize, spec.capacity))
+    throw std::invalid_argument(fmt::format(
+        "shared-memory table '{}': capacity {} is not between 1 and {} or makes the file larger than {} bytes",
+        path, spec.capacity, kMaxCapacity, kMaxFileBytes));
+
+  Table table(root, path, group, true);
+  // Another process may create, replace or grab the file between our steps; each retry starts over.
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    Root::Place where = root.place(path, true, group);
+    Fd fd = root.openFile(where, true);
+    if (!fd) {
+      auto fresh = createFile(root, where, group, spec, randomSeed());
+      if (!root.linkAs(where, fresh->fd.get(), where.leaf))
+        continue;  // created by someone else meanwhile: attach to theirs
+      table.map_ = std::move(fresh);
+      table.scratch_.resize(spec.valueSize);
+      kTrace.line(1, "created shared-memory table '{}' (capacity {}, {} buckets of {} bytes)", path, spec.capacity,
+                  table.map_->geo.bucketCount, table.map_->geo.bucketBytes);
+      return table;
+    }
+    lockWriter(fd.get(), path);
+    if (!sameFile(fd.get(), where))
+      continue;  // replaced by a rebuild before we got the lock
+    table.map_ = mapFile(std::move(fd), true, table.path_);
+    table.attach(spec, where);
+    return table;
+  }
+  throw std::runtime_error(fmt::format("shared-memory table '{}' keeps being replaced; cannot attach as writer", path));
+}
+
+void Table::attach(TableSpec spec, Root::Place const& where) {
+  Mapping& map = *map_;
+  Geometry const& g = map.geo;
+  if (g.valueSize != spec.valueSize || g.keySize != spec.keySize)
+    throw std::runtime_error(fmt::format(
+        "shared-memory table '{}' holds {}-byte values with {}-byte keys, not {}-byte values with {}-byte keys",
+        path_, g.valueSize, g.keySize, spec.valueSize, spec.keySize));
+  Header& h = map.header();
+  if (loadRelaxed(h.retired) != 0) {
+    // A writer died between retiring this file and renaming its replacement over it: this one stays.
+    storeRelease(h.retired, 0);
+    kTrace.line(1, "shared-memory table '{}': resuming after an interrupted rebuild", path_);
+  }
+  root_.unlinkName(where, Root::stagingName(where.leaf));
+  scratch_.resize(g.valueSize);
+
+  // Recount, verify every entry and finish commits whose control flip a dead writer did not make.
+  U32 used = 0, deleted = 0, completed = 0;
+  for (U32 b = 0; b < g.bucketCount; ++b) {
+    Entry const e = readEntry(map, b, scratch_.data());
+    used += e.state == kUsed;
+    deleted += e.state == kDeleted;
+    U32* words = map.bucket(b);
+    U32 const control = loadRelaxed(words[0]);
+    U32 const other = loadRelaxed(map.copy(words, copyOf(control) ^ 1u)[kSeq]);
+    if (other == nextTag(control)) {
+      storeRelease(words[0], other);
+      ++completed;
+    }
+  }
+  if (used > g.capacity)
+    throwCorrupt(path_, fmt::format("{} entries, more than the capacity {}", used, g.capacity));
+  used_ = used;
+  deleted_ = deleted;
+  storeRelaxed(h.size, used);
+  storeRelaxed(h.writerPid, static_cast<U32>(::getpid()));
+  kTrace.line(1, "attached to shared-memory table '{}' as writer: {} entries, {} interrupted commits completed",
+              path_, used, completed);
+  if (spec.capacity > g.capacity)
+    rebuild(spec.capacity);
+}
+
+Table Table::openReader(Root const& root, std::string_view path) {
+  Table table(root, path, GroupMode::Private, false);
+  Root::Place const where = root.place(path, false);
+  Fd fd = where.dir ? root.openFile(where, false) : Fd();
+  if (!fd)
+    throw std::runtime_error(fmt::format("shared-memory table '{}' does not exist", path));
+  table.map_ = mapFile(std::move(fd), false, table.path_);
+  return table;
+}
+
+// ---- growth and clean-up --------------------------------------------------------------------------------------
+
+void Table::rebuild(U32 capacity) {
+  std::shared_ptr<Mapping> const old = map_;
+  Root::Place const where = root_.place(path_, true, group_);
+  auto fresh = createFile(root_, where, group_, TableSpec{old->geo.valueSize, old->geo.keySize, capacity}, old->seed);
+  U32 const mask = fresh->geo.bucketCount - 1;
+  U32 used = 0;
+  for (U32 b = 0; b < old->geo.bucketCount; ++b) {
+    Entry const e = readEntry(*old, b, scratch_.data());
+    if (e.state != kUsed)
+      continue;
+    U32 slot = e.hash & mask;
+    while (loadRelaxed(fresh->bucket(slot)[0]) != 0)  // a control word moves on the first write
+      slot = (slot + 1) & mask;
+    publish(*fresh, slot, kUsed, e.hash, scratch_.data());
+    ++used;
+  }
+  Header& h = fresh->header();
+  h.size = used;
+  h.changeCounter = loadRelaxed(old->header().changeCounter) + 1;  // watchers see the move as a change
+
+  // Name the complete file, retire the old one, then swap the names. A reader
+  // that sees `retired` before the rename finds the old file still in place and
+  // keeps using it; a writer that dies in between leaves the old file, which
+  // the next writer takes back.
+  std::string const staging = Root::stagingName(where.leaf);
+  root_.unlinkName(where, staging);
+  if (!root_.linkAs(where, fresh->fd.get(), staging))
+    throw std::runtime_error(fmt::format("shared-memory table '{}': staging name '{}' is taken", path_, staging));
+  storeRelease(old->header().retired, 1);
+  root_.renameOver(where, staging, where.leaf);
+  kTrace.line(1, "rebuilt shared-memory table '{}': capacity {} -> {}, {} entries", path_, old->geo.capacity, capacity,
+              used);
+  map_ = std::move(fresh);
+  used_ = used;
+  deleted_ = 0;
+}
+
+Table::Mapping const& Table::current() {
+  if (loadAcquire(map_->header().retired) != 0) [[unlikely]]
+    followReplacement();
+  return *map_;
+}
+
+void Table::followReplacement() {
+  if (writer_)
+    return;
+  Root::Place const where = root_.place(path_, false);
+  Fd fd = where.dir ? root_.openFile(where, false) : Fd();
+  if (!fd)
+    throw std::runtime_error(fmt::format("shared-memory table '{}' was replaced and then removed", path_));
+  struct stat st {};
+  if (::fstat(fd.get(), &st) == 0 && st.st_dev == map_->dev && st.st_ino == map_->ino)
+    return;  // the replacement is not in place yet; this file still holds every entry
+  map_ = mapFile(std::move(fd), false, path_);
+  kTrace.line(2, "shared-memory table '{}': reader moved to the rebuilt file", path_);
+}
+
+// ---- entries --------------------------------------------------------------------------------------------------
+
+Table::Entry Table::readEntry(Mapping const& map, U32 bucket, std::byte* out) const {
+  U32 const* const words = map.bucket(bucket);
+  U32 const valueSize = map.geo.valueSize;
+  U32 const fullWords = valueSize / 4;
+  U32 const tailBytes = valueSize % 4;
+  for (U32 attempt = 0;; ++attempt) {
+    U32 const control = loadAcquire(words[0]);
+    U32 which = copyOf(control);
+    U32 const otherSeq = loadAcquire(words[kBucketFixedWords + (which ^ 1u) * map.geo.copyWords + kSeq]);
+    U32 expected = control;
+    bool const otherNewer = otherSeq == nextTag(control);
+    bool const otherSound = otherNewer || otherSeq == prevTag(control) || otherSeq == (nextTag(control) | 1u);
+    if (otherNewer) {
+      which ^= 1u;
+      expected = otherSeq;
+    }
+    U32 const* copy = words + kBucketFixedWords + which * map.geo.copyWords;
+    U32 const seq = loadAcquire(copy[kSeq]);
+    U32 const state = loadRelaxed(copy[kState]);
+    U32 const hash = loadRelaxed(copy[kHash]);
+    U32 const check = loadRelaxed(copy[kCheck]);
+    U32 sum = mix(mix(mix(checkBasis(bucket), seq), state), hash);
+    U32 const* data = copy + kCopyFixedWords;
+    for (U32 i = 0; i < fullWords; ++i) {
+      U32 const word = loadRelaxed(data[i]);
+      sum = mix(sum, word);
+      std::memcpy(out + 4 * i, &word, 4);
+    }
+    if (tailBytes != 0) {
+      U32 const word = loadRelaxed(data[fullWords]);
+      sum = mix(sum, word);
+      std::memcpy(out + 4 * fullWords, &word, tailBytes);
+    }
+    std::atomic_thread_fence(std::memory_order_acquire);
+    U32 const seqAfter = loadRelaxed(copy[kSeq]);
+    if (loadRelaxed(words[0]) == control) [[likely]] {
+      // The writer touches the copy we read only after moving the control word,
+      // so from here on any inconsistency is damage.
+      if ((control & 1u) != 0 || !otherSound || seq != expected || seqAfter != seq)
+        corrupt(bucket, "its copies do not match its control word");
+      if (sum != check)
+        corrupt(bucket, "check mismatch");
+      if (state > kDeleted)
+        corrupt(bucket, fmt::format("unknown state {}", state));
+      return Entry{state, hash};
+    }
+    if (attempt >= kMaxReadAttempts)
+      corrupt(bucket, "it kept changing while being read");
+    if (attempt >= 16)
+      ::sched_yield();  // a busy writer on the same entry: let it finish
+  }
+}
+
+Table::Probe Table::probe(Mapping const& map, std::byte const* key, U32 hash, std::byte* buffer) const {
+  U32 const count = map.geo.bucketCount;
+  U32 const mask = count - 1;
+  U32 deleted = kNoBucket;
+  for (U32 i = 0; i < count; ++i) {
+    U32 const b = (hash + i) & mask;
+    Entry const e = readEntry(map, b, buffer);
+    if (e.state == kEmpty)
+      return deleted == kNoBucket ? Probe{false, b, false} : Probe{false, deleted, true};
+    if (e.state == kDeleted) {
+      if (deleted == kNoBucket)
+        deleted = b;
+    } else if (e.hash == hash && std::memcmp(buffer, key, map.geo.keySize) == 0) {
+      return Probe{true, b, false};
+    }
+  }
+  if (deleted == kNoBucket && writer_)
+    corrupt(hash & mask, "every bucket holds an entry");
+  return Probe{false, deleted, true};
+}
+
+void Table::publish(Mapping& map, U32 bucket, U32 state, U32 hash, std::byte const* value) {
+  U32* const words = map.bucket(bucket);
+  U32 const tag = nextTag(loadRelaxed(words[0]));
+  U32* const copy = map.copy(words, copyOf(tag));
+  storeRelaxed(copy[kSeq], tag | 1u);
+  std::atomic_thread_fence(std::memory_order_release);
+  storeRelaxed(copy[kState], state);
+  storeRelaxed(copy[kHash], hash);
+  U32 sum = mix(mix(mix(checkBasis(bucket), tag), state), hash);
+  U32 const valueSize = map.geo.valueSize;
+  U32* const data = copy + kCopyFixedWords;
+  for (U32 i = 0, offset = 0; offset < map.geo.stride; ++i, offset += 4) {
+    U32 word = 0;
+    if (value != nullptr)
+      std::memcpy(&word, value + offset, valueSize - offset < 4 ? valueSize - offset : 4);
+    sum = mix(sum, word);
+    storeRelaxed(data[i], word);
+  }
+  storeRelaxed(copy[kCheck], sum);
+  storeRelease(copy[kSeq], tag);
+  storeRelease(words[0], tag);
+}
+
+void Table::countChange() {
+  Header& h = map_->header();
+  storeRelaxed(h.size, used_);
+  storeRelease(h.changeCounter, loadRelaxed(h.changeCounter) + 1);
+}
+
+void Table::requireWriter(char const* operation) const {
+  if (!writer_)
+    throw std::runtime_error(fmt::format("shared-memory table '{}' is open read-only; cannot {}", path_, operation));
+}
+
+void Table::corrupt(U32 bucket, std::string_view what) const {
+  throwCorrupt(path_, fmt::format("entry {}: {}", bucket, what));
+}
+
+// ---- operations -----------------------------------------------------------------------------------------------
+
+void Table::write(std::byte const* value, U32 hash) {
+  requireWriter("write");
+  Probe where = probe(*map_, value, hash, scratch_.data());
+  std::shared_ptr<Mapping> keep;  // @p value may point into the writer slot of a file a rebuild replaces
+  if (!where.found) {
+    U32 const capacity = map_->geo.capacity;
+    if (used_ >= capacity)
+      throw std::runtime_error(fmt::format("shared-memory table '{}' is full (capacity {})", path_, capacity));
+    if (!where.reusesDeleted && used_ + deleted_ + 1 > map_->geo.bucketCount / 4 * 3) {
+      keep = map_;
+      rebuild(capacity);  // clears the deleted markers that crowd the buckets
+      where = probe(*map_, value, hash, scratch_.data());
+    }
+    if (where.reusesDeleted)
+      --deleted_;
+    ++used_;
+  }
+  publish(*map_, where.bucket, kUsed, hash, value);
+  countChange();
+}
+
+std::byte* Table::writerSlot() {
+  requireWriter("fill the writer slot");
+  return map_->base + map_->geo.slotOffset;
+}
+
+void Table::commit(U32 hash) { write(writerSlot(), hash); }
+
+bool Table::remove(std::byte const* key, U32 hash) {
+  requireWriter("remove");
+  Mapping& map = *map_;
+  Probe const where = probe(map, key, hash, scratch_.data());
+  if (!where.found)
+    return false;
+  U32 const mask = map.geo.bucketCount - 1;
+  if (readEntry(map, (where.bucket + 1) & mask, scratch_.data()).state == kEmpty) {
+    // Nothing was placed past this bucket, so it can become empty, and so can
+    // the deleted markers right before it: no probe needs to pass them.
+    publish(map, where.bucket, kEmpty, 0, nullptr);
+    for (U32 b = (where.bucket - 1) & mask; b != where.bucket; b = (b - 1) & mask) {
+      if (readEntry(map, b, scratch_.data()).state != kDeleted)
+        break;
+      publish(map, b, kEmpty, 0, nullptr);
+      --deleted_;
+    }
+  } else {
+    publish(map, where.bucket, kDeleted, 0, nullptr);
+    ++deleted_;
+  }
+  --used_;
+  countChange();
+  return true;
+}
+
+bool Table::lookup(std::byte const* key, U32 hash, std::byte* out) {
+  return probe(current(), key, hash, out).found;
+}
+
+Table::Cursor Table::first() {
+  current();
+  Cursor cursor;
+  cursor.map_ = map_;
+  return cursor;
+}
+
+bool Table::next(Cursor& cursor, std::byte* out) const {
+  if (!cursor.map_)
+    return false;
+  Mapping const& map = *cursor.map_;
+  while (cursor.bucket_ < map.geo.bucketCount) {
+    if (readEntry(map, cursor.bucket_++, out).state == kUsed)
+      return true;
+  }
+  return false;
+}
+
+U32 Table::size() {
+  Mapping const& map = current();
+  U32 const size = loadAcquire(map.header().size);
+  if (size > map.geo.capacity)
+    throwCorrupt(path_, fmt::format("entry count {} exceeds the capacity {}", size, map.geo.capacity));
+  return size;
+}
+
+U32 Table::capacity() { return current().geo.capacity; }
+
+U32 Table::changeCounter() { return loadAcquire(current().header().changeCounter); }
+
+U32 Table::seed() const noexcept { return map_->seed; }
+
+U32 Table::valueSize() const noexcept { return map_->geo.valueSize; }
+
+U32 Table::keySize() const noexcept { return map_->geo.keySize; }
+
+}  // namespace Kiv::Shm

@@ -1,0 +1,201 @@
+#pragma once
+/// @file ShmTable.h
+/// @brief A fixed-capacity table of fixed-size values in POSIX shared memory:
+/// one writer process, any number of lock-free readers in any process.
+///
+/// The table is untyped: a value is `valueSize()` bytes whose first
+/// `keySize()` bytes are its key, and callers pass a 32-bit hash of the key
+/// computed with the table's `seed()` (stored in the file, so every process
+/// places a key in the same bucket). `Collection` (ShmCollection.h) adds types.
+///
+/// Layout (all fields little-endian u32, the same on i386 and amd64; docs/shared-memory.md has the byte map):
+/// a 128-byte header, the writer's scratch slot, then a power-of-two number of
+/// buckets (at least twice the capacity) probed linearly from `hash`. Each
+/// bucket holds a control word and two copies {seq, state, hash, check, data}.
+///
+/// Writer protocol. The writer always fills the copy the control word does not
+/// name: seq = tag|1 (odd: being written), state, hash, data, check; then
+/// seq = tag (release); then control = tag (release). Tags step by 10 or 14 and
+/// bit 1 of a tag names its copy, so the previous tag, the current one and the
+/// next one never differ by a single bit. The commit point is the final seq
+/// store: a copy whose seq is the tag after the control word is newer than the
+/// one the control names (its writer died before, or is just about to, flip
+/// the control). A writer killed at any instant therefore leaves every entry at
+/// its old or its new value, and the next writer completes such pending flips
+/// when it attaches (and recounts the entries).
+///
+/// Reader protocol. Read the control word, pick the current copy (or the newer
+/// one as above), read it, then read its seq and the control word again. If the
+/// control word changed the writer made progress and the read is retried
+/// (bounded; yielding after a few tries). If it did not change, the copy could
+/// not have changed, so any inconsistency (seq not matching the control word,
+/// an odd control word, a foreign tag in the other copy, a wrong check, an
+/// unknown state) is damage and raises CorruptionException. A reader never
+/// waits for a writer, dead or alive: the copy being written is never the one
+/// it reads. Readers map the file read-only and take no lock.
+///
+/// The check word is a mix of the bucket index, seq, state, hash and data
+/// words; each mixing step is a bijection, so any damage confined to one word
+/// is always caught. The header carries its own check over its fixed fields.
+///
+/// Exclusive writer: flock(LOCK_EX|LOCK_NB) on the file, held for the writer's
+/// life and released by the kernel when the writer dies.
+///
+/// Growth and clean-up. Opening a writer with a larger capacity, or a writer
+/// finding that deleted markers crowd the buckets, builds a complete new file
+/// (nameless until done), sets the old header's `retired` flag, then renames
+/// the new file over the old one. Readers check `retired` on each operation
+/// and transparently reopen the path; a Cursor stays on the file it started
+/// with (its values remain whole; the old file no longer changes).
+///
+/// Deleting: an entry becomes a deleted marker, or empty when the next bucket
+/// is empty (then preceding markers are emptied too). Hot operations (write,
+/// commit, remove, lookup, next) neither allocate nor make system calls, except
+/// for the rare rebuild and a reader following a rebuild.
+
+#include "Export.h"
+#include "ShmRoot.h"
+#include "Types.h"
+
+#include <cstddef>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Kiv::Shm {
+
+/// @brief A table was found inconsistent: damaged or not a table of this layout.
+class TARN_API CorruptionException : public std::runtime_error {
+public:
+  using std::runtime_error::runtime_error;
+};
+
+/// @brief Shape of a table: value and key sizes in bytes and the number of entries it can hold.
+struct TableSpec {
+  U32 valueSize = 0;
+  U32 keySize = 0;
+  U32 capacity = 0;
+};
+
+class TARN_API Table {
+  struct Mapping;
+
+public:
+  static constexpr U32 kHeaderBytes = 128;
+  static constexpr U32 kLayoutVersion = 1;
+  static constexpr U32 kMaxValueSize = 4096;
+  static constexpr U32 kMaxCapacity = 1u << 24;
+
+  /// @brief A position in an iteration; keeps the file it started on mapped.
+  class Cursor {
+  public:
+    Cursor() = default;
+
+  private:
+    friend class Table;
+    std::shared_ptr<Mapping const> map_;
+    U32 bucket_ = 0;
+  };
+
+  /// @brief Creates the table of @p path or attaches to it as its only writer.
+  ///
+  /// An existing table keeps its entries; it is grown when @p spec asks for
+  /// more capacity and kept as it is otherwise. Throws std::invalid_argument
+  /// for a bad path or spec, std::runtime_error when another process is the
+  /// writer or the value or key size differs, CorruptionException for damage.
+  static Table openWriter(Root const& root, std::string_view path, TableSpec spec,
+                          GroupMode group = GroupMode::Private);
+
+  /// @brief Maps the existing table of @p path read-only.
+  static Table openReader(Root const& root, std::string_view path);
+
+  Table(Table&&) noexcept;
+  Table& operator=(Table&&) noexcept;
+  ~Table();
+
+  /// @brief Inserts @p value (valueSize() bytes) or replaces the entry with its key.
+  ///
+  /// Throws std::runtime_error "shared-memory table '<path>' is full (capacity N)"
+  /// when a new key does not fit; nothing changes then.
+  void write(std::byte const* value, U32 hash);
+
+  /// @brief The writer's scratch value in the mapping; fill it, then commit().
+  ///
+  /// Valid until the next write, commit or remove.
+  std::byte* writerSlot();
+
+  /// @brief Publishes the value in writerSlot() like write().
+  void commit(U32 hash);
+
+  /// @brief Removes the entry with key @p key (keySize() bytes); false when there is none.
+  bool remove(std::byte const* key, U32 hash);
+
+  /// @brief Copies the value with key @p key into @p out (valueSize() bytes); false when absent.
+  ///
+  /// @p out is clobbered even when the key is absent.
+  bool lookup(std::byte const* key, U32 hash, std::byte* out);
+
+  /// @brief A cursor before the first entry.
+  Cursor first();
+
+  /// @brief Copies the next entry into @p out and advances; false at the end.
+  bool next(Cursor& cursor, std::byte* out) const;
+
+  /// @brief Number of entries.
+  U32 size();
+  /// @brief Number of entries the table can hold.
+  U32 capacity();
+  /// @brief Counter incremented by every committed change (wraps); lets other processes notice changes.
+  U32 changeCounter();
+  /// @brief Seed that every process hashes keys with.
+  U32 seed() const noexcept;
+  /// @brief Bytes per value, as given at creation.
+  U32 valueSize() const noexcept;
+  /// @brief Leading bytes of a value that are its key.
+  U32 keySize() const noexcept;
+  /// @brief True for the writer.
+  bool isWriter() const noexcept { return writer_; }
+  /// @brief The mount path.
+  std::string const& path() const noexcept { return path_; }
+
+private:
+  struct Entry {
+    U32 state;
+    U32 hash;
+  };
+  struct Probe {
+    bool found;
+    U32 bucket;  ///< the key's bucket when found, else where it would go
+    bool reusesDeleted;
+  };
+
+  Table(Root root, std::string_view path, GroupMode group, bool writer);
+
+  static std::shared_ptr<Mapping> createFile(Root const& root, Root::Place const& where, GroupMode group,
+                                             TableSpec spec, U32 seed);
+  static std::shared_ptr<Mapping> mapFile(Fd fd, bool writable, std::string const& path);
+  void attach(TableSpec spec, Root::Place const& where);
+  void rebuild(U32 capacity);
+
+  Mapping const& current();
+  void followReplacement();
+  Entry readEntry(Mapping const& map, U32 bucket, std::byte* out) const;
+  Probe probe(Mapping const& map, std::byte const* key, U32 hash, std::byte* buffer) const;
+  void publish(Mapping& map, U32 bucket, U32 state, U32 hash, std::byte const* value);
+  void countChange();
+  void requireWriter(char const* operation) const;
+  [[noreturn]] void corrupt(U32 bucket, std::string_view what) const;
+
+  Root root_;
+  std::string path_;
+  GroupMode group_;
+  bool writer_;
+  std::shared_ptr<Mapping> map_;
+  U32 used_ = 0;     ///< writer only: entries
+  U32 deleted_ = 0;  ///< writer only: deleted markers
+  std::vector<std::byte> scratch_;
+};
+
+}  // namespace Kiv::Shm
