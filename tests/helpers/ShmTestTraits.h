@@ -1,0 +1,129 @@
+#pragma once
+// Value types, traits and data patterns shared by the shared-memory table
+// tests and the shm_peer helper (which is built for both architectures).
+
+#include "ShmCollection.h"
+#include "Types.h"
+
+#include <cstddef>
+#include <cstring>
+#include <optional>
+#include <string>
+
+namespace ShmTest {
+
+struct Key {
+  U32 address = 0;
+  U8 start = 0;
+  U8 size = 0;
+  bool operator==(Key const&) const = default;
+};
+
+struct Value {
+  Key key;
+  U32 value = 0;
+  bool operator==(Value const&) const = default;
+};
+
+/// A simple seeded hash; the runtime's seeded hash replaces it in the real traits.
+inline U32 seededHash(Key const& key, U32 seed) {
+  U32 h = seed ^ 0x9747B28Cu;
+  for (U32 word : {key.address, U32{key.start} | (U32{key.size} << 8)}) {
+    h ^= word * 0xCC9E2D51u;
+    h = (h << 13 | h >> 19) * 5u + 0xE6546B64u;
+  }
+  h ^= h >> 16;
+  h *= 0x85EBCA6Bu;
+  h ^= h >> 13;
+  return h;
+}
+
+struct Traits {
+  using Value = ShmTest::Value;
+  using Key = ShmTest::Key;
+  static constexpr U32 keySize = 6;
+  static constexpr U32 valueSize = 10;
+  static void encodeKey(Key const& key, std::byte* out) {
+    std::memcpy(out, &key.address, 4);
+    out[4] = std::byte{key.start};
+    out[5] = std::byte{key.size};
+  }
+  static void encode(Value const& value, std::byte* out) {
+    encodeKey(value.key, out);
+    std::memcpy(out + 6, &value.value, 4);
+  }
+  static Value decode(std::byte const* in) {
+    Value v;
+    std::memcpy(&v.key.address, in, 4);
+    v.key.start = static_cast<U8>(in[4]);
+    v.key.size = static_cast<U8>(in[5]);
+    std::memcpy(&v.value, in + 6, 4);
+    return v;
+  }
+  static Key keyOf(Value const& value) { return value.key; }
+  static U32 hash(Key const& key, U32 seed) { return seededHash(key, seed); }
+};
+
+using Collection = Kiv::Shm::Collection<Traits>;
+
+// ---- the pattern exchanged between architectures ----
+
+constexpr U32 kPatternCount = 600;
+constexpr U32 kPatternCapacity = 512;
+
+inline Key patternKey(U32 i) { return Key{i * 7u + 3u, static_cast<U8>(i % 32u), static_cast<U8>(1u + i % 31u)}; }
+inline U32 patternValue(U32 i) { return i * 2654435761u ^ 0x5A5A0F0Fu; }
+/// Every tenth key is removed again after all are written.
+inline bool patternRemoved(U32 i) { return i % 10u == 9u; }
+
+/// Writes the pattern: a first capacity of 300 forces a regrow half way (on reopening with the final capacity).
+inline void writePattern(Kiv::Shm::Root const& root, std::string const& path) {
+  {
+    auto small = Collection::openWriter(root, path, 300);
+    for (U32 i = 0; i < 300; ++i)
+      small.write(Value{patternKey(i), ~patternValue(i)});  // overwritten below
+  }
+  auto table = Collection::openWriter(root, path, kPatternCapacity);
+  for (U32 i = 0; i < kPatternCount; ++i) {
+    table.write(Value{patternKey(i), patternValue(i)});
+    if (i >= 10 && patternRemoved(i - 10))
+      table.remove(patternKey(i - 10));
+  }
+  for (U32 i = kPatternCount - 10; i < kPatternCount; ++i)
+    if (patternRemoved(i))
+      table.remove(patternKey(i));
+}
+
+/// Checks the pattern; returns an empty string when it matches, else what differs.
+inline std::string verifyPattern(Collection& table) {
+  U32 expected = 0;
+  for (U32 i = 0; i < kPatternCount; ++i) {
+    std::optional<Value> const got = table.lookup(patternKey(i));
+    if (patternRemoved(i)) {
+      if (got)
+        return "removed key " + std::to_string(i) + " is present";
+      continue;
+    }
+    ++expected;
+    if (!got)
+      return "key " + std::to_string(i) + " is missing";
+    if (got->value != patternValue(i) || !(got->key == patternKey(i)))
+      return "key " + std::to_string(i) + " has value " + std::to_string(got->value);
+  }
+  if (table.size() != expected)
+    return "size " + std::to_string(table.size()) + ", expected " + std::to_string(expected);
+  if (table.capacity() != kPatternCapacity)
+    return "capacity " + std::to_string(table.capacity());
+  U32 iterated = 0;
+  for (Value const& v : table) {
+    U32 const i = (v.key.address - 3u) / 7u;
+    if (i >= kPatternCount || patternRemoved(i) || !(v == Value{patternKey(i), patternValue(i)}))
+      return "iteration yields a foreign value at address " + std::to_string(v.key.address);
+    ++iterated;
+  }
+  if (iterated != expected)
+    return "iteration yields " + std::to_string(iterated) + " values, expected " + std::to_string(expected);
+  return {};
+}
+
+}  // namespace ShmTest
