@@ -1,0 +1,66 @@
+#pragma once
+/// @file PciTransportMethodImpl.h
+/// @brief Register transport over a chip's memory-mapped PCI resource.
+///
+/// Register numbers of a CSV map are scaled by 4, so a register's address is its
+/// byte offset in the mapped region; every access is one 32-bit load or store.
+///
+/// Bus errors. A device that has dropped off the bus answers loads with SIGBUS.
+/// When the PCI access object does not deal with that itself, this transport
+/// installs the process's SIGBUS guard (and stops access objects from installing
+/// their own handler) and uses the guarded accessors, so a bus error reaches the
+/// caller as `Kiv::SigbusException`, which `TransportMethod` turns into a failed
+/// access. A device already known to be gone (not ready) is treated the same way
+/// without touching it: the exception is thrown, or, when the access object looks
+/// after bus errors itself, a SIGBUS is raised for its handling to deal with.
+
+#include "Export.h"
+#include "HardwareRegisterFile.h"
+#include "KivPtr.h"
+#include "PciDov.h"
+#include "Types.h"
+
+#include "TarnRegFile/BaseTransportMethodImpl.h"
+
+#include <cstdint>
+
+namespace TarnRegFile {
+
+class TARN_API PciTransportMethodImpl : public BaseTransportMethodImpl {
+public:
+  /// @brief A transport over @p dov (may be null: the transport then has no device and every
+  /// access fails) with the register map of @p csvPath, else of @p regFileModel.
+  /// @throws std::runtime_error "PciDovImpl cast error!" when @p dov is not a PCI access
+  ///         object; the base's errors for the register map.
+  PciTransportMethodImpl(Kiv::Ptr<Hardware::DovImpl> const& dov, char const* csvPath,
+                         Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& regFileModel);
+  ~PciTransportMethodImpl() override;
+
+  /// @brief The PCI access object's ready flag (false when there is no access object).
+  bool hardwareReady() const noexcept;
+
+  /// @brief The register's value, masked to its width.
+  uint32_t regRead(char const* regName) override;
+  /// @brief Stores @p value whole (not masked to the register's width).
+  void regWrite(char const* regName, uint32_t value) override;
+
+  /// @brief The common access: resolves the name, checks the device and the register's width,
+  /// then loads (returning the masked value) or stores @p value (returning it).
+  /// @throws Kiv::SigbusException for a device that is not ready (guarded) or a bus error;
+  ///         std::runtime_error "Register <name> size not supported!", the register-file
+  ///         helper's error for an unknown name, and a runtime error when there is no device.
+  uint32_t _regRWCommon(bool write, char const* regName, uint32_t value);
+
+  /// @brief The PCI access object (null when none was given).
+  Kiv::Ptr<Hardware::PciDovImpl> const& pciDov() const noexcept { return pciDov_; }
+  /// @brief True when this transport guards its accesses against bus errors itself.
+  bool sigbusGuarded() const noexcept { return sigbusGuarded_; }
+
+private:
+  void deviceNotReady();
+
+  Kiv::Ptr<Hardware::PciDovImpl> pciDov_;
+  bool sigbusGuarded_ = false;
+};
+
+}  // namespace TarnRegFile
