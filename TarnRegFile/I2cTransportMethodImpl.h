@@ -1,0 +1,127 @@
+#pragma once
+/// @file I2cTransportMethodImpl.h
+/// @brief Register transport over a Linux I2C adapter node (i2c-dev), through SMBus ioctls.
+///
+/// Two flavours move a register:
+///  - block: one SMBus I2C block transfer carries a 16-bit register address (high
+///    byte as the command, low byte as the first data byte) and, for a write, the
+///    32-bit value most significant byte first. A read first sets the device's
+///    register pointer with a one-byte block write, then reads four bytes. Every
+///    access holds an exclusive flock on the device file so that no other process
+///    moves the pointer between the two halves of a read.
+///  - word: one SMBus word transfer with an 8-bit register address and the low 16
+///    bits of the value; no lock.
+///
+/// Register numbers of the map are used as register addresses unchanged.
+
+#include "Export.h"
+#include "HardwareRegisterFile.h"
+#include "KivPtr.h"
+#include "Types.h"
+
+#include "TarnRegFile/BaseTransportMethodImpl.h"
+#include "TarnRegFile/Utils.h"
+
+#include <linux/i2c.h>
+
+#include <cstdint>
+#include <functional>
+#include <unordered_map>
+
+namespace TarnRegFile {
+
+/// @brief How registers are moved over i2c-dev.
+enum class I2cFlavour : U8 {
+  SmbusI2cBlockData = 1,  ///< 16-bit address, 32-bit value, one I2C block transfer
+  SmbusWordData = 2,      ///< 8-bit address, 16-bit SMBus word
+};
+
+/// @brief The flavour-specific register accesses, each on an open i2c-dev descriptor that
+/// has its peripheral address set. Failures throw std::runtime_error.
+namespace i2cflavspec {
+
+using HardwareRegister = Hardware::TarnRegFile::HardwareRegister;
+
+/// @brief Reads a 32-bit register (16-bit address) under an exclusive flock.
+TARN_API uint32_t readDataBlock(int fd, HardwareRegister const& reg);
+/// @brief Writes a 32-bit register (16-bit address; higher address bits are dropped) under an exclusive flock.
+TARN_API void writeDataBlock(int fd, HardwareRegister const& reg, uint32_t value);
+/// @brief Reads one SMBus word (8-bit address), zero-extended.
+TARN_API uint32_t readDataWord(int fd, HardwareRegister const& reg);
+/// @brief Writes the low 16 bits of @p value as one SMBus word (8-bit address).
+TARN_API void writeDataWord(int fd, HardwareRegister const& reg, uint32_t value);
+/// @brief One SMBus transfer of @p size at the 8-bit register @p address.
+/// @throws std::runtime_error "Register address <addr> is out of range!" (before any I/O) for
+///         an address above 0xff, "I2C word <read|write> from address <addr> failed: <reason>".
+TARN_API void dataWordAccess(int fd, uint32_t address, uint8_t readWrite, uint32_t size, i2c_smbus_data& data);
+
+// Building blocks of the accesses above, kept apart so that the bytes they put on
+// the bus can be checked without a device. Not part of the library's interface.
+
+/// @brief One SMBus ioctl request: what goes into the i2c_smbus_ioctl_data besides the data pointer.
+struct SmbusRequest {
+  uint8_t readWrite;
+  uint8_t command;
+  uint32_t size;
+  i2c_smbus_data data;
+};
+
+/// @brief The block write of @p value to @p address: command A[15:8], block 05 A[7:0] V[31:24] .. V[7:0].
+SmbusRequest blockWriteRequest(uint32_t address, uint32_t value) noexcept;
+/// @brief The pointer-setting block write that precedes a block read: command A[15:8], block 01 A[7:0].
+SmbusRequest blockPointerRequest(uint32_t address) noexcept;
+/// @brief The four-byte block read at @p address: command A[15:8], count 4.
+SmbusRequest blockReadRequest(uint32_t address) noexcept;
+/// @brief The register value from the bytes a block read returned (elements 1..4): the bytes
+/// beyond the register's width are cleared from the last received, then the first byte
+/// received becomes the most significant.
+uint32_t blockReadValue(i2c_smbus_data const& data, HardwareRegister const& reg) noexcept;
+/// @brief Makes the SMBus ioctl for @p request on @p fd, retrying EINTR and EAGAIN; the ioctl's result.
+int smbusTransfer(int fd, SmbusRequest& request);
+
+}  // namespace i2cflavspec
+
+/// @brief Reads and writes registers over an i2c-dev node in one of the I2cFlavour ways.
+class TARN_API I2cTransportMethodImpl : public BaseTransportMethodImpl {
+public:
+  using HardwareRegister = Hardware::TarnRegFile::HardwareRegister;
+  using ReadFn = std::function<uint32_t(int fd, HardwareRegister const& reg)>;
+  using WriteFn = std::function<void(int fd, HardwareRegister const& reg, uint32_t value)>;
+
+  /// @brief What a flavour needs: the address block size of its register map and its accesses.
+  struct FlavourSpec {
+    U8 addrBlockSize;
+    WriteFn write;
+    ReadFn read;
+  };
+  using FlavourTable = std::unordered_map<I2cFlavour, FlavourSpec>;
+
+  /// @brief The process-wide flavour table, built when the library is loaded.
+  static FlavourTable const& flavourTable();
+
+  /// @brief Opens @p devNode and addresses the peripheral @p devId on it; registers come from
+  /// the CSV map at @p csvPath, else from @p regFileModel.
+  /// @throws std::out_of_range for a flavour that is not in the table (nothing is opened);
+  ///         the base's errors for the register map; std::runtime_error
+  ///         "Error opening I2C device <node>: <reason>" and
+  ///         "Error setting peripheral address to <addr>: <reason>" (also when a kernel
+  ///         driver has claimed the address).
+  I2cTransportMethodImpl(char const* devNode, int devId, char const* csvPath, I2cFlavour flavour,
+                         Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& regFileModel);
+  ~I2cTransportMethodImpl() override;
+
+  /// @brief Reads the register called @p regName with the flavour's read.
+  uint32_t regRead(char const* regName) override;
+  /// @brief Writes the register called @p regName with the flavour's write.
+  void regWrite(char const* regName, uint32_t value) override;
+
+  /// @brief The open device node's descriptor.
+  int fd() const noexcept { return i2cFd_.fd(); }
+
+private:
+  Utils::UnixFdRes i2cFd_;
+  ReadFn read_;
+  WriteFn write_;
+};
+
+}  // namespace TarnRegFile
