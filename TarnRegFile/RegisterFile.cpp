@@ -7,6 +7,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -17,6 +19,12 @@ Kiv::TraceHandle kTrace("TarnRegFile/RegisterFile");
 
 constexpr std::string_view kCsvHeader = "number,name,type,writeable,width";
 constexpr U32 kCsvFieldCount = 5;
+// A line such as "12,interrupt_status,sts,false,32" rarely has fewer characters.
+constexpr std::intmax_t kTypicalCsvLineBytes = 24;
+// A size hint is taken before the header is checked, so a huge file that is not a
+// register map at all must not make the loader reserve a lot of memory; maps beyond
+// this size (millions of registers) simply grow as they load.
+constexpr std::intmax_t kMaxSizeHintBytes = std::intmax_t(64) << 20;
 
 // Built on first use; C++ guarantees thread-safe initialisation of function-local statics.
 std::unordered_map<std::string_view, RegisterType> const& typeByText() {
@@ -104,6 +112,9 @@ Register::operator std::string() const {
 RegisterFile::RegisterFile(char const* csvPath, U8 addrBlockSize) {
   std::ifstream in(csvPath);
   if (!in.is_open()) throw std::runtime_error(fmt::format("Error opening CSV file {}", csvPath));
+  std::error_code sizeUnknown;
+  auto const bytes = std::filesystem::file_size(csvPath, sizeUnknown);  // a hint: no error if unknown
+  if (!sizeUnknown) reserveFor(static_cast<std::intmax_t>(std::min<std::uintmax_t>(bytes, kMaxSizeHintBytes)));
   _construct(in, addrBlockSize);
 }
 
@@ -114,6 +125,9 @@ void RegisterFile::_construct(std::istream& in, U8 addrBlockSize) {
   std::string_view line;
   if (!Utils::getline_lea(in, buffer, line) || line != kCsvHeader)
     throw std::runtime_error("Encountered wrong CSV header!");
+  // String streams (and small files) tell how many characters are left without
+  // being read or moved; other streams report nothing and the maps grow as they go.
+  if (in.rdbuf() != nullptr) reserveFor(in.rdbuf()->in_avail());
   while (Utils::getline_lea(in, buffer, line)) {
     Register reg(line, addrBlockSize);
     U32 const address = reg.number;
@@ -123,6 +137,17 @@ void RegisterFile::_construct(std::istream& in, U8 addrBlockSize) {
     // Every line claims its address, also one whose name was a duplicate.
     namesByAddress_.try_emplace(address, named->first);
   }
+}
+
+void RegisterFile::reserveFor(std::intmax_t bytes) {
+  // Sizing both maps for the whole file up front spares the repeated rehashing of
+  // large maps. Only ever grows: an estimate from a partly buffered stream must not
+  // undo a better one.
+  if (bytes <= 0) return;
+  auto const expected = static_cast<size_t>(std::min(bytes, kMaxSizeHintBytes) / kTypicalCsvLineBytes);
+  if (expected <= registersByName_.bucket_count()) return;
+  registersByName_.reserve(expected);
+  namesByAddress_.reserve(expected);
 }
 
 Register const& RegisterFile::findRegisterByName(char const* name) const {

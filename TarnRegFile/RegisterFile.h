@@ -6,6 +6,7 @@
 #include "Types.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <istream>
 #include <string>
@@ -61,9 +62,13 @@ struct TARN_API Register {
 class TARN_API RegisterFile {
 public:
   /// @brief Hash over names that also accepts string views, so lookups need no std::string.
+  ///
+  /// Deliberately not noexcept: the standard library then keeps each name's hash code
+  /// in its node, so growing the map never hashes a name again and a lookup compares
+  /// codes before it compares strings.
   struct NameHash {
     using is_transparent = void;
-    size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>{}(name); }
+    size_t operator()(std::string_view name) const { return std::hash<std::string_view>{}(name); }
   };
   using RegistersByName = std::unordered_map<std::string, Register, NameHash, std::equal_to<>>;
   using NamesByAddress = std::unordered_map<U32, std::string>;
@@ -93,6 +98,7 @@ public:
 
 private:
   void _construct(std::istream& in, U8 addrBlockSize);
+  void reserveFor(std::intmax_t bytes);
 
   RegistersByName registersByName_;
   NamesByAddress namesByAddress_;
