@@ -617,6 +617,54 @@ TEST_F(ShmTableTest, WriterKilledAtRandomInstantsLosesAndTearsNothing) {
   EXPECT_GT(interruptedOps, 1000u) << "the writer barely ran before being killed";
 }
 
+std::vector<unsigned char> readFile(std::string const& path) {
+  std::vector<unsigned char> bytes(std::filesystem::file_size(path));
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  EXPECT_EQ(std::fread(bytes.data(), 1, bytes.size(), f), bytes.size());
+  std::fclose(f);
+  return bytes;
+}
+
+U32 wordAt(std::vector<unsigned char> const& bytes, std::size_t offset) {
+  U32 word = 0;
+  std::memcpy(&word, bytes.data() + offset, 4);
+  return word;
+}
+
+// A writer killed between finishing the new copy and moving the control word
+// to it has committed: readers must serve the new value, the next writer must
+// complete the move. The state is made exactly by undoing the control word of a
+// real write (header: bucket bytes at offset 28, first bucket at offset 36).
+TEST_F(ShmTableTest, CommitCutOffBeforeItsControlMoveStillCounts) {
+  Root const r = root();
+  std::string const path = file("cut/t");
+  std::vector<unsigned char> before, after;
+  {
+    Table t = Table::openWriter(r, "cut/t", Stress::spec(4));
+    writeStress(t, 1, 1);
+    before = readFile(path);
+    writeStress(t, 1, 2);
+    after = readFile(path);
+  }
+  U32 const bucketBytes = wordAt(after, 28), bucketsOffset = wordAt(after, 36);
+  std::vector<std::size_t> moved;
+  for (std::size_t at = bucketsOffset; at < after.size(); at += bucketBytes)
+    if (wordAt(before, at) != wordAt(after, at))
+      moved.push_back(at);
+  ASSERT_EQ(moved.size(), 1u);
+  int const fd = ::open(path.c_str(), O_RDWR);
+  ASSERT_EQ(::pwrite(fd, before.data() + moved[0], 4, moved[0]), 4);
+  ::close(fd);
+
+  Table reader = Table::openReader(r, "cut/t");
+  EXPECT_EQ(lookupStress(reader, 1), 2u);
+  Table t = Table::openWriter(r, "cut/t", Stress::spec(4));
+  EXPECT_EQ(wordAt(readFile(path), moved[0]), wordAt(after, moved[0]));
+  writeStress(t, 1, 3);
+  EXPECT_EQ(lookupStress(reader, 1), 3u);
+  EXPECT_EQ(t.size(), 1u);
+}
+
 // ---- damage ---------------------------------------------------------------------------------------------------
 
 TEST_F(ShmTableTest, RandomDamageIsDetectedNeverServedAsData) {

@@ -69,7 +69,7 @@ using Collection = Kiv::Shm::Collection<Traits>;
 // ---- the pattern exchanged between architectures ----
 
 constexpr U32 kPatternCount = 600;
-constexpr U32 kPatternCapacity = 512;
+constexpr U32 kPatternCapacity = 640;
 
 inline Key patternKey(U32 i) { return Key{i * 7u + 3u, static_cast<U8>(i % 32u), static_cast<U8>(1u + i % 31u)}; }
 inline U32 patternValue(U32 i) { return i * 2654435761u ^ 0x5A5A0F0Fu; }
