@@ -110,6 +110,7 @@ Register::operator std::string() const {
 // ---------------------------------------------------------------- RegisterFile
 
 RegisterFile::RegisterFile(char const* csvPath, U8 addrBlockSize) {
+  if (csvPath == nullptr) throw std::runtime_error("Error opening CSV file (null)");
   std::ifstream in(csvPath);
   if (!in.is_open()) throw std::runtime_error(fmt::format("Error opening CSV file {}", csvPath));
   std::error_code sizeUnknown;
@@ -150,7 +151,9 @@ void RegisterFile::reserveFor(std::intmax_t bytes) {
   namesByAddress_.reserve(expected);
 }
 
+// A null name is a name that no map has (the empty name may well exist: a blank line).
 Register const& RegisterFile::findRegisterByName(char const* name) const {
+  if (name == nullptr) throw std::runtime_error("RegisterFile does not have register '(null)'!");
   return findRegisterByName(std::string_view(name));
 }
 
@@ -161,7 +164,9 @@ Register const& RegisterFile::findRegisterByName(std::string_view name) const {
   return it->second;
 }
 
-bool RegisterFile::hasRegName(char const* name) const { return hasRegName(std::string_view(name)); }
+bool RegisterFile::hasRegName(char const* name) const {
+  return name != nullptr && hasRegName(std::string_view(name));
+}
 
 bool RegisterFile::hasRegName(std::string_view name) const { return registersByName_.contains(name); }
 

@@ -315,6 +315,15 @@ TEST(RegisterFileLookup, MissesThrowExactMessagesAndKeysAreExact) {
   EXPECT_EQ(&file.findRegisterByName("Scratch"), &file.registers().at("Scratch"));
 }
 
+TEST(RegisterFileLookup, NullNameIsNeverFoundEvenWhenTheEmptyNameIs) {
+  RegisterFile const file = load(std::string(kHeader) + "\n");
+  ASSERT_TRUE(file.hasRegName(""));
+  char const* const none = nullptr;
+  EXPECT_FALSE(file.hasRegName(none));
+  EXPECT_EQ(runtimeErrorOf([&] { file.findRegisterByName(none); }), "RegisterFile does not have register '(null)'!");
+  EXPECT_EQ(runtimeErrorOf([&] { RegisterFile(none, 4); }), "Error opening CSV file (null)");
+}
+
 // ---------------------------------------------------------------- files on disk
 
 class RegisterFilePath : public ::testing::Test {
