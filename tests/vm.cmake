@@ -1,0 +1,32 @@
+# The VM tier: test programs that need real kernel drivers (i2c-stub behind
+# i2c-dev, QEMU's edu PCI device) and therefore run inside a QEMU guest booted by
+# scripts/vm-test.sh. Every tests/vm/*_vmtest.cpp becomes a program in
+# <build>/tests/vm/; other tests/vm/*.cpp files are support code shared by them.
+# The programs are not ctest entries of their own: the single entry vm_tier runs
+# all of them in one VM boot.
+
+file(GLOB TARN_VM_TEST_SOURCES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/vm/*_vmtest.cpp)
+file(GLOB TARN_VM_SUPPORT_SOURCES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/vm/*.cpp)
+list(FILTER TARN_VM_SUPPORT_SOURCES EXCLUDE REGEX "_vmtest\\.cpp$")
+
+if(TARN_VM_TEST_SOURCES)
+  add_library(tarn_vm_test_support STATIC ${TARN_VM_SUPPORT_SOURCES})
+  target_include_directories(tarn_vm_test_support PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/vm)
+  target_link_libraries(tarn_vm_test_support PUBLIC tarn_test_support)
+
+  foreach(src ${TARN_VM_TEST_SOURCES})
+    get_filename_component(name ${src} NAME_WE)
+    add_executable(${name} ${src})
+    target_link_libraries(${name} PRIVATE tarn_vm_test_support tarn_test_support GTest::gtest_main)
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/vm)
+  endforeach()
+
+  # 77 means the machine cannot boot the VM (no QEMU or kernel): reported as skipped.
+  add_test(NAME vm_tier COMMAND ${PROJECT_SOURCE_DIR}/scripts/vm-test.sh ${PROJECT_BINARY_DIR})
+  set_tests_properties(vm_tier PROPERTIES
+    SKIP_RETURN_CODE 77
+    TIMEOUT 900
+    LABELS vm
+    # A TCG guest keeps one core busy; timing-sensitive tests should not share it.
+    RUN_SERIAL TRUE)
+endif()
