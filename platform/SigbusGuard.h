@@ -13,6 +13,9 @@
 /// action kills the process with SIGBUS and a core dump; a previous handler
 /// function is called with the original arguments).
 ///
+/// SIGBUS must not be blocked in a thread that makes guarded accesses: the kernel
+/// answers a fault with a blocked SIGBUS by killing the process, whatever the handler.
+///
 /// Cost of a guarded access on the success path: saving the registers into a jump
 /// buffer on the stack (no signal-mask syscall), two thread-local stores and the
 /// access itself.
