@@ -90,10 +90,12 @@ void RegFileHelper::init(Kiv::String const& csvPath, U8 addrBlockSize,
   if (!csvPath.empty()) {
     // The CSV file wins when both sources are given.
     csvRegFileIs(new RegisterFile(csvPath.c_str(), addrBlockSize));
+    regFileModel_ = nullptr;
     kTrace.line(5, "init: {} registers from CSV file {}", csvRegFile_->size(), csvPath);
     return;
   }
   if (!regFileModel) throw std::runtime_error("Must provide Csv path or KivPtr");
+  csvRegFileIs(nullptr);
   regFileModel_ = regFileModel;
   kTrace.line(5, "init: {} registers from model {}", regFileModel->regCount(), regFileModel->name());
 }

@@ -96,6 +96,9 @@ TEST_F(MockTransport, WritesAreStoredByScaledAddressAndSurviveIntoTheNextInstanc
     mock.regWrite("id", 0xFFFFFFFF);
     EXPECT_EQ(slurp(dump).substr(0, 15), "Address, Value\n");
     EXPECT_EQ(dataLines(slurp(dump)), (std::set<std::string>{"12,5", "0,4294967295"}));
+    mock.regWrite("id", 1);  // a shorter file: nothing of the longer one may remain
+    EXPECT_EQ(dataLines(slurp(dump)), (std::set<std::string>{"12,5", "0,1"}));
+    mock.regWrite("id", 0xFFFFFFFF);
   }
   MockTransportMethodImpl again(csv.c_str(), nullptr, dump);
   EXPECT_EQ(again.regRead("r"), 5u);
