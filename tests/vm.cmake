@@ -14,15 +14,19 @@ if(TARN_VM_TEST_SOURCES)
   target_include_directories(tarn_vm_test_support PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/vm)
   target_link_libraries(tarn_vm_test_support PUBLIC tarn_test_support)
 
+  set(TARN_VM_PROGRAM_ARGS)
   foreach(src ${TARN_VM_TEST_SOURCES})
     get_filename_component(name ${src} NAME_WE)
+    list(APPEND TARN_VM_PROGRAM_ARGS --only ${name})
     add_executable(${name} ${src})
     target_link_libraries(${name} PRIVATE tarn_vm_test_support tarn_test_support GTest::gtest_main)
     set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/vm)
   endforeach()
 
-  # 77 means the machine cannot boot the VM (no QEMU or kernel): reported as skipped.
-  add_test(NAME vm_tier COMMAND ${PROJECT_SOURCE_DIR}/scripts/vm-test.sh ${PROJECT_BINARY_DIR})
+  # Exactly the programs of the current sources run (a stale binary of a removed
+  # source is left out, an unbuilt one is an error). 77 means the machine cannot
+  # boot the VM (no QEMU or kernel): reported as skipped.
+  add_test(NAME vm_tier COMMAND ${PROJECT_SOURCE_DIR}/scripts/vm-test.sh ${TARN_VM_PROGRAM_ARGS} ${PROJECT_BINARY_DIR})
   set_tests_properties(vm_tier PROPERTIES
     SKIP_RETURN_CODE 77
     TIMEOUT 900
