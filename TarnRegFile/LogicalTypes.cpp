@@ -2,6 +2,7 @@
 
 #include "Assert.h"
 #include "KivException.h"
+#include "KivHash.h"
 #include "KivValueText.h"
 #include "Trace.h"
 
@@ -111,6 +112,42 @@ std::string LogicalFieldName::valueToStrep() const {
       .end();
   return out;
 }
+
+// ---- LogicalFieldNameParts
+
+LogicalFieldNameParts::LogicalFieldNameParts(Kiv::String const& chipName, std::string_view regName,
+                                             std::string_view fieldName)
+    : chipName_(chipName), regName_(regName), fieldName_(fieldName) {
+  text_.append(chipName.view());
+  text_.push_back('-');
+  text_.append(regName);
+  regFullSize_ = text_.size();
+  text_.push_back('-');
+  text_.append(fieldName);
+  // The field's full name starts with the register's: hash the whole 4-byte blocks they
+  // share once, then finish each. The hash consumes 4-byte blocks from the start, so
+  // both results equal the string hash of the whole text.
+  std::string_view const full = fullName();
+  size_t const shared = regFullSize_ & ~size_t{3};
+  Kiv::Hash prefix(Kiv::Hash::stringSeed);
+  prefix.mixBytes(full.substr(0, shared));
+  regHash_ = Kiv::Hash(prefix).mixBytes(full.substr(shared, regFullSize_ - shared)).result();
+  hash_ = prefix.mixBytes(full.substr(shared)).result();
+}
+
+bool LogicalFieldNameParts::sameRegister(LogicalRegisterName const& n) const noexcept {
+  return n.fullName.hash() == regHash_ && n.chipName == chipName_ && n.name.view() == regName_ &&
+         n.fullName.view() == regFullName();
+}
+
+bool LogicalFieldNameParts::sameField(LogicalFieldName const& n) const noexcept {
+  return n.fullName.hash() == hash_ && n.name.view() == fieldName_ && n.fullName.view() == fullName() &&
+         sameRegister(n.regName);
+}
+
+LogicalRegisterName LogicalFieldNameParts::registerName() const { return LogicalRegisterName(chipName_, regName_); }
+
+LogicalFieldName LogicalFieldNameParts::fieldName() const { return LogicalFieldName(registerName(), fieldName_); }
 
 // ---- LogicalField
 

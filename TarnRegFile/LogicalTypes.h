@@ -7,7 +7,6 @@
 /// select that parser, so pass names as Kiv::String (literals are fine).
 
 #include "Export.h"
-#include "KivCollection.h"
 #include "KivString.h"
 #include "Types.h"
 
@@ -18,6 +17,8 @@
 #include <iosfwd>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <vector>
 
 namespace TarnRegFile {
 
@@ -82,6 +83,150 @@ struct std::hash<TarnRegFile::LogicalFieldName> {
 
 namespace TarnRegFile {
 
+/// @brief The names of one logical field given by their parts, for looking registers and
+/// fields up on the per-write path without building (allocating) the name values.
+///
+/// Composes "chip-register-field" once into an inline buffer and hashes both full
+/// names in one pass, exactly as the name types do. Refers to its arguments: it lives
+/// on the stack of one call.
+class TARN_API LogicalFieldNameParts {
+public:
+  LogicalFieldNameParts(Kiv::String const& chipName, std::string_view regName, std::string_view fieldName);
+  LogicalFieldNameParts(LogicalFieldNameParts const&) = delete;
+  LogicalFieldNameParts& operator=(LogicalFieldNameParts const&) = delete;
+
+  /// @brief What LogicalRegisterName(chipName, regName).fullName would hold.
+  std::string_view regFullName() const noexcept { return {text_.data(), regFullSize_}; }
+  /// @brief What the field name's fullName would hold.
+  std::string_view fullName() const noexcept { return {text_.data(), text_.size()}; }
+  U32 regHash() const noexcept { return regHash_; }
+  U32 hash() const noexcept { return hash_; }
+
+  /// @brief True when @p n equals LogicalRegisterName(chipName, regName), member by member.
+  bool sameRegister(LogicalRegisterName const& n) const noexcept;
+  /// @brief True when @p n equals the field name these parts describe, member by member.
+  bool sameField(LogicalFieldName const& n) const noexcept;
+
+  /// @brief Builds the register name value.
+  LogicalRegisterName registerName() const;
+  /// @brief Builds the field name value.
+  LogicalFieldName fieldName() const;
+
+  /// @brief Lookup key standing for the register name.
+  struct Register {
+    LogicalFieldNameParts const& parts;
+  };
+  /// @brief Lookup key standing for the field name.
+  struct Field {
+    LogicalFieldNameParts const& parts;
+  };
+  Register asRegister() const noexcept { return {*this}; }
+  Field asField() const noexcept { return {*this}; }
+
+private:
+  Kiv::String const& chipName_;
+  std::string_view regName_;
+  std::string_view fieldName_;
+  fmt::basic_memory_buffer<char, 128> text_;
+  size_t regFullSize_ = 0;
+  U32 regHash_ = 0;
+  U32 hash_ = 0;
+};
+
+/// @brief Hash of register names (their fullName's string hash), also over lookup parts.
+struct LogicalRegisterNameHash {
+  using is_transparent = void;
+  size_t operator()(LogicalRegisterName const& n) const noexcept { return n.fullName.hash(); }
+  size_t operator()(LogicalFieldNameParts::Register r) const noexcept { return r.parts.regHash(); }
+};
+/// @brief Equality of register names, also against lookup parts.
+struct LogicalRegisterNameEqual {
+  using is_transparent = void;
+  bool operator()(LogicalRegisterName const& a, LogicalRegisterName const& b) const noexcept { return a == b; }
+  bool operator()(LogicalFieldNameParts::Register r, LogicalRegisterName const& n) const noexcept {
+    return r.parts.sameRegister(n);
+  }
+  bool operator()(LogicalRegisterName const& n, LogicalFieldNameParts::Register r) const noexcept {
+    return r.parts.sameRegister(n);
+  }
+};
+/// @brief Hash of field names (their fullName's string hash), also over lookup parts.
+struct LogicalFieldNameHash {
+  using is_transparent = void;
+  size_t operator()(LogicalFieldName const& n) const noexcept { return n.fullName.hash(); }
+  size_t operator()(LogicalFieldNameParts::Field f) const noexcept { return f.parts.hash(); }
+};
+/// @brief Equality of field names, also against lookup parts.
+struct LogicalFieldNameEqual {
+  using is_transparent = void;
+  bool operator()(LogicalFieldName const& a, LogicalFieldName const& b) const noexcept { return a == b; }
+  bool operator()(LogicalFieldNameParts::Field f, LogicalFieldName const& n) const noexcept {
+    return f.parts.sameField(n);
+  }
+  bool operator()(LogicalFieldName const& n, LogicalFieldNameParts::Field f) const noexcept {
+    return f.parts.sameField(n);
+  }
+};
+
+/// @brief Keyed storage of a collection attribute keyed by logical names.
+///
+/// The same operations as Kiv::KeyedCollection, plus lookups by LogicalFieldNameParts
+/// and mutable lookups for owners that change a stored value in place (and notify
+/// for it themselves).
+template <class K, class V, class Hash, class Equal>
+class LogicalNameCollection {
+public:
+  using Map = std::unordered_map<K, V, Hash, Equal>;
+  using const_iterator = typename Map::const_iterator;
+
+  /// @brief The entry for @p key (a name or lookup parts), or null.
+  template <class Key>
+  V const* find(Key const& key) const {
+    auto it = map_.find(key);
+    return it == map_.end() ? nullptr : &it->second;
+  }
+  template <class Key>
+  V* find(Key const& key) {
+    auto it = map_.find(key);
+    return it == map_.end() ? nullptr : &it->second;
+  }
+  /// @brief The entry for @p key, or @p fallback.
+  V get(K const& key, V const& fallback = V()) const {
+    auto it = map_.find(key);
+    return it == map_.end() ? fallback : it->second;
+  }
+  template <class Key>
+  bool has(Key const& key) const {
+    return map_.find(key) != map_.end();
+  }
+  /// @brief Inserts or replaces; true when the stored value changed (compared with ==).
+  bool set(K const& key, V const& value) {
+    auto [it, inserted] = map_.try_emplace(key, value);
+    if (inserted) return true;
+    if (it->second == value) return false;
+    it->second = value;
+    return true;
+  }
+  /// @brief Removes @p key; true when it was present.
+  bool erase(K const& key) { return map_.erase(key) != 0; }
+  /// @brief A snapshot of the keys: safe to iterate while entries are changed.
+  std::vector<K> keys() const {
+    std::vector<K> out;
+    out.reserve(map_.size());
+    for (auto const& kv : map_) out.push_back(kv.first);
+    return out;
+  }
+  size_t size() const noexcept { return map_.size(); }
+  bool empty() const noexcept { return map_.empty(); }
+  const_iterator begin() const noexcept { return map_.begin(); }
+  const_iterator end() const noexcept { return map_.end(); }
+  bool operator==(LogicalNameCollection const& o) const { return map_ == o.map_; }
+  void clear() noexcept { map_.clear(); }
+
+private:
+  Map map_;
+};
+
 /// @brief A bit slice of a 64-bit logical register with its 32-bit value.
 class TARN_API LogicalField {
 public:
@@ -113,7 +258,7 @@ private:
 /// @brief A logical register: its name, the names of its fields and its cached 64-bit value.
 class TARN_API LogicalRegister {
 public:
-  using FieldSet = Kiv::KeyedCollection<LogicalFieldName, bool>;
+  using FieldSet = LogicalNameCollection<LogicalFieldName, bool, LogicalFieldNameHash, LogicalFieldNameEqual>;
 
   /// @brief The default register: default name, no fields, value 0.
   LogicalRegister() = default;
@@ -126,12 +271,14 @@ public:
   bool field(LogicalFieldName const& name) const { return field_.get(name, false); }
   /// @brief Whether @p name belongs to the register.
   bool fieldHas(LogicalFieldName const& name) const { return field_.has(name); }
+  /// @brief Whether the field named by @p name belongs to the register.
+  bool fieldHas(LogicalFieldNameParts::Field name) const { return field_.has(name); }
   /// @brief Inserts @p name, or sets its flag when present.
   void fieldIs(LogicalFieldName const& name, bool flag) { field_.set(name, flag); }
   /// @brief Removes @p name; an absent name is no error.
   void fieldDel(LogicalFieldName const& name) { field_.erase(name); }
   /// @brief Removes every field.
-  void fieldDelAll() { field_ = FieldSet(); }
+  void fieldDelAll() { field_.clear(); }
   /// @brief The whole field set, for iteration.
   FieldSet const& fields() const noexcept { return field_; }
 

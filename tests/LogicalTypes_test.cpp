@@ -262,3 +262,45 @@ TEST(LogicalTypesDeathTest, RegisterHasNoTextParser) {
   EXPECT_DEATH(parse<LogicalRegister>(text), report);
   EXPECT_DEATH(Kiv::fromText<LogicalRegister>(text), report);
 }
+
+TEST(LogicalTypes, NamePartsHashAndMatchLikeTheNamesTheyStandFor) {
+  // Every length residue of the shared prefix, and names longer than the inline buffer.
+  std::string const regs[] = {"", "r", "rg", "reg", "regs", "regis", std::string(300, 'q')};
+  std::string const fields[] = {"", "f", "fi", "fie", "fiel", std::string(200, 'z')};
+  Kiv::String const chip("chip0");
+  for (auto const& reg : regs) {
+    for (auto const& field : fields) {
+      SCOPED_TRACE(reg.size() * 1000 + field.size());
+      LogicalFieldNameParts const parts(chip, reg, field);
+      LogicalFieldName const name = fieldName(chip, Kiv::String(reg), Kiv::String(field));
+      EXPECT_EQ(parts.regFullName(), name.regName.fullName.view());
+      EXPECT_EQ(parts.fullName(), name.fullName.view());
+      EXPECT_EQ(parts.regHash(), name.regName.fullName.hash());
+      EXPECT_EQ(parts.hash(), name.fullName.hash());
+      EXPECT_TRUE(parts.sameRegister(name.regName));
+      EXPECT_TRUE(parts.sameField(name));
+      EXPECT_EQ(parts.fieldName(), name);
+      EXPECT_EQ(LogicalFieldNameHash()(parts.asField()), std::hash<LogicalFieldName>()(name));
+      EXPECT_EQ(LogicalRegisterNameHash()(parts.asRegister()), std::hash<LogicalRegisterName>()(name.regName));
+    }
+  }
+}
+
+TEST(LogicalTypes, NamePartsMatchOnEveryMember) {
+  Kiv::String const chip("x");
+  LogicalFieldNameParts const parts(chip, "a-b", "c");
+  EXPECT_FALSE(parts.sameField(fieldName("x", "a", "b-c")));  // same full name and hash, other parts
+  EXPECT_FALSE(parts.sameRegister(regName("x-a", "b")));
+  EXPECT_FALSE(parts.sameField(fieldName("x-a", "b", "c")));  // only the register's parts differ
+  EXPECT_FALSE(parts.sameField(fieldName("y", "a-b", "c")));
+  EXPECT_FALSE(parts.sameField(fieldName("x", "a-b", "d")));
+  LogicalFieldName written = fieldName("x", "a-b", "c");
+  written.fullName = "x-a-b-c ";
+  EXPECT_FALSE(parts.sameField(written));  // a parsed name whose full name was written differently
+
+  LogicalRegister reg(regName("x", "a-b"));
+  reg.fieldIs(fieldName("x", "a", "b-c"), true);
+  EXPECT_FALSE(reg.fieldHas(parts.asField()));
+  reg.fieldIs(fieldName("x", "a-b", "c"), true);
+  EXPECT_TRUE(reg.fieldHas(parts.asField()));
+}
