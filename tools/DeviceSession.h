@@ -1,0 +1,56 @@
+#pragma once
+/// @file DeviceSession.h
+/// @brief One chip reached through a TransportMethod, with failed accesses turned into ToolError.
+
+#include "KivPtr.h"
+#include "Trace.h"
+#include "Types.h"
+
+#include "TarnRegFile/TransportMethod.h"
+
+#include "TransportChoice.h"
+
+#include <string>
+
+namespace Tarnreg {
+
+/// @brief Opens the chosen transport over a map and reads or writes registers by name.
+///
+/// The transport never throws for a failed access: it returns 0xFFFFFFFF (which is also
+/// a valid register value) and signals its error notifier. The session watches that
+/// notifier to learn that an access failed, and keeps the transport's level-0 trace
+/// lines so that it can say why.
+class DeviceSession {
+public:
+  /// @brief Opens the transport of @p choice (not None) over the map at @p mapPath, for
+  /// the chip called @p chipName.
+  /// @throws ToolError (failure) when the device or the mock's register file cannot be used.
+  DeviceSession(TransportChoice const& choice, std::string const& mapPath, std::string const& chipName);
+  ~DeviceSession();
+  DeviceSession(DeviceSession const&) = delete;
+  DeviceSession& operator=(DeviceSession const&) = delete;
+
+  /// @brief The value of register @p regName.
+  /// @throws ToolError (failure) with the transport's reason when the read failed.
+  U32 read(std::string const& regName);
+  /// @brief Writes @p value to register @p regName.
+  /// @throws ToolError (failure) with the transport's reason when the write failed.
+  void write(std::string const& regName, U32 value);
+
+private:
+  struct ErrorWatcher : TarnRegFile::TransportMethodError::Notifiee {
+    void onError() override { ++signals; }
+    U32 signals = 0;
+  };
+
+  void open(TransportChoice const& choice, std::string const& mapPath);
+  void openMock(std::string const& dumpFile, std::string const& mapPath);
+  void failIfSignalled(U32 signalsBefore, char const* access, std::string const& regName) const;
+
+  // Declared first so that it outlives the transport and sees every line it writes.
+  Kiv::TraceCapture capture_;
+  Kiv::Ptr<TarnRegFile::TransportMethod> transport_;
+  ErrorWatcher watcher_;
+};
+
+}  // namespace Tarnreg

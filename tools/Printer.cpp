@@ -1,0 +1,79 @@
+#include "Printer.h"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <string_view>
+
+namespace Tarnreg {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+Json valueObject(RegisterValue const& entry) {
+  return Json{{"name", entry.reg->name}, {"address", entry.reg->number}, {"value", entry.value}};
+}
+
+// Register names are bytes as written in the map; one that is not UTF-8 must not
+// stop the output, so its bad bytes are replaced rather than refused.
+std::string render(Json const& json) { return json.dump(2, ' ', false, Json::error_handler_t::replace); }
+
+template <class Range, class Name>
+size_t nameColumnWidth(Range const& range, Name name) {
+  size_t width = std::string_view("name").size();
+  for (auto const& item : range) width = std::max(width, name(item).size());
+  return width;
+}
+
+}  // namespace
+
+void Printer::line(std::string const& text) const { fmt::print(out_, "{}\n", text); }
+
+void Printer::registerValue(RegisterValue const& entry) const {
+  line(json_ ? render(valueObject(entry)) : fmt::format("{:#010x}", entry.value));
+}
+
+void Printer::written(RegisterValue const& entry) const {
+  if (json_) line(render(valueObject(entry)));
+}
+
+void Printer::registerValues(std::vector<RegisterValue> const& entries) const {
+  if (json_) {
+    Json array = Json::array();
+    for (auto const& entry : entries) array.push_back(valueObject(entry));
+    line(render(array));
+    return;
+  }
+  size_t const width = nameColumnWidth(entries, [](RegisterValue const& e) -> std::string const& { return e.reg->name; });
+  line(fmt::format("{:<10}  {:<{}}  {}", "address", "name", width, "value"));
+  for (auto const& entry : entries)
+    line(fmt::format("{:#010x}  {:<{}}  {:#010x}", entry.reg->number, entry.reg->name, width, entry.value));
+}
+
+void Printer::registers(std::vector<TarnRegFile::Register const*> const& regs) const {
+  using TarnRegFile::Register;
+  if (json_) {
+    Json array = Json::array();
+    for (auto const* reg : regs)
+      array.push_back(Json{{"name", reg->name},
+                           {"address", reg->number},
+                           {"type", Register::regTypeToString(reg->type)},
+                           {"width", reg->width},
+                           {"writeable", reg->writeable}});
+    line(render(array));
+    return;
+  }
+  size_t const width = nameColumnWidth(regs, [](Register const* r) -> std::string const& { return r->name; });
+  line(fmt::format("{:<10}  {:<{}}  {:<9}  {:>5}  {}", "address", "name", width, "type", "width", "access"));
+  for (auto const* reg : regs)
+    line(fmt::format("{:#010x}  {:<{}}  {:<9}  {:>5}  {}", reg->number, reg->name, width,
+                     Register::regTypeToString(reg->type), reg->width, reg->writeable ? "rw" : "ro"));
+}
+
+void Printer::lookup(U32 address, std::string const& name) const {
+  line(json_ ? render(Json{{"name", name}, {"address", address}}) : name);
+}
+
+}  // namespace Tarnreg
