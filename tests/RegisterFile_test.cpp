@@ -354,6 +354,25 @@ TEST_F(RegisterFilePath, LoadsAFile) {
   EXPECT_EQ(static_cast<std::string>(file.findRegisterByName("rev")), "0x000044 rev readonly 16");
 }
 
+TEST_F(RegisterFilePath, LargeFileLoadsEveryLine) {
+  // Far more than one read buffer and than the maps' initial capacity.
+  constexpr U32 kCount = 20000;
+  std::string csv = kHeader;
+  for (U32 i = 0; i < kCount; ++i) csv += std::to_string(i) + ",reg_" + std::to_string(i) + ",sts,false,16\r\n";
+  std::string const path = write("large.csv", csv);
+  RegisterFile const fromFile(path.c_str(), 4);
+  RegisterFile const fromStream = load(csv, 4);
+  for (RegisterFile const* file : {&fromFile, &fromStream}) {
+    ASSERT_EQ(file->size(), kCount);
+    EXPECT_EQ(file->namesByAddress().size(), kCount);
+    for (U32 i = 0; i < kCount; i += 997) {
+      EXPECT_EQ(file->findRegNameByAddr(i * 4), "reg_" + std::to_string(i));
+      EXPECT_EQ(file->findRegisterByName(("reg_" + std::to_string(i)).c_str()).number, i * 4);
+    }
+    EXPECT_EQ(file->findRegNameByAddr((kCount - 1) * 4), "reg_" + std::to_string(kCount - 1));
+  }
+}
+
 TEST_F(RegisterFilePath, MissingFileNamesThePath) {
   std::string const path = dir_ + "/absent.csv";
   EXPECT_EQ(runtimeErrorOf([&] { RegisterFile(path.c_str(), 4); }), "Error opening CSV file " + path);
