@@ -76,6 +76,7 @@ struct Geometry {
   U32 stride = 0;  // value size rounded up to whole words
   U32 copyWords = 0;
   U32 bucketCount = 0;
+  U32 homeShift = 0;  // 32 - log2(bucketCount)
   U32 bucketBytes = 0;
   U32 slotOffset = 0;
   U32 bucketsOffset = 0;
@@ -91,12 +92,17 @@ Geometry geometryOf(U32 valueSize, U32 keySize, U32 capacity) {
   g.stride = (valueSize + 3u) & ~3u;
   g.copyWords = kCopyFixedWords + g.stride / 4;
   g.bucketCount = std::bit_ceil(2u * capacity);
+  g.homeShift = 32u - static_cast<U32>(std::countr_zero(g.bucketCount));
   g.bucketBytes = 4 * (kBucketFixedWords + 2 * g.copyWords);
   g.slotOffset = Table::kHeaderBytes;
   g.bucketsOffset = g.slotOffset + ((g.stride + 63u) & ~63u);
   g.fileBytes = g.bucketsOffset + U64{g.bucketCount} * g.bucketBytes;
   return g;
 }
+
+/// The first bucket probed for @p hash. Fibonacci hashing takes the top bits of
+/// a multiple, so a caller's hash with weak low bits still spreads evenly.
+inline U32 homeOf(Geometry const& g, U32 hash) { return (hash * 0x9E3779B1u) >> g.homeShift; }
 
 bool sizesPlausible(U32 valueSize, U32 keySize, U32 capacity) {
   return valueSize >= 1 && valueSize <= Table::kMaxValueSize && keySize >= 1 && keySize <= valueSize &&
@@ -123,11 +129,9 @@ constexpr U32 prevTag(U32 tag) { return ((tag & ~3u) - 12u) | ((tag & 2u) ^ 2u);
 constexpr U32 copyOf(U32 tag) { return (tag >> 1) & 1u; }
 static_assert(nextTag(prevTag(0)) == 0 && copyOf(prevTag(0)) == 1 && copyOf(nextTag(0)) == 1);
 
-/// One step of the check: xor, multiply by an odd constant, xor-shift; each a bijection.
-constexpr U32 mix(U32 sum, U32 word) {
-  sum = (sum ^ word) * 0x9E3779B1u;
-  return sum ^ (sum >> 15);
-}
+/// One step of the check: xor, multiply by an odd constant, rotate; each a bijection.
+/// (The rotation keeps a difference in the top bit from cancelling against the next word.)
+constexpr U32 mix(U32 sum, U32 word) { return std::rotl((sum ^ word) * 0x9E3779B1u, 15); }
 constexpr U32 checkBasis(U32 bucket) { return mix(0x811C9DC5u, bucket); }
 
 U32 headerCheckOf(Header const& h) {
@@ -339,7 +343,7 @@ Table Table::openWriter(Root const& root, std::string_view path, TableSpec spec,
       auto fresh = createFile(root, where, group, spec, randomSeed());
       if (!root.linkAs(where, fresh->fd.get(), where.leaf))
         continue;  // created by someone else meanwhile: attach to theirs
-      table.map_ = std::move(fresh);
+      table.adopt(std::move(fresh));
       table.scratch_.resize(spec.valueSize);
       kTrace.line(1, "created shared-memory table '{}' (capacity {}, {} buckets of {} bytes)", path, spec.capacity,
                   table.map_->geo.bucketCount, table.map_->geo.bucketBytes);
@@ -348,7 +352,7 @@ Table Table::openWriter(Root const& root, std::string_view path, TableSpec spec,
     lockWriter(fd.get(), path);
     if (!sameFile(fd.get(), where))
       continue;  // replaced by a rebuild before we got the lock
-    table.map_ = mapFile(std::move(fd), true, table.path_);
+    table.adopt(mapFile(std::move(fd), true, table.path_));
     table.attach(spec, where);
     return table;
   }
@@ -403,7 +407,7 @@ Table Table::openReader(Root const& root, std::string_view path) {
   Fd fd = where.dir ? root.openFile(where, false) : Fd();
   if (!fd)
     throw std::runtime_error(fmt::format("shared-memory table '{}' does not exist", path));
-  table.map_ = mapFile(std::move(fd), false, table.path_);
+  table.adopt(mapFile(std::move(fd), false, table.path_));
   return table;
 }
 
@@ -419,7 +423,7 @@ void Table::rebuild(U32 capacity) {
     Entry const e = readEntry(*old, b, scratch_.data());
     if (e.state != kUsed)
       continue;
-    U32 slot = e.hash & mask;
+    U32 slot = homeOf(fresh->geo, e.hash);
     while (loadRelaxed(fresh->bucket(slot)[0]) != 0)  // a control word moves on the first write
       slot = (slot + 1) & mask;
     publish(*fresh, slot, kUsed, e.hash, scratch_.data());
@@ -441,9 +445,14 @@ void Table::rebuild(U32 capacity) {
   root_.renameOver(where, staging, where.leaf);
   kTrace.line(1, "rebuilt shared-memory table '{}': capacity {} -> {}, {} entries", path_, old->geo.capacity, capacity,
               used);
-  map_ = std::move(fresh);
+  adopt(std::move(fresh));
   used_ = used;
   deleted_ = 0;
+}
+
+void Table::adopt(std::shared_ptr<Mapping> map) {
+  map_ = std::move(map);
+  seed_ = map_->seed;
 }
 
 Table::Mapping const& Table::current() {
@@ -462,17 +471,16 @@ void Table::followReplacement() {
   struct stat st {};
   if (::fstat(fd.get(), &st) == 0 && st.st_dev == map_->dev && st.st_ino == map_->ino)
     return;  // the replacement is not in place yet; this file still holds every entry
-  map_ = mapFile(std::move(fd), false, path_);
+  adopt(mapFile(std::move(fd), false, path_));
   kTrace.line(2, "shared-memory table '{}': reader moved to the rebuilt file", path_);
 }
 
 // ---- entries --------------------------------------------------------------------------------------------------
 
-Table::Entry Table::readEntry(Mapping const& map, U32 bucket, std::byte* out) const {
+[[gnu::always_inline]] inline Table::Entry Table::readEntry(Mapping const& map, U32 bucket, std::byte* out) const {
   U32 const* const words = map.bucket(bucket);
-  U32 const valueSize = map.geo.valueSize;
-  U32 const fullWords = valueSize / 4;
-  U32 const tailBytes = valueSize % 4;
+  U32 const fullWords = map.geo.valueSize / 4;
+  U32 const tailBytes = map.geo.valueSize % 4;
   for (U32 attempt = 0;; ++attempt) {
     U32 const control = loadAcquire(words[0]);
     U32 which = copyOf(control);
@@ -499,19 +507,28 @@ Table::Entry Table::readEntry(Mapping const& map, U32 bucket, std::byte* out) co
     if (tailBytes != 0) {
       U32 const word = loadRelaxed(data[fullWords]);
       sum = mix(sum, word);
-      std::memcpy(out + 4 * fullWords, &word, tailBytes);
+      std::byte* tail = out + 4 * fullWords;
+      switch (tailBytes) {  // cheaper than a call to memcpy for one to three bytes
+        case 3:
+          tail[2] = static_cast<std::byte>(word >> 16);
+          [[fallthrough]];
+        case 2:
+          tail[1] = static_cast<std::byte>(word >> 8);
+          [[fallthrough]];
+        default:
+          tail[0] = static_cast<std::byte>(word);
+      }
     }
     std::atomic_thread_fence(std::memory_order_acquire);
     U32 const seqAfter = loadRelaxed(copy[kSeq]);
     if (loadRelaxed(words[0]) == control) [[likely]] {
       // The writer touches the copy we read only after moving the control word,
       // so from here on any inconsistency is damage.
-      if ((control & 1u) != 0 || !otherSound || seq != expected || seqAfter != seq)
-        corrupt(bucket, "its copies do not match its control word");
-      if (sum != check)
-        corrupt(bucket, "check mismatch");
-      if (state > kDeleted)
-        corrupt(bucket, fmt::format("unknown state {}", state));
+      bool const consistent = (control & 1u) == 0 && otherSound && seq == expected && seqAfter == seq;
+      if (!consistent || sum != check || state > kDeleted) [[unlikely]]
+        corrupt(bucket, !consistent ? std::string("its copies do not match its control word")
+                        : sum != check ? std::string("check mismatch")
+                                       : fmt::format("unknown state {}", state));
       return Entry{state, hash};
     }
     if (attempt >= kMaxReadAttempts)
@@ -521,24 +538,45 @@ Table::Entry Table::readEntry(Mapping const& map, U32 bucket, std::byte* out) co
   }
 }
 
+namespace {
+
+/// Compares keys a word at a time; keys are short and their size is known only at run time.
+inline bool keysEqual(std::byte const* a, std::byte const* b, U32 size) {
+  U32 i = 0;
+  for (; i + 4 <= size; i += 4) {
+    U32 x, y;
+    std::memcpy(&x, a + i, 4);
+    std::memcpy(&y, b + i, 4);
+    if (x != y)
+      return false;
+  }
+  for (; i < size; ++i)
+    if (a[i] != b[i])
+      return false;
+  return true;
+}
+
+}  // namespace
+
 Table::Probe Table::probe(Mapping const& map, std::byte const* key, U32 hash, std::byte* buffer) const {
   U32 const count = map.geo.bucketCount;
   U32 const mask = count - 1;
   U32 deleted = kNoBucket;
+  U32 const home = homeOf(map.geo, hash);
   for (U32 i = 0; i < count; ++i) {
-    U32 const b = (hash + i) & mask;
+    U32 const b = (home + i) & mask;
     Entry const e = readEntry(map, b, buffer);
     if (e.state == kEmpty)
       return deleted == kNoBucket ? Probe{false, b, false} : Probe{false, deleted, true};
     if (e.state == kDeleted) {
       if (deleted == kNoBucket)
         deleted = b;
-    } else if (e.hash == hash && std::memcmp(buffer, key, map.geo.keySize) == 0) {
+    } else if (e.hash == hash && keysEqual(buffer, key, map.geo.keySize)) {
       return Probe{true, b, false};
     }
   }
   if (deleted == kNoBucket && writer_)
-    corrupt(hash & mask, "every bucket holds an entry");
+    corrupt(home, "every bucket holds an entry");
   return Probe{false, deleted, true};
 }
 
@@ -551,14 +589,22 @@ void Table::publish(Mapping& map, U32 bucket, U32 state, U32 hash, std::byte con
   storeRelaxed(copy[kState], state);
   storeRelaxed(copy[kHash], hash);
   U32 sum = mix(mix(mix(checkBasis(bucket), tag), state), hash);
-  U32 const valueSize = map.geo.valueSize;
+  U32 const fullWords = map.geo.valueSize / 4;
+  U32 const tailBytes = map.geo.valueSize % 4;
   U32* const data = copy + kCopyFixedWords;
-  for (U32 i = 0, offset = 0; offset < map.geo.stride; ++i, offset += 4) {
+  for (U32 i = 0; i < fullWords; ++i) {
     U32 word = 0;
     if (value != nullptr)
-      std::memcpy(&word, value + offset, valueSize - offset < 4 ? valueSize - offset : 4);
+      std::memcpy(&word, value + 4 * i, 4);
     sum = mix(sum, word);
     storeRelaxed(data[i], word);
+  }
+  if (tailBytes != 0) {  // the last word is padded with zero bytes
+    U32 word = 0;
+    for (U32 i = 0; value != nullptr && i < tailBytes; ++i)
+      word |= U32{static_cast<U8>(value[4 * fullWords + i])} << (8 * i);
+    sum = mix(sum, word);
+    storeRelaxed(data[fullWords], word);
   }
   storeRelaxed(copy[kCheck], sum);
   storeRelease(copy[kSeq], tag);
@@ -669,8 +715,6 @@ U32 Table::size() {
 U32 Table::capacity() { return current().geo.capacity; }
 
 U32 Table::changeCounter() { return loadAcquire(current().header().changeCounter); }
-
-U32 Table::seed() const noexcept { return map_->seed; }
 
 U32 Table::valueSize() const noexcept { return map_->geo.valueSize; }
 

@@ -150,7 +150,7 @@ public:
   /// @brief Counter incremented by every committed change (wraps); lets other processes notice changes.
   U32 changeCounter();
   /// @brief Seed that every process hashes keys with.
-  U32 seed() const noexcept;
+  U32 seed() const noexcept { return seed_; }
   /// @brief Bytes per value, as given at creation.
   U32 valueSize() const noexcept;
   /// @brief Leading bytes of a value that are its key.
@@ -179,6 +179,7 @@ private:
   void attach(TableSpec spec, Root::Place const& where);
   void rebuild(U32 capacity);
 
+  void adopt(std::shared_ptr<Mapping> map);
   Mapping const& current();
   void followReplacement();
   Entry readEntry(Mapping const& map, U32 bucket, std::byte* out) const;
@@ -193,6 +194,7 @@ private:
   GroupMode group_;
   bool writer_;
   std::shared_ptr<Mapping> map_;
+  U32 seed_ = 0;
   U32 used_ = 0;     ///< writer only: entries
   U32 deleted_ = 0;  ///< writer only: deleted markers
   std::vector<std::byte> scratch_;

@@ -27,15 +27,18 @@ struct Value {
 
 /// A simple seeded hash; the runtime's seeded hash replaces it in the real traits.
 inline U32 seededHash(Key const& key, U32 seed) {
-  U32 h = seed ^ 0x9747B28Cu;
+  U32 h = seed;
   for (U32 word : {key.address, U32{key.start} | (U32{key.size} << 8)}) {
-    h ^= word * 0xCC9E2D51u;
-    h = (h << 13 | h >> 19) * 5u + 0xE6546B64u;
+    word *= 0xCC9E2D51u;
+    word = (word << 15) | (word >> 17);
+    h ^= word * 0x1B873593u;
+    h = ((h << 13) | (h >> 19)) * 5u + 0xE6546B64u;
   }
   h ^= h >> 16;
   h *= 0x85EBCA6Bu;
   h ^= h >> 13;
-  return h;
+  h *= 0xC2B2AE35u;
+  return h ^ (h >> 16);
 }
 
 struct Traits {
