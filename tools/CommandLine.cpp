@@ -3,6 +3,8 @@
 #include "NumberParser.h"
 #include "ToolError.h"
 
+#include "ShmRoot.h"
+
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
@@ -44,6 +46,8 @@ struct RawLine {
   std::string reg;
   std::string value;
   std::string lookupAddress;
+  std::string shadowRoot = Kiv::Shm::Root::kDefaultDir;
+  std::string shadowPath;
 };
 
 struct Parsed {
@@ -85,6 +89,10 @@ Parsed parseRaw(int argc, char const* const* argv) {
   auto* list = app.add_subcommand("list");
   auto* lookup = app.add_subcommand("lookup");
   lookup->add_option("ADDRESS", raw.lookupAddress)->required();
+  auto* shadow = app.add_subcommand("shadow");
+  auto* show = shadow->add_subcommand("show");
+  show->add_option("--root", raw.shadowRoot);
+  show->add_option("PATH", raw.shadowPath)->required();
 
   app.parse(argc, argv);
 
@@ -93,6 +101,8 @@ Parsed parseRaw(int argc, char const* const* argv) {
   else if (*dump) parsed.command = Command::Dump;
   else if (*list) parsed.command = Command::List;
   else if (*lookup) parsed.command = Command::Lookup;
+  else if (*show) parsed.command = Command::ShadowShow;
+  else if (*shadow) throw ToolError::usage("shadow needs a command: show (see tarnreg --help)");
   else throw ToolError::usage("no command given: read, write, dump, list or lookup (see tarnreg --help)");
   parsed.mockFileGiven = mockFile->count() > 0;
   parsed.addrGiven = addr->count() > 0;
@@ -138,6 +148,7 @@ char const* commandName(Command command) {
     case Command::Dump: return "dump";
     case Command::List: return "list";
     case Command::Lookup: return "lookup";
+    case Command::ShadowShow: return "shadow show";
   }
   return "?";
 }
@@ -151,6 +162,14 @@ Options check(Parsed const& parsed) {
   options.verbosity = raw.verbosity;
   options.transport = transportOf(parsed);
 
+  if (parsed.command == Command::ShadowShow) {
+    if (!raw.map.empty() || options.transport.kind != TransportKind::None)
+      throw ToolError::usage("shadow show reads shared memory only: it takes no --map and no transport");
+    if (raw.shadowRoot.empty()) throw ToolError::usage("--root needs a directory");
+    options.shadowRoot = raw.shadowRoot;
+    options.shadowPath = raw.shadowPath;
+    return options;
+  }
   if (raw.map.empty()) throw ToolError::usage("--map MAP.csv is required");
   options.mapPath = raw.map;
   if (needsDevice(parsed.command) && options.transport.kind == TransportKind::None)
@@ -172,6 +191,7 @@ std::string const& usageText() {
        tarnreg --map MAP TRANSPORT [--json] [-v] dump
        tarnreg --map MAP [TRANSPORT] [--json] list
        tarnreg --map MAP [TRANSPORT] [--json] lookup ADDRESS
+       tarnreg shadow show [--root DIR] PATH [--json]
   MAP is a CSV register map (first line "number,name,type,writeable,width")
   TRANSPORT is one of:
     --mock [--mock-file FILE]   simulated registers, kept in FILE
@@ -187,6 +207,8 @@ std::string const& usageText() {
   VALUE is decimal (305419896) or 0x-hex (0x12345678), 0 - 0xffffffff
   ADDRESS is a byte address, decimal or 0x-hex: the register's number in MAP
     times 4 (mock, PCI, no transport) or times 1 (I2C)
+  DIR is the shared-memory root (default {}); PATH names a shadow-field
+    table below it, such as TarnRegFile/shadowFieldsConfig/chip0
   Commands:
     read      print the register's value
     write     write VALUE to the register (prints nothing)
@@ -194,8 +216,11 @@ std::string const& usageText() {
     list      print every register of MAP (address, name, type, width, access);
               sorted by address, no device is touched
     lookup    print the name of the register at ADDRESS; no device is touched
+    shadow show  print the entries of a shadow-field table (address, start, size,
+              value) sorted by key, reading it alongside the process that writes it
   Options:
-    --json       print JSON: an object per register, an array for dump and list
+    --json       print JSON: an object per register or entry, an array for dump,
+                 list and shadow show
     -f, --force  also write read-only registers and values wider than the register
     -v           trace to stderr (levels 0-5; -vv: every level)
     -h, --help   print this text
@@ -208,8 +233,9 @@ std::string const& usageText() {
     tarnreg --map chip.csv --i2c /dev/i2c-1 --addr 0x50 --flavour word read fan_pwm_duty
     tarnreg --map chip.csv list --json
     tarnreg --map chip.csv lookup 0x8
+    tarnreg shadow show TarnRegFile/shadowFieldsStatus/chip0
 )",
-      TarnRegFile::MockTransportMethodImpl::kDumpPath);
+      TarnRegFile::MockTransportMethodImpl::kDumpPath, Kiv::Shm::Root::kDefaultDir);
   return text;
 }
 

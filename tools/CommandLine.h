@@ -12,7 +12,7 @@
 namespace Tarnreg {
 
 /// @brief What the command line asks for.
-enum class Command { Read, Write, Dump, List, Lookup };
+enum class Command { Read, Write, Dump, List, Lookup, ShadowShow };
 
 /// @brief Everything the command line gave, checked and converted.
 struct Options {
@@ -25,6 +25,8 @@ struct Options {
   std::string regName;         ///< read, write
   U32 value = 0;               ///< write
   U32 address = 0;             ///< lookup
+  std::string shadowRoot;      ///< shadow show --root
+  std::string shadowPath;      ///< shadow show PATH
 };
 
 /// @brief The text --help prints.

@@ -3,6 +3,7 @@
 #include "DeviceSession.h"
 #include "Printer.h"
 #include "RegisterMap.h"
+#include "ShadowShow.h"
 
 #include <fmt/format.h>
 
@@ -49,6 +50,8 @@ public:
       case Command::Dump: return dump();
       case Command::List: return printer_.registers(map().byAddress());
       case Command::Lookup: return printer_.lookup(options_.address, map().nameAt(options_.address));
+      case Command::ShadowShow:
+        return printer_.shadowEntries(readShadowEntries(options_.shadowRoot, options_.shadowPath));
     }
   }
 

@@ -76,4 +76,17 @@ void Printer::lookup(U32 address, std::string const& name) const {
   line(json_ ? render(Json{{"name", name}, {"address", address}}) : name);
 }
 
+void Printer::shadowEntries(std::vector<TarnRegFile::ShadowFieldValue> const& entries) const {
+  if (json_) {
+    Json array = Json::array();
+    for (auto const& e : entries)
+      array.push_back(Json{{"address", e.key.address}, {"start", e.key.start}, {"size", e.key.size}, {"value", e.value}});
+    line(render(array));
+    return;
+  }
+  line(fmt::format("{:<10}  {:>5}  {:>4}  {}", "address", "start", "size", "value"));
+  for (auto const& e : entries)
+    line(fmt::format("{:#010x}  {:>5}  {:>4}  {:#010x}", e.key.address, e.key.start, e.key.size, e.value));
+}
+
 }  // namespace Tarnreg

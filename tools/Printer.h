@@ -4,6 +4,7 @@
 
 #include "Types.h"
 
+#include "TarnRegFile/PhysicalTypes.h"
 #include "TarnRegFile/RegisterFile.h"
 
 #include <cstdio>
@@ -38,6 +39,8 @@ public:
   void registers(std::vector<TarnRegFile::Register const*> const& regs) const;
   /// @brief The name found at an address (lookup).
   void lookup(U32 address, std::string const& name) const;
+  /// @brief The entries of a shadow-field table, in the given order: address, start, size, value.
+  void shadowEntries(std::vector<TarnRegFile::ShadowFieldValue> const& entries) const;
 
 private:
   void line(std::string const& text) const;
