@@ -480,4 +480,92 @@ TEST_F(Tarnreg, MockRegisterFileThatCannotBeTrustedIsRefused) {
                 "cannot create mock register file");
 }
 
+// A shadow-field table owned by another process: the shadow_writer helper mounts it
+// as its writer, fills it and holds it until its standard input closes.
+class TarnregShadow : public Tarnreg {
+protected:
+  static constexpr char const* kWriter = TARN_BINARY_DIR "/tests/shadow_writer";
+  static constexpr char const* kPath = "TarnRegFile/shadowFieldsStatus/chip3";
+
+  void SetUp() override {
+    Tarnreg::SetUp();
+    root_ = dir_ + "/shm";
+    ASSERT_EQ(0, ::access(kWriter, X_OK)) << kWriter << " is not built";
+  }
+  void TearDown() override {
+    stopWriter();
+    Tarnreg::TearDown();
+  }
+
+  // Starts the writer with @p count entries and waits until they are committed.
+  void startWriter(U32 count) {
+    int toWriter[2], fromWriter[2];
+    ASSERT_EQ(0, ::pipe2(toWriter, O_CLOEXEC));
+    ASSERT_EQ(0, ::pipe2(fromWriter, O_CLOEXEC));
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, toWriter[0], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, fromWriter[1], STDOUT_FILENO);
+    std::string const countText = std::to_string(count);
+    char* argv[] = {const_cast<char*>(kWriter), const_cast<char*>(root_.c_str()), const_cast<char*>(kPath),
+                    const_cast<char*>(countText.c_str()), nullptr};
+    ASSERT_EQ(0, posix_spawn(&writer_, kWriter, &actions, nullptr, argv, environ));
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(toWriter[0]);
+    ::close(fromWriter[1]);
+    writerInput_ = toWriter[1];
+    char ready[16] = {};
+    ssize_t const n = ::read(fromWriter[0], ready, sizeof ready - 1);
+    ::close(fromWriter[0]);
+    ASSERT_GT(n, 0);
+    ASSERT_STREQ("ready\n", ready);
+  }
+  // Lets the writer finish; returns its exit status.
+  int stopWriter() {
+    if (writer_ <= 0) return -1;
+    ::close(writerInput_);
+    int wstatus = 0;
+    ::waitpid(writer_, &wstatus, 0);
+    writer_ = -1;
+    return WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
+  }
+
+  std::string root_;
+  pid_t writer_ = -1;
+  int writerInput_ = -1;
+};
+
+TEST_F(TarnregShadow, ShowsATableAnotherProcessIsWritingSortedByKey) {
+  startWriter(40);  // written in reverse key order
+  ToolRun const text = runTool({"shadow", "show", "--root", root_, kPath});
+  ASSERT_EQ(0, text.status) << text.err;
+  auto const shown = lines(text.out);
+  ASSERT_EQ(41u, shown.size()) << text.out;
+  EXPECT_EQ("address     start  size  value", shown[0]);
+  EXPECT_EQ("0x00000000      0     1  0x00001000", shown[1]);
+  EXPECT_EQ("0x00000027      7     8  0x00001111", shown[40]);  // key {39, 7, 8}, value 0x1000 + 7 * 39
+
+  ToolRun const json = runTool({"shadow", "show", "--root", root_, kPath, "--json"});
+  ASSERT_EQ(0, json.status) << json.err;
+  Json const entries = Json::parse(json.out);
+  ASSERT_EQ(40u, entries.size());
+  for (U32 i = 0; i < 40; ++i) {
+    EXPECT_EQ(i, entries[i].at("address"));
+    EXPECT_EQ(i % 32, entries[i].at("start"));
+    EXPECT_EQ(1 + i % 32, entries[i].at("size"));
+    EXPECT_EQ(0x1000 + 7 * i, entries[i].at("value"));
+  }
+  EXPECT_EQ(0, stopWriter());  // the reader disturbed nothing
+}
+
+TEST_F(TarnregShadow, MissingOrEscapingTablesAreOneLine) {
+  startWriter(1);
+  expectFailure(runTool({"shadow", "show", "--root", root_, "TarnRegFile/shadowFieldsStatus/chip4"}), 1,
+                "cannot read shadow table TarnRegFile/shadowFieldsStatus/chip4 under " + root_);
+  expectFailure(runTool({"shadow", "show", "--root", root_, "../shm/" + std::string(kPath)}), 2, "'..'");
+  expectFailure(runTool({"shadow", "show", "--root", root_, "/etc/passwd"}), 2, "/etc/passwd");
+  expectFailure(runTool({"shadow", "show", "--root", root_}), 2, "PATH is required");
+  expectFailure(runTool({"--map", map_, "shadow", "show", "--root", root_, kPath}), 2, "takes no --map");
+}
+
 }  // namespace
