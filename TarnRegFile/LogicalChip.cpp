@@ -254,7 +254,7 @@ void LogicalChip::fieldWrite(Kiv::String const& reg, Kiv::String const& field, U
 void LogicalChip::regWrite(Kiv::String const& reg, U64 value) {
   kTrace.printf(5, "LogicalChip::regWrite regName: %s value: %s", reg, value);
   KIV_ASSERT(kTrace, ready()) << "LogicalChip " << name() << " is not populated yet!";
-  LogicalFieldNameParts const names(name(), reg, Kiv::String());
+  LogicalFieldNameParts const names(name(), reg, std::string_view());
   LogicalRegister* const lRegEntry = regColl_.find(names.asRegister());
   if (!lRegEntry) {
     LogicalRegisterName const lrName = names.registerName();
@@ -280,7 +280,7 @@ void LogicalChip::regWrite(Kiv::String const& reg, U64 value) {
 U64 LogicalChip::regGetLastWritten(Kiv::String const& reg) {
   kTrace.printf(5, "LogicalChip::regGetLastWritten regName: %s", reg);
   KIV_ASSERT(kTrace, ready()) << "LogicalChip " << name() << " is not populated yet!";
-  LogicalFieldNameParts const names(name(), reg, Kiv::String());
+  LogicalFieldNameParts const names(name(), reg, std::string_view());
   LogicalRegister const* const lReg = regColl_.find(names.asRegister());
   if (!lReg) {
     LogicalRegisterName const lrName = names.registerName();

@@ -26,26 +26,31 @@ public:
   /// @brief Creates a translation for chip @p name, with notification active.
   static Kiv::Ptr<Translation> TranslationIs(Kiv::String const& name);
 
+  /// @brief "TarnRegFile::Translation".
   char const* fwkType() const override { return "TarnRegFile::Translation"; }
 
   /// @brief The physical name mapped to @p lf, or the default name when there is none.
   PhysicalFieldName logicalToPhysical(LogicalFieldName const& lf) const { return logicalToPhysical_.get(lf); }
+  /// @brief Whether @p lf is mapped.
   bool logicalToPhysicalHas(LogicalFieldName const& lf) const { return logicalToPhysical_.has(lf); }
   /// @brief Inserts the pair, or overwrites the value stored for @p lf.
   void logicalToPhysicalIs(LogicalFieldName const& lf, PhysicalFieldName const& pf) { logicalToPhysical_.put(lf, pf); }
   /// @brief Removes @p lf; an absent key is no error.
   void logicalToPhysicalDel(LogicalFieldName const& lf) { logicalToPhysical_.erase(lf); }
+  /// @brief Empties the forward map.
   void logicalToPhysicalDelAll() { logicalToPhysical_ = LogicalToPhysicalMap(); }
   /// @brief The forward map, for iteration.
   LogicalToPhysicalMap const& logicalToPhysicalEntries() const noexcept { return logicalToPhysical_; }
 
   /// @brief The logical name mapped to @p pf, or the default name when there is none.
   LogicalFieldName physicalToLogical(PhysicalFieldName const& pf) const { return physicalToLogical_.get(pf); }
+  /// @brief Whether @p pf is mapped.
   bool physicalToLogicalHas(PhysicalFieldName const& pf) const { return physicalToLogical_.has(pf); }
   /// @brief Inserts the pair, or overwrites the value stored for @p pf.
   void physicalToLogicalIs(PhysicalFieldName const& pf, LogicalFieldName const& lf) { physicalToLogical_.put(pf, lf); }
   /// @brief Removes @p pf; an absent key is no error.
   void physicalToLogicalDel(PhysicalFieldName const& pf) { physicalToLogical_.erase(pf); }
+  /// @brief Empties the reverse map.
   void physicalToLogicalDelAll() { physicalToLogical_ = PhysicalToLogicalMap(); }
   /// @brief The reverse map, for iteration.
   PhysicalToLogicalMap const& physicalToLogicalEntries() const noexcept { return physicalToLogical_; }
@@ -104,32 +109,42 @@ public:
   /// @brief Creates a chip called @p name (notification active, translation created).
   static Kiv::Ptr<LogicalChip> LogicalChipIs(Kiv::String const& name);
 
+  /// @brief "TarnRegFile::LogicalChip".
   char const* fwkType() const override { return "TarnRegFile::LogicalChip"; }
 
   // ---- regColl: logical registers by name
 
   /// @brief The register @p name, or the default register when absent.
   LogicalRegister regColl(LogicalRegisterName const& name) const { return regColl_.get(name); }
+  /// @brief Whether register @p name exists.
   bool regCollHas(LogicalRegisterName const& name) const { return regColl_.has(name); }
   /// @brief Inserts @p reg under its own name, or replaces the stored register if it differs.
   void regCollIs(LogicalRegister const& reg);
+  /// @brief Removes register @p name (absent: nothing happens).
   void regCollDel(LogicalRegisterName const& name);
+  /// @brief Removes every register, notifying each.
   void regCollDelAll();
+  /// @brief Every register, for iteration.
   RegCollMap const& regCollEntries() const noexcept { return regColl_; }
 
   // ---- logicalField: logical fields by name
 
   /// @brief The field @p name, or the default field when absent.
   LogicalField logicalField(LogicalFieldName const& name) const { return logicalField_.get(name); }
+  /// @brief Whether field @p name exists.
   bool logicalFieldHas(LogicalFieldName const& name) const { return logicalField_.has(name); }
   /// @brief Inserts @p field under its own name, or replaces the stored field if it differs.
   void logicalFieldIs(LogicalField const& field);
+  /// @brief Removes field @p name (absent: nothing happens).
   void logicalFieldDel(LogicalFieldName const& name);
+  /// @brief Removes every field, notifying each.
   void logicalFieldDelAll();
+  /// @brief Every logical field, for iteration.
   LogicalFieldMap const& logicalFieldEntries() const noexcept { return logicalField_; }
 
   // ---- translation
 
+  /// @brief The chip's translation (empty after translationDel).
   Kiv::Ptr<Translation> const& translation() const noexcept { return translation_; }
   /// @brief The chip's translation, created (and notified) on first use.
   Kiv::Ptr<Translation> translationIs();
@@ -140,16 +155,22 @@ public:
 
   /// @brief The field @p name, or the default field when absent.
   PhysicalField physicalField(PhysicalFieldName const& name) const { return physicalField_.get(name); }
+  /// @brief Whether physical field @p name exists.
   bool physicalFieldHas(PhysicalFieldName const& name) const { return physicalField_.has(name); }
   /// @brief Inserts @p field under its own name, or replaces the stored field if it differs.
   void physicalFieldIs(PhysicalField const& field);
+  /// @brief Removes physical field @p name (absent: nothing happens).
   void physicalFieldDel(PhysicalFieldName const& name);
+  /// @brief Removes every physical field, notifying each.
   void physicalFieldDelAll();
+  /// @brief Every physical field, for iteration.
   PhysicalFieldMap const& physicalFieldEntries() const noexcept { return physicalField_; }
 
   // ---- physicalFieldCount: fields populated so far, and the next shadow address
 
+  /// @brief Physical fields populated so far (calls, not distinct names).
   U32 physicalFieldCount() const { return physicalFieldCount_; }
+  /// @brief Sets the count, hence the shadow address the next physical field gets.
   void physicalFieldCountIs(U32 count);
   /// @brief Adds @p n and returns the new count; notifies only when @p n is not 0.
   U32 physicalFieldCountInc(U32 n);
@@ -158,17 +179,26 @@ public:
 
   /// @brief The physical name stored for @p key, or the default name when absent.
   PhysicalFieldName shadowToPhysicalName(ShadowFieldKey const& key) const { return shadowToPhysicalName_.get(key); }
+  /// @brief Whether @p key is indexed.
   bool shadowToPhysicalNameHas(ShadowFieldKey const& key) const { return shadowToPhysicalName_.has(key); }
+  /// @brief Indexes @p key, or overwrites its name if different.
   void shadowToPhysicalNameIs(ShadowFieldKey const& key, PhysicalFieldName const& name);
+  /// @brief Removes @p key (absent: nothing happens).
   void shadowToPhysicalNameDel(ShadowFieldKey const& key);
+  /// @brief Removes every key, notifying each.
   void shadowToPhysicalNameDelAll();
+  /// @brief The whole index, for iteration.
   ShadowToPhysicalNameMap const& shadowToPhysicalNameEntries() const noexcept { return shadowToPhysicalName_; }
 
   // ---- flags
 
+  /// @brief Population finished: writes allowed, population refused.
   bool ready() const { return ready_; }
+  /// @brief Sets ready; notifies only on change.
   void readyIs(bool ready);
+  /// @brief Construction finished.
   bool initialized() const { return initialized_; }
+  /// @brief Sets initialized; notifies only on change.
   void initializedIs(bool initialized);
 
   // ---- operations
