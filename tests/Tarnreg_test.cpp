@@ -430,6 +430,7 @@ TEST_F(Tarnreg, CommandLineMistakesAreUsageErrors) {
       {{"--map", map_, "--i2c", "/dev/i2c-1", "--addr", "8", "--flavour", "byte", "list"}, "byte"},
       {{"--map", map_, "--addr", "8", "list"}, "--addr and --flavour go with --i2c"},
       {{"--map", map_, "--mock-file", mockFile_, "list"}, "--mock-file goes with --mock"},
+      {{"--map", map_, "--pci", "", "dump"}, "--pci needs a resource file"},
       {{"--map", map_, "--mock", "read"}, "REG"},
       {{"--map", map_, "--mock", "read", "scratch", "extra"}, "extra"},
   };

@@ -54,6 +54,8 @@ struct Parsed {
   RawLine raw;
   Command command = Command::List;
   bool mockFileGiven = false;
+  bool pciGiven = false;
+  bool i2cGiven = false;
   bool addrGiven = false;
   bool flavourGiven = false;
 };
@@ -72,8 +74,8 @@ Parsed parseRaw(int argc, char const* const* argv) {
   app.add_option("--map", raw.map);
   app.add_flag("--mock", raw.mock);
   auto* mockFile = app.add_option("--mock-file", raw.mockFile);
-  app.add_option("--pci", raw.pci);
-  app.add_option("--i2c", raw.i2c);
+  auto* pci = app.add_option("--pci", raw.pci);
+  auto* i2c = app.add_option("--i2c", raw.i2c);
   auto* addr = app.add_option("--addr", raw.addr);
   auto* flavour = app.add_option("--flavour", raw.flavour)->check(CLI::IsMember({"block", "word"}));
   app.add_flag("--json", raw.json);
@@ -105,6 +107,8 @@ Parsed parseRaw(int argc, char const* const* argv) {
   else if (*shadow) throw ToolError::usage("shadow needs a command: show (see tarnreg --help)");
   else throw ToolError::usage("no command given: read, write, dump, list or lookup (see tarnreg --help)");
   parsed.mockFileGiven = mockFile->count() > 0;
+  parsed.pciGiven = pci->count() > 0;
+  parsed.i2cGiven = i2c->count() > 0;
   parsed.addrGiven = addr->count() > 0;
   parsed.flavourGiven = flavour->count() > 0;
   return parsed;
@@ -113,10 +117,12 @@ Parsed parseRaw(int argc, char const* const* argv) {
 TransportChoice transportOf(Parsed const& parsed) {
   RawLine const& raw = parsed.raw;
   TransportChoice choice;
-  int const chosen = int(raw.mock) + int(!raw.pci.empty()) + int(!raw.i2c.empty());
+  int const chosen = int(raw.mock) + int(parsed.pciGiven) + int(parsed.i2cGiven);
   if (chosen > 1) throw ToolError::usage("choose one transport: --mock, --pci or --i2c");
   if (parsed.mockFileGiven && !raw.mock) throw ToolError::usage("--mock-file goes with --mock");
-  if ((parsed.addrGiven || parsed.flavourGiven) && raw.i2c.empty())
+  if (parsed.pciGiven && raw.pci.empty()) throw ToolError::usage("--pci needs a resource file");
+  if (parsed.i2cGiven && raw.i2c.empty()) throw ToolError::usage("--i2c needs a device node");
+  if ((parsed.addrGiven || parsed.flavourGiven) && !parsed.i2cGiven)
     throw ToolError::usage("--addr and --flavour go with --i2c");
   if (raw.mock) {
     choice.kind = TransportKind::Mock;
@@ -124,10 +130,10 @@ TransportChoice transportOf(Parsed const& parsed) {
       if (raw.mockFile.empty()) throw ToolError::usage("--mock-file needs a file name");
       choice.mockFile = raw.mockFile;
     }
-  } else if (!raw.pci.empty()) {
+  } else if (parsed.pciGiven) {
     choice.kind = TransportKind::Pci;
     choice.pciResource = raw.pci;
-  } else if (!raw.i2c.empty()) {
+  } else if (parsed.i2cGiven) {
     choice.kind = TransportKind::I2c;
     if (!parsed.addrGiven) throw ToolError::usage("--i2c needs the chip's address: --addr ADDR");
     choice.i2cDevNode = raw.i2c;
