@@ -205,10 +205,11 @@ std::string const& usageText() {
     --pci RESOURCE_FILE         memory-mapped PCI resource (or any regular file), such as
                                 /sys/bus/pci/devices/0000:03:00.0/resource0
     --i2c DEVNODE --addr ADDR [--flavour block|word]
-                                i2c-dev adapter node (such as /dev/i2c-1) and chip
+                                i2c-dev adapter node (such as /dev/i2c-1) and the
+                                chip's address on that bus
   ADDR is the chip's 7-bit I2C address (0x00 - 0x7f)
   --flavour block (the default): 16-bit register address, 32-bit data in one block
-  --flavour word: 8-bit register address, 16-bit SMBus word
+  --flavour word: 8-bit register address (registers 0 - 255), 16-bit SMBus word
   REG is a register name of MAP
   VALUE is decimal (305419896) or 0x-hex (0x12345678), 0 - 0xffffffff
   ADDRESS is a byte address, decimal or 0x-hex: the register's number in MAP
