@@ -1,7 +1,7 @@
 #include "Trace.h"
 
 #include <fnmatch.h>
-#include <sys/time.h>
+#include <time.h>
 
 #include <algorithm>
 #include <array>
@@ -23,6 +23,7 @@ constexpr size_t kSlotBytes = 240;
 
 struct RingSlot {
   uint64_t sequence = 0;
+  timespec when{};  // formatted only when the ring is read: recording stays cheap
   char text[kSlotBytes] = {};
 };
 
@@ -65,17 +66,37 @@ void refreshAll(Registry& r) {
 // "HH:MM:SS.uuuuuu" into a caller buffer: no allocation on the line path.
 struct Stamp {
   char text[24];
-  Stamp() {
-    timeval tv{};
-    gettimeofday(&tv, nullptr);
+  explicit Stamp(timespec const& when) {
     std::tm tm{};
-    time_t secs = tv.tv_sec;
+    time_t secs = when.tv_sec;
     localtime_r(&secs, &tm);
     auto end = fmt::format_to_n(text, sizeof text - 1, "{:02}:{:02}:{:02}.{:06}", tm.tm_hour, tm.tm_min,
-                                tm.tm_sec, static_cast<long>(tv.tv_usec));
+                                tm.tm_sec, static_cast<long>(when.tv_nsec / 1000));
     *end.out = '\0';
   }
 };
+
+timespec now() {
+  timespec ts{};
+  clock_gettime(CLOCK_REALTIME, &ts);  // vDSO: no system call
+  return ts;
+}
+
+// printf-style formats are literals: their "{}" translation is computed once per
+// format and remembered by address in a small per-thread cache.
+std::string const& translatedFormat(char const* format, std::string (*translate)(char const*)) {
+  struct Entry {
+    char const* format = nullptr;
+    std::string translated;
+  };
+  thread_local std::array<Entry, 64> cache;
+  auto& e = cache[(reinterpret_cast<uintptr_t>(format) >> 3) % cache.size()];
+  if (e.format != format) {
+    e.translated = translate(format);
+    e.format = format;
+  }
+  return e.translated;
+}
 
 }  // namespace
 
@@ -103,6 +124,26 @@ void TraceHandle::refresh() {
 }
 
 void TraceHandle::vline(unsigned level, char const* function, fmt::string_view format, fmt::format_args args) {
+  auto& r = registry();
+  bool const ringOnly = ((textMask_ >> level) & 1u) == 0 && r.captures.empty();
+  if (ringOnly) {
+    // The common case (a level-0 line nobody prints): format straight into the ring slot.
+    uint64_t seq = r.ringNext.fetch_add(1, std::memory_order_relaxed);
+    RingSlot& slot = r.ring[seq % kRingSlots];
+    slot.sequence = seq + 1;
+    slot.when = now();
+    char* const last = slot.text + kSlotBytes - 1;
+    char* out = fmt::format_to_n(slot.text, kSlotBytes - 1, "{} L{} {}{}", unit_, level, function ? function : "",
+                                 function ? ": " : "")
+                    .out;
+    try {
+      out = fmt::vformat_to_n(out, static_cast<size_t>(last - out), format, args).out;
+    } catch (fmt::format_error const& e) {
+      out = fmt::format_to_n(out, static_cast<size_t>(last - out), "<bad trace format: {}>", e.what()).out;
+    }
+    *out = '\0';
+    return;
+  }
   fmt::memory_buffer text;  // inline storage: short lines never allocate
   try {
     fmt::vformat_to(std::back_inserter(text), format, args);
@@ -113,9 +154,11 @@ void TraceHandle::vline(unsigned level, char const* function, fmt::string_view f
   emit(level, function, std::string_view(text.data(), text.size()));
 }
 
-void TraceHandle::vprintf(unsigned level, char const* format, fmt::format_args args) {
-  // Translate the printf conversions into "{}" replacement fields. %s accepts any
-  // argument (the runtime's types print their text form), so callers need not care.
+namespace {
+
+std::string translatePrintf(char const* format) {
+  // %s accepts any argument (the runtime's types print their text form), so
+  // callers need not care about the argument's type.
   std::string translated;
   int index = 0;
   for (char const* p = format; *p; ++p) {
@@ -153,24 +196,31 @@ void TraceHandle::vprintf(unsigned level, char const* format, fmt::format_args a
         break;
     }
   }
-  vline(level, nullptr, translated, args);
+  return translated;
+}
+
+}  // namespace
+
+void TraceHandle::vprintf(unsigned level, char const* format, fmt::format_args args) {
+  vline(level, nullptr, translatedFormat(format, &translatePrintf), args);
 }
 
 void TraceHandle::emit(unsigned level, char const* function, std::string_view text) {
   auto& r = registry();
   std::string_view const fn = function ? std::string_view(function) : std::string_view();
-  Stamp const now;
+  timespec const when = now();
   if ((ringMask_ >> level) & 1u) {
     uint64_t seq = r.ringNext.fetch_add(1, std::memory_order_relaxed);
     RingSlot& slot = r.ring[seq % kRingSlots];
     slot.sequence = seq + 1;
-    auto end = fmt::format_to_n(slot.text, kSlotBytes - 1, "{} {} L{} {}{}{}", now.text, unit_, level, fn,
+    slot.when = when;
+    auto end = fmt::format_to_n(slot.text, kSlotBytes - 1, "{} L{} {}{}{}", unit_, level, fn,
                                 fn.empty() ? "" : ": ", text);
     *end.out = '\0';
   }
   if ((textMask_ >> level) & 1u) {
     std::lock_guard lock(r.mutex);
-    fmt::print(r.textOutput, "{} {} L{} {}{}{}\n", now.text, unit_, level, fn, fn.empty() ? "" : ": ", text);
+    fmt::print(r.textOutput, "{} {} L{} {}{}{}\n", Stamp(when).text, unit_, level, fn, fn.empty() ? "" : ": ", text);
     std::fflush(r.textOutput);
   }
   if (!r.captures.empty()) {
@@ -210,7 +260,7 @@ std::vector<std::string> ringLines() {
   uint64_t first = next > kRingSlots ? next - kRingSlots : 0;
   for (uint64_t seq = first; seq < next; ++seq) {
     RingSlot const& slot = r.ring[seq % kRingSlots];
-    if (slot.sequence == seq + 1) lines.emplace_back(slot.text);
+    if (slot.sequence == seq + 1) lines.push_back(fmt::format("{} {}", Stamp(slot.when).text, slot.text));
   }
   return lines;
 }
