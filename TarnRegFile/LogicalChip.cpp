@@ -310,6 +310,38 @@ U32 LogicalChip::fieldGetLastWritten(Kiv::String const& reg, Kiv::String const& 
 
 // ================================================================ generic interface
 
+void LogicalChip::shadowFieldsConfigIs(Kiv::Ptr<ShadowFieldsConfig> const& config) {
+  if (shadowFieldsConfig_ == config) return;
+  shadowFieldsConfig_ = config;
+  notify<Notifiee>([](Notifiee& n) { n.onShadowFieldsConfig(); });
+}
+
+void LogicalChip::shadowFieldsStatusIs(Kiv::Ptr<ShadowFieldsStatus> const& status) {
+  if (shadowFieldsStatus_ == status) return;
+  shadowFieldsStatus_ = status;
+  notify<Notifiee>([](Notifiee& n) { n.onShadowFieldsStatus(); });
+}
+
+void LogicalChip::mountShadowFields(Kiv::Ptr<Kiv::Shm::EntityManager> const& entityManager,
+                                    Kiv::String const& configPath, Kiv::String const& statusPath) {
+  kTrace.line(5, "LogicalChip::mountShadowFields chip: {} config: {} status: {}", name(), configPath, statusPath);
+  // One table row per physical field populated so far.
+  auto const description = Kiv::Shm::MountDescription().collectionIs("field", physicalFieldCount_);
+  auto group = entityManager->mountGroup();
+  group.mount(configPath.str(), "TarnRegFile::ShadowFieldsConfig", description);
+  shadowFieldsConfigIs(Kiv::ptr_cast<ShadowFieldsConfig>(entityManager->entity(configPath.view())));
+  group.mount(statusPath.str(), "TarnRegFile::ShadowFieldsStatus", description);
+  shadowFieldsStatusIs(Kiv::ptr_cast<ShadowFieldsStatus>(entityManager->entity(statusPath.view())));
+  group.close();
+
+  // Mounting resets every desired value: the logical fields' own values reach the
+  // configuration through the logical write state machine.
+  for (auto const& [physicalName, field] : physicalField_) {
+    (void)translation_->getLogicalFieldName(physicalName);
+    shadowFieldsConfig_->fieldIs(ShadowFieldValue(field.key, 0));
+  }
+}
+
 namespace {
 
 bool const registered = [] {
@@ -330,6 +362,7 @@ bool const registered = [] {
   chip.methods["regGetLastWritten"] = Kiv::method<&LogicalChip::regGetLastWritten>();
   chip.methods["fieldGetLastWritten"] = Kiv::method<&LogicalChip::fieldGetLastWritten>();
   chip.methods["handleInitialized"] = Kiv::method<&LogicalChip::handleInitialized>();
+  chip.methods["mountShadowFields"] = Kiv::method<&LogicalChip::mountShadowFields>();
   chip.attributes["ready"] = Kiv::method<&LogicalChip::ready>();
   chip.attributes["initialized"] = Kiv::method<&LogicalChip::initialized>();
   chip.attributes["physicalFieldCount"] = Kiv::method<&LogicalChip::physicalFieldCount>();

@@ -8,8 +8,10 @@
 #include "KivEntity.h"
 #include "KivPtr.h"
 #include "KivString.h"
+#include "ShmEntityManager.h"
 #include "TarnRegFile/LogicalTypes.h"
 #include "TarnRegFile/PhysicalTypes.h"
+#include "TarnRegFile/ShadowTypes.h"
 #include "Types.h"
 
 namespace TarnRegFile {
@@ -102,6 +104,8 @@ public:
     virtual void onPhysicalField(PhysicalFieldName const&) {}
     virtual void onPhysicalFieldCount() {}
     virtual void onShadowToPhysicalName(ShadowFieldKey const&) {}
+    virtual void onShadowFieldsConfig() {}
+    virtual void onShadowFieldsStatus() {}
     virtual void onReady() {}
     virtual void onInitialized() {}
   };
@@ -192,6 +196,17 @@ public:
 
   // ---- flags
 
+  // ---- shadow-field collections in shared memory
+
+  /// @brief Desired values of the physical fields (empty until mounted).
+  Kiv::Ptr<ShadowFieldsConfig> const& shadowFieldsConfig() const noexcept { return shadowFieldsConfig_; }
+  /// @brief Sets the desired-values collection; notifies only on change.
+  void shadowFieldsConfigIs(Kiv::Ptr<ShadowFieldsConfig> const& config);
+  /// @brief Applied values of the physical fields (empty until mounted).
+  Kiv::Ptr<ShadowFieldsStatus> const& shadowFieldsStatus() const noexcept { return shadowFieldsStatus_; }
+  /// @brief Sets the applied-values collection; notifies only on change.
+  void shadowFieldsStatusIs(Kiv::Ptr<ShadowFieldsStatus> const& status);
+
   /// @brief Population finished: writes allowed, population refused.
   bool ready() const { return ready_; }
   /// @brief Sets ready; notifies only on change.
@@ -214,6 +229,14 @@ public:
   /// @brief Adds logical field @p field of register @p reg with initial @p value,
   /// creating the register with its first field and merging the value into it.
   void populateLogicalField(Kiv::String const& reg, Kiv::String const& field, U8 start, U8 size, U32 value);
+
+  /// @brief Mounts the chip's two shadow collections at @p configPath and @p statusPath with room
+  /// for every physical field populated so far, then sets every desired value to 0.
+  ///
+  /// Must follow population (the capacity is the physical field count now). A physical field
+  /// without a logical mapping ends the process. Mount failures propagate.
+  void mountShadowFields(Kiv::Ptr<Kiv::Shm::EntityManager> const& entityManager, Kiv::String const& configPath,
+                         Kiv::String const& statusPath);
 
   /// @brief Writes @p value into field @p field of register @p reg (register gets the low
   /// size bits, the field keeps all 32) and notifies only what changed.
@@ -241,6 +264,8 @@ private:
   PhysicalFieldMap physicalField_;
   U32 physicalFieldCount_ = 0;
   ShadowToPhysicalNameMap shadowToPhysicalName_;
+  Kiv::Ptr<ShadowFieldsConfig> shadowFieldsConfig_;
+  Kiv::Ptr<ShadowFieldsStatus> shadowFieldsStatus_;
   bool ready_ = false;
   bool initialized_ = false;
 };

@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
+
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
@@ -540,3 +543,71 @@ TEST(LogicalChip, OperationsArePublishedByName) {
   ASSERT_TRUE(t);
   EXPECT_EQ(t->name(), "t0");
 }
+
+namespace {
+
+// A private shared-memory root per test, removed afterwards.
+class LogicalChipMount : public ::testing::Test {
+protected:
+  void SetUp() override {
+    char pattern[] = "/dev/shm/tarn-chip-test.XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    base_ = pattern;
+    em_ = Kiv::Shm::EntityManager::EntityManagerIs(Kiv::Shm::Root(base_ + "/root"));
+  }
+  void TearDown() override {
+    em_ = nullptr;
+    std::filesystem::remove_all(base_);
+  }
+  std::string base_;
+  Kiv::Ptr<Kiv::Shm::EntityManager> em_;
+};
+
+// Five physical fields, each mapped from a logical field with a non-zero initial value.
+Kiv::Ptr<LogicalChip> describedChip() {
+  auto chip = LogicalChip::LogicalChipIs("chip0");
+  for (int i = 0; i < 5; ++i) {
+    auto const f = Kiv::String(std::string("f") + std::to_string(i));
+    chip->populatePhysicalField("PREG", f, static_cast<U8>(4 * i), 4);
+    chip->populateLogicalField("lreg", f, static_cast<U8>(4 * i), 4, static_cast<U32>(i + 1));
+    chip->translationIs()->populate("lreg", f, "PREG", f);
+  }
+  return chip;
+}
+
+TEST_F(LogicalChipMount, MountsBothCollectionsSizedByThePhysicalFieldsAndZeroesTheDesiredValues) {
+  auto chip = describedChip();
+  chip->mountShadowFields(em_, "TarnRegFile/shadowFieldsConfig/chip0", "TarnRegFile/shadowFieldsStatus/chip0");
+  ASSERT_TRUE(chip->shadowFieldsConfig());
+  ASSERT_TRUE(chip->shadowFieldsStatus());
+  EXPECT_EQ(chip->shadowFieldsConfig()->fieldCapacity(), 5u);
+  EXPECT_EQ(chip->shadowFieldsStatus()->fieldCapacity(), 5u);
+  EXPECT_EQ(chip->shadowFieldsConfig()->fieldCount(), 5u);
+  EXPECT_EQ(chip->shadowFieldsStatus()->fieldCount(), 0u);
+  for (auto const& [name, field] : chip->physicalFieldEntries()) {
+    auto const stored = chip->shadowFieldsConfig()->field(field.key);
+    EXPECT_EQ(stored, ShadowFieldValue(field.key, 0)) << name.fullName;
+  }
+  EXPECT_EQ(em_->capacityOf("TarnRegFile/shadowFieldsConfig/chip0", "field"), 5u);
+  // A second reader sees the same table.
+  auto const entries = ShadowFields::readShadowTable(Kiv::Shm::Root(base_ + "/root"), "TarnRegFile/shadowFieldsConfig/chip0");
+  EXPECT_EQ(entries.size(), 5u);
+}
+
+TEST_F(LogicalChipMount, ChipWithoutPhysicalFieldsStillMounts) {
+  auto chip = LogicalChip::LogicalChipIs("empty");
+  chip->mountShadowFields(em_, "TarnRegFile/shadowFieldsConfig/empty", "TarnRegFile/shadowFieldsStatus/empty");
+  EXPECT_TRUE(chip->shadowFieldsConfig());
+  EXPECT_EQ(chip->shadowFieldsConfig()->fieldCount(), 0u);
+}
+
+using LogicalChipMountDeathTest = LogicalChipMount;
+
+TEST_F(LogicalChipMountDeathTest, PhysicalFieldWithoutLogicalMappingIsFatal) {
+  auto chip = LogicalChip::LogicalChipIs("chip1");
+  chip->populatePhysicalField("PREG", "orphan", 0, 8);
+  EXPECT_DEATH(chip->mountShadowFields(em_, "TarnRegFile/shadowFieldsConfig/chip1", "TarnRegFile/shadowFieldsStatus/chip1"),
+               "condition: physicalToLogicalHas\\( pfName \\)\n  message:   No logicalField mapping to chip1-PREG-orphan");
+}
+
+}  // namespace
