@@ -442,7 +442,13 @@ void Table::rebuild(U32 capacity) {
   if (!root_.linkAs(where, fresh->fd.get(), staging))
     throw std::runtime_error(fmt::format("shared-memory table '{}': staging name '{}' is taken", path_, staging));
   storeRelease(old->header().retired, 1);
-  root_.renameOver(where, staging, where.leaf);
+  try {
+    root_.renameOver(where, staging, where.leaf);
+  } catch (...) {
+    storeRelease(old->header().retired, 0);  // the old file stays the table
+    root_.unlinkName(where, staging);
+    throw;
+  }
   kTrace.line(1, "rebuilt shared-memory table '{}': capacity {} -> {}, {} entries", path_, old->geo.capacity, capacity,
               used);
   adopt(std::move(fresh));
@@ -636,7 +642,8 @@ void Table::write(std::byte const* value, U32 hash) {
     U32 const capacity = map_->geo.capacity;
     if (used_ >= capacity)
       throw std::runtime_error(fmt::format("shared-memory table '{}' is full (capacity {})", path_, capacity));
-    if (!where.reusesDeleted && used_ + deleted_ + 1 > map_->geo.bucketCount / 4 * 3) {
+    U32 const crowded = map_->geo.bucketCount - map_->geo.bucketCount / 4;
+    if (!where.reusesDeleted && used_ + deleted_ + 1 > crowded) {
       keep = map_;
       rebuild(capacity);  // clears the deleted markers that crowd the buckets
       where = probe(*map_, value, hash, scratch_.data());

@@ -52,6 +52,10 @@
 /// is empty (then preceding markers are emptied too). Hot operations (write,
 /// commit, remove, lookup, next) neither allocate nor make system calls, except
 /// for the rare rebuild and a reader following a rebuild.
+///
+/// A Table object belongs to one thread at a time; share the table between
+/// threads by giving each its own reader object. Do not fork a writer: the
+/// child would share its lock.
 
 #include "Export.h"
 #include "ShmRoot.h"

@@ -1,6 +1,7 @@
 #include "ShmCollection.h"
 #include "ShmRoot.h"
 #include "ShmTable.h"
+#include "Trace.h"
 #include "helpers/ShmTestTraits.h"
 
 #include <gtest/gtest.h>
@@ -371,6 +372,7 @@ TEST_F(ShmTableTest, RegrowKeepsEntriesAndReadersFollowTheNewFile) {
 }
 
 TEST_F(ShmTableTest, ChurnOfDeletedEntriesNeverFillsTheTable) {
+  Kiv::TraceCapture trace("Shm/*");
   Table t = Table::openWriter(root(), "churn/t", Stress::spec(8));
   Table reader = Table::openReader(root(), "churn/t");
   std::mt19937 rng(7);
@@ -393,6 +395,22 @@ TEST_F(ShmTableTest, ChurnOfDeletedEntriesNeverFillsTheTable) {
       ASSERT_FALSE(lookupStress(reader, 5000).has_value());
     }
   }
+  // Deleted markers were cleared by rebuilds now and then, not on every insert.
+  std::size_t const rebuilds = trace.count("rebuilt shared-memory table 'churn/t'");
+  EXPECT_GT(rebuilds, 0u);
+  EXPECT_LT(rebuilds, 2000u);
+}
+
+TEST_F(ShmTableTest, SingleEntryTableCyclesWithoutRebuilding) {
+  Kiv::TraceCapture trace("Shm/*");
+  Table t = Table::openWriter(root(), "one/t", Stress::spec(1));
+  for (U32 k = 0; k < 100; ++k) {
+    writeStress(t, k, k);
+    EXPECT_THROW(writeStress(t, k + 1000, 0), std::runtime_error);
+    ASSERT_TRUE(removeStress(t, k));
+  }
+  EXPECT_EQ(trace.count("rebuilt"), 0u);
+  EXPECT_EQ(t.size(), 0u);
 }
 
 // ---- processes ------------------------------------------------------------------------------------------------
