@@ -96,16 +96,23 @@ struct BoostKeyHash {
 using BoostAllocator = bip::allocator<std::pair<FieldKey const, U32>, bip::managed_shared_memory::segment_manager>;
 using BoostMap = boost::unordered_map<FieldKey, U32, BoostKeyHash, std::equal_to<FieldKey>, BoostAllocator>;
 
-/// The keys of the table, in a random order for the operations.
-std::vector<FieldKey> const& keys() {
-  static std::vector<FieldKey> const all = [] {
+/// The keys of the table in a random order; @p order 0 is the order of filling,
+/// 1 another order for the timed operations (so that neither table is walked in
+/// the order its memory was laid out in).
+std::vector<FieldKey> const& keys(int order = 1) {
+  static std::vector<FieldKey> const filling = [] {
     std::vector<FieldKey> k(kEntries);
     for (U32 i = 0; i < kEntries; ++i)
       k[i] = FieldKey{(i / 8) * 4, static_cast<U8>((i % 8) * 4), 4};
     std::shuffle(k.begin(), k.end(), std::mt19937(42));
     return k;
   }();
-  return all;
+  static std::vector<FieldKey> const operations = [] {
+    std::vector<FieldKey> k = filling;
+    std::shuffle(k.begin(), k.end(), std::mt19937(43));
+    return k;
+  }();
+  return order == 0 ? filling : operations;
 }
 
 /// A full 65,536-entry collection in a private root, removed at exit.
@@ -121,7 +128,7 @@ struct ShmFixture {
     return name;
   }
   ShmFixture() : dir(makeDir()), root(dir + "/root"), fields(Fields::openWriter(root, "bench/fields", kEntries)) {
-    for (FieldKey const& k : keys())
+    for (FieldKey const& k : keys(0))
       fields.write(FieldValue{k, k.address});
   }
   ~ShmFixture() { std::filesystem::remove_all(dir); }
@@ -143,7 +150,7 @@ struct BoostFixture {
     mutex = segment.construct<bip::interprocess_mutex>("mutex")();
     map = segment.construct<BoostMap>("map")(kEntries, BoostKeyHash(), std::equal_to<FieldKey>(),
                                              BoostAllocator(segment.get_segment_manager()));
-    for (FieldKey const& k : keys())
+    for (FieldKey const& k : keys(0))
       (*map)[k] = k.address;
   }
   ~BoostFixture() { bip::shared_memory_object::remove(name.c_str()); }
