@@ -60,7 +60,17 @@ BaseTransportMethodImpl* createI2cTransport(char const* devNode, int devId, char
 // ---------------------------------------------------------------- flavour accesses
 
 namespace i2cflavspec {
+namespace {
 
+// What goes into the SMBus ioctl argument besides the data pointer.
+struct SmbusRequest {
+  uint8_t readWrite;
+  uint8_t command;
+  uint32_t size;
+  i2c_smbus_data data;
+};
+
+// Command A[15:8], block 05 A[7:0] V[31:24] .. V[7:0].
 SmbusRequest blockWriteRequest(uint32_t address, uint32_t value) noexcept {
   SmbusRequest r{};
   r.readWrite = I2C_SMBUS_WRITE;
@@ -75,6 +85,7 @@ SmbusRequest blockWriteRequest(uint32_t address, uint32_t value) noexcept {
   return r;
 }
 
+// Sets the register pointer before a block read: command A[15:8], block 01 A[7:0].
 SmbusRequest blockPointerRequest(uint32_t address) noexcept {
   SmbusRequest r{};
   r.readWrite = I2C_SMBUS_WRITE;
@@ -85,6 +96,7 @@ SmbusRequest blockPointerRequest(uint32_t address) noexcept {
   return r;
 }
 
+// Four bytes at command A[15:8].
 SmbusRequest blockReadRequest(uint32_t address) noexcept {
   SmbusRequest r{};
   r.readWrite = I2C_SMBUS_READ;
@@ -94,15 +106,7 @@ SmbusRequest blockReadRequest(uint32_t address) noexcept {
   return r;
 }
 
-uint32_t blockReadValue(i2c_smbus_data const& data, HardwareRegister const& reg) noexcept {
-  uint32_t received = uint32_t(data.block[1]) | uint32_t(data.block[2]) << 8 | uint32_t(data.block[3]) << 16 |
-                      uint32_t(data.block[4]) << 24;
-  // A narrower register keeps the bytes received first; they end up at the top.
-  unsigned const unused = (reg.accessWidth - reg.width) % 32u;
-  received = (received << unused) >> unused;
-  return __builtin_bswap32(received);
-}
-
+// The ioctl for one request, EINTR and EAGAIN retried; the ioctl's result.
 int smbusTransfer(int fd, SmbusRequest& request) {
   i2c_smbus_ioctl_data args{};
   args.read_write = request.readWrite;
@@ -110,6 +114,17 @@ int smbusTransfer(int fd, SmbusRequest& request) {
   args.size = request.size;
   args.data = &request.data;
   return Utils::syscallAutoRetry([fd, &args] { return ::ioctl(fd, I2C_SMBUS, &args); }, true, true);
+}
+
+}  // namespace
+
+uint32_t blockReadValue(i2c_smbus_data const& data, HardwareRegister const& reg) noexcept {
+  uint32_t received = uint32_t(data.block[1]) | uint32_t(data.block[2]) << 8 | uint32_t(data.block[3]) << 16 |
+                      uint32_t(data.block[4]) << 24;
+  // A narrower register keeps the bytes received first; they end up at the top.
+  unsigned const unused = (reg.accessWidth - reg.width) % 32u;
+  received = (received << unused) >> unused;
+  return __builtin_bswap32(received);
 }
 
 uint32_t readDataBlock(int fd, HardwareRegister const& reg) {

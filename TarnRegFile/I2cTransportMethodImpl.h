@@ -55,29 +55,10 @@ TARN_API void writeDataWord(int fd, HardwareRegister const& reg, uint32_t value)
 ///         an address above 0xff, "I2C word <read|write> from address <addr> failed: <reason>".
 TARN_API void dataWordAccess(int fd, uint32_t address, uint8_t readWrite, uint32_t size, i2c_smbus_data& data);
 
-// Building blocks of the accesses above, kept apart so that the bytes they put on
-// the bus can be checked without a device. Not part of the library's interface.
-
-/// @brief One SMBus ioctl request: what goes into the i2c_smbus_ioctl_data besides the data pointer.
-struct SmbusRequest {
-  uint8_t readWrite;
-  uint8_t command;
-  uint32_t size;
-  i2c_smbus_data data;
-};
-
-/// @brief The block write of @p value to @p address: command A[15:8], block 05 A[7:0] V[31:24] .. V[7:0].
-SmbusRequest blockWriteRequest(uint32_t address, uint32_t value) noexcept;
-/// @brief The pointer-setting block write that precedes a block read: command A[15:8], block 01 A[7:0].
-SmbusRequest blockPointerRequest(uint32_t address) noexcept;
-/// @brief The four-byte block read at @p address: command A[15:8], count 4.
-SmbusRequest blockReadRequest(uint32_t address) noexcept;
 /// @brief The register value from the bytes a block read returned (elements 1..4): the bytes
 /// beyond the register's width are cleared from the last received, then the first byte
-/// received becomes the most significant.
+/// received becomes the most significant. Not part of the library's interface.
 uint32_t blockReadValue(i2c_smbus_data const& data, HardwareRegister const& reg) noexcept;
-/// @brief Makes the SMBus ioctl for @p request on @p fd, retrying EINTR and EAGAIN; the ioctl's result.
-int smbusTransfer(int fd, SmbusRequest& request);
 
 }  // namespace i2cflavspec
 

@@ -297,9 +297,4 @@ TEST_F(PciTransport, WithoutAnAccessObjectNamesWorkAndAccessesFail) {
   EXPECT_TRUE(cap.contains("TransportMethod error on register 'id': No PCI device to access register 'id'", 0));
 }
 
-TEST_F(PciTransport, UnknownRegisterFailsInTheLookup) {
-  PciTransportMethodImpl pci(dov(), csv_.c_str(), nullptr);
-  EXPECT_EQ("RegisterFile does not have register 'nope'!", errorOf([&] { pci.regRead("nope"); }));
-}
-
 }  // namespace
