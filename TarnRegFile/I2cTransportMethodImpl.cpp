@@ -32,7 +32,7 @@ constexpr uint32_t kWordAddressLimit = 0x100;
 uint8_t addressHigh(uint32_t address) { return static_cast<uint8_t>(address >> 8); }
 uint8_t addressLow(uint32_t address) { return static_cast<uint8_t>(address); }
 
-I2cTransportMethodImpl::FlavourSpec const& flavourSpec(I2cFlavour flavour) {
+I2cTransportMethodImpl::FlavourEntry const& flavourEntry(I2cFlavour flavour) {
   auto const& table = I2cTransportMethodImpl::flavourTable();
   auto const it = table.find(flavour);
   if (it == table.end())
@@ -193,10 +193,10 @@ I2cTransportMethodImpl::I2cTransportMethodImpl(
     char const* devNode, int devId, char const* csvPath, I2cFlavour flavour,
     Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& regFileModel)
     // The flavour is looked up first: an unknown one fails before the map is loaded or the node opened.
-    : BaseTransportMethodImpl(csvPath, flavourSpec(flavour).addrBlockSize, regFileModel),
+    : BaseTransportMethodImpl(csvPath, flavourEntry(flavour).addrBlockSize, regFileModel),
       i2cFd_(-1),
-      read_(flavourSpec(flavour).read),
-      write_(flavourSpec(flavour).write) {
+      read_(flavourEntry(flavour).read),
+      write_(flavourEntry(flavour).write) {
   char const* const node = devNode ? devNode : "";
   i2cFd_ = Utils::UnixFdRes(::open(node, O_RDWR | O_CLOEXEC));
   if (i2cFd_.fd() < 0)

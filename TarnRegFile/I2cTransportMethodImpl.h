@@ -70,12 +70,12 @@ public:
   using WriteFn = std::function<void(int fd, HardwareRegister const& reg, uint32_t value)>;
 
   /// @brief What a flavour needs: the address block size of its register map and its accesses.
-  struct FlavourSpec {
+  struct FlavourEntry {
     U8 addrBlockSize;
     WriteFn write;
     ReadFn read;
   };
-  using FlavourTable = std::unordered_map<I2cFlavour, FlavourSpec>;
+  using FlavourTable = std::unordered_map<I2cFlavour, FlavourEntry>;
 
   /// @brief The process-wide flavour table, built when the library is loaded.
   static FlavourTable const& flavourTable();
