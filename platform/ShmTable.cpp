@@ -34,7 +34,7 @@ constexpr U32 kNoBucket = ~0u;
 constexpr U32 kMaxReadAttempts = 100000;
 constexpr U64 kMaxFileBytes = U64{1} << 30;
 
-/// The file header. Words 0..10 never change after creation and are covered by headerCheck.
+/// The file header. The words before headerCheck never change after creation and are covered by it.
 struct Header {
   U32 magic;          // 0
   U32 layoutVersion;  // 4
@@ -45,11 +45,12 @@ struct Header {
   U32 bucketCount;    // 24
   U32 bucketBytes;    // 28
   U32 slotOffset;     // 32
-  U32 bucketsOffset;  // 36
-  U32 seed;           // 40
-  U32 headerCheck;    // 44
-  U32 retired;        // 48: 1 once a rebuilt file replaces this one
-  U32 reserved0[3];   // 52
+  U32 journalOffset;  // 36
+  U32 bucketsOffset;  // 40
+  U32 seed;           // 44
+  U32 headerCheck;    // 48
+  U32 retired;        // 52: 1 once a rebuilt file replaces this one
+  U32 reserved0[2];   // 56
   // A separate cache line: the writer changes these on every write, readers
   // poll `retired` on every operation.
   U32 writerPid;        // 64
@@ -58,15 +59,16 @@ struct Header {
   U32 reserved1[13];    // 76
 };
 static_assert(sizeof(Header) == Table::kHeaderBytes);
-static_assert(offsetof(Header, seed) == 40 && offsetof(Header, headerCheck) == 44);
-static_assert(offsetof(Header, retired) == 48 && offsetof(Header, writerPid) == 64);
-static_assert(offsetof(Header, size) == 68 && offsetof(Header, changeCounter) == 72);
+static_assert(offsetof(Header, bucketsOffset) == 40 && offsetof(Header, seed) == 44);
+static_assert(offsetof(Header, headerCheck) == 48 && offsetof(Header, retired) == 52);
+static_assert(offsetof(Header, writerPid) == 64 && offsetof(Header, size) == 68);
+static_assert(offsetof(Header, changeCounter) == 72);
 constexpr U32 kCheckedHeaderWords = offsetof(Header, headerCheck) / 4;
 
-// Bucket: control word, a reserved word, then two copies of kCopyFixedWords + stride/4 words.
-constexpr U32 kBucketFixedWords = 2;
-constexpr U32 kCopyFixedWords = 4;
-enum CopyWord : U32 { kSeq = 0, kState = 1, kHash = 2, kCheck = 3 };
+// An entry (the image of one bucket): seq, state, hash, check, then the value
+// as stride/4 words. The journal is a seq word, a bucket index and an entry image.
+constexpr U32 kSeq = 0, kState = 1, kHash = 2, kCheck = 3, kData = 4;
+constexpr U32 kJournalSeq = 0, kJournalBucket = 1, kJournalImage = 2;
 
 /// Sizes derived from the value size, key size and capacity.
 struct Geometry {
@@ -74,14 +76,16 @@ struct Geometry {
   U32 keySize = 0;
   U32 capacity = 0;
   U32 stride = 0;  // value size rounded up to whole words
-  U32 copyWords = 0;
   U32 bucketCount = 0;
   U32 homeShift = 0;  // 32 - log2(bucketCount)
   U32 bucketBytes = 0;
   U32 slotOffset = 0;
+  U32 journalOffset = 0;
   U32 bucketsOffset = 0;
   U64 fileBytes = 0;
 };
+
+constexpr U32 roundUp64(U32 bytes) { return (bytes + 63u) & ~63u; }
 
 /// Assumes sizes within their limits (checked by the callers).
 Geometry geometryOf(U32 valueSize, U32 keySize, U32 capacity) {
@@ -90,12 +94,14 @@ Geometry geometryOf(U32 valueSize, U32 keySize, U32 capacity) {
   g.keySize = keySize;
   g.capacity = capacity;
   g.stride = (valueSize + 3u) & ~3u;
-  g.copyWords = kCopyFixedWords + g.stride / 4;
   g.bucketCount = std::bit_ceil(2u * capacity);
   g.homeShift = 32u - static_cast<U32>(std::countr_zero(g.bucketCount));
-  g.bucketBytes = 4 * (kBucketFixedWords + 2 * g.copyWords);
+  U32 const entryBytes = 4 * kData + g.stride;
+  // Buckets never straddle cache lines needlessly: a power of two up to a line, whole lines beyond.
+  g.bucketBytes = entryBytes <= 64 ? std::bit_ceil(entryBytes) : roundUp64(entryBytes);
   g.slotOffset = Table::kHeaderBytes;
-  g.bucketsOffset = g.slotOffset + ((g.stride + 63u) & ~63u);
+  g.journalOffset = g.slotOffset + roundUp64(g.stride);
+  g.bucketsOffset = g.journalOffset + roundUp64(4 * kJournalImage + entryBytes);
   g.fileBytes = g.bucketsOffset + U64{g.bucketCount} * g.bucketBytes;
   return g;
 }
@@ -121,18 +127,78 @@ inline U32 loadRelaxed(U32 const& word) {
 inline void storeRelaxed(U32& word, U32 value) { std::atomic_ref<U32>(word).store(value, std::memory_order_relaxed); }
 inline void storeRelease(U32& word, U32 value) { std::atomic_ref<U32>(word).store(value, std::memory_order_release); }
 
-// Tags: bit 0 set while a copy is being written, bit 1 names the copy, the
-// rest counts writes in steps of 12. Neighbouring tags differ by 10 or 14,
-// never by a power of two, so one flipped bit cannot turn a tag into another.
-constexpr U32 nextTag(U32 tag) { return ((tag & ~3u) + 12u) | ((tag & 2u) ^ 2u); }
-constexpr U32 prevTag(U32 tag) { return ((tag & ~3u) - 12u) | ((tag & 2u) ^ 2u); }
-constexpr U32 copyOf(U32 tag) { return (tag >> 1) & 1u; }
-static_assert(nextTag(prevTag(0)) == 0 && copyOf(prevTag(0)) == 1 && copyOf(nextTag(0)) == 1);
-
 /// One step of the check: xor, multiply by an odd constant, rotate; each a bijection.
 /// (The rotation keeps a difference in the top bit from cancelling against the next word.)
 constexpr U32 mix(U32 sum, U32 word) { return std::rotl((sum ^ word) * 0x9E3779B1u, 15); }
 constexpr U32 checkBasis(U32 bucket) { return mix(0x811C9DC5u, bucket); }
+
+/// What a read of an entry image found, with the check it should carry.
+struct Image {
+  U32 state;
+  U32 hash;
+  U32 check;     // as stored
+  U32 computed;  // from the words read
+};
+
+/// Reads the image at @p image (its tag given separately), copying the value into @p out.
+inline Image readImage(Geometry const& g, U32 bucket, U32 tag, U32 const* image, std::byte* out) {
+  Image r;
+  r.state = loadRelaxed(image[kState]);
+  r.hash = loadRelaxed(image[kHash]);
+  r.check = loadRelaxed(image[kCheck]);
+  U32 sum = mix(mix(mix(checkBasis(bucket), tag), r.state), r.hash);
+  U32 const fullWords = g.valueSize / 4;
+  U32 const tailBytes = g.valueSize % 4;
+  U32 const* data = image + kData;
+  for (U32 i = 0; i < fullWords; ++i) {
+    U32 const word = loadRelaxed(data[i]);
+    sum = mix(sum, word);
+    std::memcpy(out + 4 * i, &word, 4);
+  }
+  if (tailBytes != 0) {
+    U32 const word = loadRelaxed(data[fullWords]);
+    sum = mix(sum, word);
+    std::byte* tail = out + 4 * fullWords;
+    switch (tailBytes) {  // cheaper than a call to memcpy for one to three bytes
+      case 3:
+        tail[2] = static_cast<std::byte>(word >> 16);
+        [[fallthrough]];
+      case 2:
+        tail[1] = static_cast<std::byte>(word >> 8);
+        [[fallthrough]];
+      default:
+        tail[0] = static_cast<std::byte>(word);
+    }
+  }
+  r.computed = sum;
+  return r;
+}
+
+/// Writes state, hash, value (zero-padded; all zero when @p value is null) and check of an image.
+inline void fillImage(Geometry const& g, U32* image, U32 bucket, U32 tag, U32 state, U32 hash,
+                      std::byte const* value) {
+  storeRelaxed(image[kState], state);
+  storeRelaxed(image[kHash], hash);
+  U32 sum = mix(mix(mix(checkBasis(bucket), tag), state), hash);
+  U32 const fullWords = g.valueSize / 4;
+  U32 const tailBytes = g.valueSize % 4;
+  U32* const data = image + kData;
+  for (U32 i = 0; i < fullWords; ++i) {
+    U32 word = 0;
+    if (value != nullptr)
+      std::memcpy(&word, value + 4 * i, 4);
+    sum = mix(sum, word);
+    storeRelaxed(data[i], word);
+  }
+  if (tailBytes != 0) {
+    U32 word = 0;
+    for (U32 i = 0; value != nullptr && i < tailBytes; ++i)
+      word |= U32{static_cast<U8>(value[4 * fullWords + i])} << (8 * i);
+    sum = mix(sum, word);
+    storeRelaxed(data[fullWords], word);
+  }
+  storeRelaxed(image[kCheck], sum);
+}
 
 U32 headerCheckOf(Header const& h) {
   U32 const* words = &h.magic;
@@ -200,7 +266,7 @@ struct Table::Mapping {
   U32* bucket(U32 index) const {
     return reinterpret_cast<U32*>(base + geo.bucketsOffset + std::size_t{index} * geo.bucketBytes);
   }
-  U32* copy(U32* bucketWords, U32 which) const { return bucketWords + kBucketFixedWords + which * geo.copyWords; }
+  U32* journal() const { return reinterpret_cast<U32*>(base + geo.journalOffset); }
 };
 
 // ---- construction ---------------------------------------------------------------------------------------------
@@ -253,7 +319,7 @@ std::shared_ptr<Table::Mapping> Table::mapFile(Fd fd, bool writable, std::string
   Geometry const g = geometryOf(valueSize, keySize, capacity);
   if (loadRelaxed(h.headerBytes) != kHeaderBytes || loadRelaxed(h.bucketCount) != g.bucketCount ||
       loadRelaxed(h.bucketBytes) != g.bucketBytes || loadRelaxed(h.slotOffset) != g.slotOffset ||
-      loadRelaxed(h.bucketsOffset) != g.bucketsOffset)
+      loadRelaxed(h.journalOffset) != g.journalOffset || loadRelaxed(h.bucketsOffset) != g.bucketsOffset)
     throwCorrupt(path, "the header's layout fields disagree with its sizes");
   if (g.fileBytes != fileBytes)
     throwCorrupt(path, fmt::format("the file is {} bytes, its header describes {}", fileBytes, g.fileBytes));
@@ -299,24 +365,13 @@ std::shared_ptr<Table::Mapping> Table::createFile(Root const& root, Root::Place 
   h.slotOffset = g.slotOffset;
   h.bucketsOffset = g.bucketsOffset;
   h.seed = seed;
+  h.journalOffset = g.journalOffset;
   h.headerCheck = headerCheckOf(h);
   h.writerPid = static_cast<U32>(::getpid());
 
-  // Every bucket starts as if "empty" had been written once: copy 0 current
-  // under tag 0, copy 1 holding the tag before it. Both carry valid checks.
-  U32 const dataWords = g.stride / 4;
-  for (U32 b = 0; b < g.bucketCount; ++b) {
-    U32* words = map->bucket(b);
-    U32 const tags[2] = {0u, prevTag(0u)};
-    for (U32 which = 0; which < 2; ++which) {
-      U32* copy = map->copy(words, which);
-      U32 sum = mix(mix(mix(checkBasis(b), tags[which]), kEmpty), 0u);
-      for (U32 i = 0; i < dataWords; ++i)
-        sum = mix(sum, 0u);
-      copy[kSeq] = tags[which];
-      copy[kCheck] = sum;
-    }
-  }
+  // Every entry starts empty under seq 0, with a valid check; the journal is empty (seq 0).
+  for (U32 b = 0; b < g.bucketCount; ++b)
+    fillImage(g, map->bucket(b), b, 0, kEmpty, 0, nullptr);
   return map;
 }
 
@@ -375,19 +430,13 @@ void Table::attach(TableSpec spec, Root::Place const& where) {
   root_.unlinkName(where, Root::stagingName(where.leaf));
   scratch_.resize(g.valueSize);
 
-  // Recount, verify every entry and finish commits whose control flip a dead writer did not make.
-  U32 used = 0, deleted = 0, completed = 0;
+  bool const replayed = replayJournal(map);
+  // Recount and verify every entry.
+  U32 used = 0, deleted = 0;
   for (U32 b = 0; b < g.bucketCount; ++b) {
     Entry const e = readEntry(map, b, scratch_.data());
     used += e.state == kUsed;
     deleted += e.state == kDeleted;
-    U32* words = map.bucket(b);
-    U32 const control = loadRelaxed(words[0]);
-    U32 const other = loadRelaxed(map.copy(words, copyOf(control) ^ 1u)[kSeq]);
-    if (other == nextTag(control)) {
-      storeRelease(words[0], other);
-      ++completed;
-    }
   }
   if (used > g.capacity)
     throwCorrupt(path_, fmt::format("{} entries, more than the capacity {}", used, g.capacity));
@@ -395,8 +444,8 @@ void Table::attach(TableSpec spec, Root::Place const& where) {
   deleted_ = deleted;
   storeRelaxed(h.size, used);
   storeRelaxed(h.writerPid, static_cast<U32>(::getpid()));
-  kTrace.line(1, "attached to shared-memory table '{}' as writer: {} entries, {} interrupted commits completed",
-              path_, used, completed);
+  kTrace.line(1, "attached to shared-memory table '{}' as writer: {} entries{}", path_, used,
+              replayed ? ", an interrupted write completed" : "");
   if (spec.capacity > g.capacity)
     rebuild(spec.capacity);
 }
@@ -424,7 +473,7 @@ void Table::rebuild(U32 capacity) {
     if (e.state != kUsed)
       continue;
     U32 slot = homeOf(fresh->geo, e.hash);
-    while (loadRelaxed(fresh->bucket(slot)[0]) != 0)  // a control word moves on the first write
+    while (loadRelaxed(fresh->bucket(slot)[kSeq]) != 0)  // a seq moves on the first write
       slot = (slot + 1) & mask;
     publish(*fresh, slot, kUsed, e.hash, scratch_.data());
     ++used;
@@ -484,64 +533,65 @@ void Table::followReplacement() {
 // ---- entries --------------------------------------------------------------------------------------------------
 
 [[gnu::always_inline]] inline Table::Entry Table::readEntry(Mapping const& map, U32 bucket, std::byte* out) const {
-  U32 const* const words = map.bucket(bucket);
-  U32 const fullWords = map.geo.valueSize / 4;
-  U32 const tailBytes = map.geo.valueSize % 4;
+  U32 const* const entry = map.bucket(bucket);
   for (U32 attempt = 0;; ++attempt) {
-    U32 const control = loadAcquire(words[0]);
-    U32 which = copyOf(control);
-    U32 const otherSeq = loadAcquire(words[kBucketFixedWords + (which ^ 1u) * map.geo.copyWords + kSeq]);
-    U32 expected = control;
-    bool const otherNewer = otherSeq == nextTag(control);
-    bool const otherSound = otherNewer || otherSeq == prevTag(control) || otherSeq == (nextTag(control) | 1u);
-    if (otherNewer) {
-      which ^= 1u;
-      expected = otherSeq;
-    }
-    U32 const* copy = words + kBucketFixedWords + which * map.geo.copyWords;
-    U32 const seq = loadAcquire(copy[kSeq]);
-    U32 const state = loadRelaxed(copy[kState]);
-    U32 const hash = loadRelaxed(copy[kHash]);
-    U32 const check = loadRelaxed(copy[kCheck]);
-    U32 sum = mix(mix(mix(checkBasis(bucket), seq), state), hash);
-    U32 const* data = copy + kCopyFixedWords;
-    for (U32 i = 0; i < fullWords; ++i) {
-      U32 const word = loadRelaxed(data[i]);
-      sum = mix(sum, word);
-      std::memcpy(out + 4 * i, &word, 4);
-    }
-    if (tailBytes != 0) {
-      U32 const word = loadRelaxed(data[fullWords]);
-      sum = mix(sum, word);
-      std::byte* tail = out + 4 * fullWords;
-      switch (tailBytes) {  // cheaper than a call to memcpy for one to three bytes
-        case 3:
-          tail[2] = static_cast<std::byte>(word >> 16);
-          [[fallthrough]];
-        case 2:
-          tail[1] = static_cast<std::byte>(word >> 8);
-          [[fallthrough]];
-        default:
-          tail[0] = static_cast<std::byte>(word);
+    U32 const seq = loadAcquire(entry[kSeq]);
+    if ((seq & 1u) == 0) [[likely]] {
+      Image const image = readImage(map.geo, bucket, seq, entry, out);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (loadRelaxed(entry[kSeq]) == seq) [[likely]] {
+        if (image.computed != image.check || image.state > kDeleted) [[unlikely]]
+          corrupt(bucket, image.computed != image.check ? std::string("check mismatch")
+                                                        : fmt::format("unknown state {}", image.state));
+        return Entry{image.state, image.hash};
       }
-    }
-    std::atomic_thread_fence(std::memory_order_acquire);
-    U32 const seqAfter = loadRelaxed(copy[kSeq]);
-    if (loadRelaxed(words[0]) == control) [[likely]] {
-      // The writer touches the copy we read only after moving the control word,
-      // so from here on any inconsistency is damage.
-      bool const consistent = (control & 1u) == 0 && otherSound && seq == expected && seqAfter == seq;
-      if (!consistent || sum != check || state > kDeleted) [[unlikely]]
-        corrupt(bucket, !consistent ? std::string("its copies do not match its control word")
-                        : sum != check ? std::string("check mismatch")
-                                       : fmt::format("unknown state {}", state));
-      return Entry{state, hash};
+    } else {
+      // Being written, or its writer died while writing it: the journal holds
+      // the entry as it is going to be, complete and stable while seq is odd.
+      U32 const* const journal = map.journal();
+      U32 const journalSeq = loadAcquire(journal[kJournalSeq]);
+      U32 const journalBucket = loadRelaxed(journal[kJournalBucket]);
+      U32 const tag = loadRelaxed(journal[kJournalImage + kSeq]);
+      Image const image = readImage(map.geo, bucket, tag, journal + kJournalImage, out);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (loadRelaxed(journal[kJournalSeq]) == journalSeq && loadRelaxed(entry[kSeq]) == seq) {
+        // The writer writes the journal only while every entry is even, so this is damage if it does not fit.
+        if ((journalSeq & 1u) != 0 || journalBucket != bucket || tag != seq + 1u || image.computed != image.check ||
+            image.state > kDeleted) [[unlikely]]
+          corrupt(bucket, "it is marked as being written but the journal does not hold it");
+        return Entry{image.state, image.hash};
+      }
     }
     if (attempt >= kMaxReadAttempts)
       corrupt(bucket, "it kept changing while being read");
     if (attempt >= 16)
       ::sched_yield();  // a busy writer on the same entry: let it finish
   }
+}
+
+bool Table::replayJournal(Mapping& map) {
+  U32* const journal = map.journal();
+  U32 const journalSeq = loadRelaxed(journal[kJournalSeq]);
+  if (journalSeq == 0 || (journalSeq & 1u) != 0)
+    return false;  // nothing recorded, or a record its writer never finished: that write did not happen
+  U32 const bucket = loadRelaxed(journal[kJournalBucket]);
+  if (bucket >= map.geo.bucketCount)
+    throwCorrupt(path_, fmt::format("the journal names bucket {} of {}", bucket, map.geo.bucketCount));
+  U32 const tag = loadRelaxed(journal[kJournalImage + kSeq]);
+  Image const image = readImage(map.geo, bucket, tag, journal + kJournalImage, scratch_.data());
+  if (image.computed != image.check || image.state > kDeleted)
+    throwCorrupt(path_, "journal check mismatch");
+  U32* const entry = map.bucket(bucket);
+  U32 const seq = loadRelaxed(entry[kSeq]);
+  if (seq == tag)
+    return false;  // applied
+  if (seq != tag - 1u && seq != tag - 2u)
+    corrupt(bucket, fmt::format("its seq {} does not fit the journal's {}", seq, tag));
+  storeRelease(entry[kSeq], tag - 1u);
+  std::atomic_thread_fence(std::memory_order_release);
+  fillImage(map.geo, entry, bucket, tag, image.state, image.hash, scratch_.data());
+  storeRelease(entry[kSeq], tag);
+  return true;
 }
 
 namespace {
@@ -587,34 +637,26 @@ Table::Probe Table::probe(Mapping const& map, std::byte const* key, U32 hash, st
 }
 
 void Table::publish(Mapping& map, U32 bucket, U32 state, U32 hash, std::byte const* value) {
-  U32* const words = map.bucket(bucket);
-  U32 const tag = nextTag(loadRelaxed(words[0]));
-  U32* const copy = map.copy(words, copyOf(tag));
-  storeRelaxed(copy[kSeq], tag | 1u);
+  U32* const entry = map.bucket(bucket);
+  U32* const journal = map.journal();
+  U32 const tag = loadRelaxed(entry[kSeq]) + 2u;
+
+  // 1. The journal: once complete, the write counts (readers of the entry fall back on it).
+  U32 const journalSeq = (loadRelaxed(journal[kJournalSeq]) + 1u) | 1u;  // odd: being written
+  storeRelease(journal[kJournalSeq], journalSeq);
   std::atomic_thread_fence(std::memory_order_release);
-  storeRelaxed(copy[kState], state);
-  storeRelaxed(copy[kHash], hash);
-  U32 sum = mix(mix(mix(checkBasis(bucket), tag), state), hash);
-  U32 const fullWords = map.geo.valueSize / 4;
-  U32 const tailBytes = map.geo.valueSize % 4;
-  U32* const data = copy + kCopyFixedWords;
-  for (U32 i = 0; i < fullWords; ++i) {
-    U32 word = 0;
-    if (value != nullptr)
-      std::memcpy(&word, value + 4 * i, 4);
-    sum = mix(sum, word);
-    storeRelaxed(data[i], word);
-  }
-  if (tailBytes != 0) {  // the last word is padded with zero bytes
-    U32 word = 0;
-    for (U32 i = 0; value != nullptr && i < tailBytes; ++i)
-      word |= U32{static_cast<U8>(value[4 * fullWords + i])} << (8 * i);
-    sum = mix(sum, word);
-    storeRelaxed(data[fullWords], word);
-  }
-  storeRelaxed(copy[kCheck], sum);
-  storeRelease(copy[kSeq], tag);
-  storeRelease(words[0], tag);
+  storeRelaxed(journal[kJournalBucket], bucket);
+  storeRelaxed(journal[kJournalImage + kSeq], tag);
+  fillImage(map.geo, journal + kJournalImage, bucket, tag, state, hash, value);
+  storeRelease(journal[kJournalSeq], journalSeq + 1u);
+
+  // 2. The entry itself, under its seq lock: a copy of the journal's image.
+  storeRelease(entry[kSeq], tag - 1u);
+  std::atomic_thread_fence(std::memory_order_release);
+  U32 const imageWords = kData + map.geo.stride / 4;
+  for (U32 i = kState; i < imageWords; ++i)
+    storeRelaxed(entry[i], loadRelaxed(journal[kJournalImage + i]));
+  storeRelease(entry[kSeq], tag);
 }
 
 void Table::countChange() {

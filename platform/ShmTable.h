@@ -9,30 +9,27 @@
 /// places a key in the same bucket). `Collection` (ShmCollection.h) adds types.
 ///
 /// Layout (all fields little-endian u32, the same on i386 and amd64; docs/shared-memory.md has the byte map):
-/// a 128-byte header, the writer's scratch slot, then a power-of-two number of
-/// buckets (at least twice the capacity) probed linearly from `hash`. Each
-/// bucket holds a control word and two copies {seq, state, hash, check, data}.
+/// a 128-byte header, the writer's scratch slot, a one-record journal, then a
+/// power-of-two number of buckets (at least twice the capacity) probed
+/// linearly. Each bucket is one entry {seq, state, hash, check, data}.
 ///
-/// Writer protocol. The writer always fills the copy the control word does not
-/// name: seq = tag|1 (odd: being written), state, hash, data, check; then
-/// seq = tag (release); then control = tag (release). Tags step by 10 or 14 and
-/// bit 1 of a tag names its copy, so the previous tag, the current one and the
-/// next one never differ by a single bit. The commit point is the final seq
-/// store: a copy whose seq is the tag after the control word is newer than the
-/// one the control names (its writer died before, or is just about to, flip
-/// the control). A writer killed at any instant therefore leaves every entry at
-/// its old or its new value, and the next writer completes such pending flips
-/// when it attaches (and recounts the entries).
+/// Writer protocol, for every change of a bucket:
+///  1. the journal: seq odd, then {bucket, new seq (tag), state, hash, check, data},
+///     then seq even (release). From here on the write counts.
+///  2. the entry: seq = tag - 1 (odd), state, hash, data, check, seq = tag (release).
+/// A writer killed before step 1 completes leaves the entry at its old value;
+/// killed during step 2 it leaves a complete journal record of the new one,
+/// which readers use meanwhile and the next writer applies when it attaches.
 ///
-/// Reader protocol. Read the control word, pick the current copy (or the newer
-/// one as above), read it, then read its seq and the control word again. If the
-/// control word changed the writer made progress and the read is retried
-/// (bounded; yielding after a few tries). If it did not change, the copy could
-/// not have changed, so any inconsistency (seq not matching the control word,
-/// an odd control word, a foreign tag in the other copy, a wrong check, an
-/// unknown state) is damage and raises CorruptionException. A reader never
-/// waits for a writer, dead or alive: the copy being written is never the one
-/// it reads. Readers map the file read-only and take no lock.
+/// Reader protocol. An even seq that is the same before and after reading the
+/// entry gives a whole value. An odd seq means step 2 is under way (or its
+/// writer died in it): then the journal is complete and stable and holds the
+/// entry, so the reader takes it from there; it never waits for the writer,
+/// dead or alive. A seq that changed during the read means the writer made
+/// progress and the read is retried (bounded, yielding after a few tries).
+/// Anything else (a check that does not match, an unknown state, an odd seq
+/// the journal does not explain) is damage and raises CorruptionException.
+/// Readers map the file read-only and take no lock.
 ///
 /// The check word is a mix of the bucket index, seq, state, hash and data
 /// words; each mixing step is a bijection, so any damage confined to one word
@@ -181,6 +178,7 @@ private:
                                              TableSpec spec, U32 seed);
   static std::shared_ptr<Mapping> mapFile(Fd fd, bool writable, std::string const& path);
   void attach(TableSpec spec, Root::Place const& where);
+  bool replayJournal(Mapping& map);
   void rebuild(U32 capacity);
 
   void adopt(std::shared_ptr<Mapping> map);

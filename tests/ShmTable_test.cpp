@@ -649,38 +649,75 @@ U32 wordAt(std::vector<unsigned char> const& bytes, std::size_t offset) {
   return word;
 }
 
-// A writer killed between finishing the new copy and moving the control word
-// to it has committed: readers must serve the new value, the next writer must
-// complete the move. The state is made exactly by undoing the control word of a
-// real write (header: bucket bytes at offset 28, first bucket at offset 36).
-TEST_F(ShmTableTest, CommitCutOffBeforeItsControlMoveStillCounts) {
+// The states a writer killed inside a write leaves are made exactly from a
+// real write, by rolling parts of the file back (header: bucket bytes at
+// offset 28, journal at 36, first bucket at 40; seq words come first).
+struct CutWrite {
+  std::vector<unsigned char> before, after;  // the file around the write of value 2 over value 1
+  std::size_t entry = 0;                     // offset of the entry that write changed
+  std::size_t entryBytes = 0;
+  std::size_t journal = 0;
+};
+
+CutWrite cutWrite(Root const& r, std::string const& path) {
+  CutWrite cut;
+  Table t = Table::openWriter(r, "cut/t", Stress::spec(4));
+  writeStress(t, 1, 1);
+  cut.before = readFile(path);
+  writeStress(t, 1, 2);
+  cut.after = readFile(path);
+  U32 const bucketBytes = wordAt(cut.after, 28), bucketsOffset = wordAt(cut.after, 40);
+  cut.journal = wordAt(cut.after, 36);
+  cut.entryBytes = bucketBytes;
+  for (std::size_t at = bucketsOffset; at < cut.after.size(); at += bucketBytes)
+    if (wordAt(cut.before, at) != wordAt(cut.after, at))
+      cut.entry = at;
+  return cut;
+}
+
+void patch(std::string const& path, std::size_t offset, void const* bytes, std::size_t size) {
+  int const fd = ::open(path.c_str(), O_RDWR);
+  ASSERT_EQ(::pwrite(fd, bytes, size, offset), static_cast<ssize_t>(size));
+  ::close(fd);
+}
+
+TEST_F(ShmTableTest, WriteCutOffInsideTheEntryIsServedFromTheJournalAndCompleted) {
   Root const r = root();
   std::string const path = file("cut/t");
-  std::vector<unsigned char> before, after;
-  {
-    Table t = Table::openWriter(r, "cut/t", Stress::spec(4));
-    writeStress(t, 1, 1);
-    before = readFile(path);
-    writeStress(t, 1, 2);
-    after = readFile(path);
-  }
-  U32 const bucketBytes = wordAt(after, 28), bucketsOffset = wordAt(after, 36);
-  std::vector<std::size_t> moved;
-  for (std::size_t at = bucketsOffset; at < after.size(); at += bucketBytes)
-    if (wordAt(before, at) != wordAt(after, at))
-      moved.push_back(at);
-  ASSERT_EQ(moved.size(), 1u);
-  int const fd = ::open(path.c_str(), O_RDWR);
-  ASSERT_EQ(::pwrite(fd, before.data() + moved[0], 4, moved[0]), 4);
-  ::close(fd);
+  CutWrite const cut = cutWrite(r, path);
+  ASSERT_NE(cut.entry, 0u);
+  // The entry half way: old contents under the odd seq of the new write.
+  std::vector<unsigned char> half(cut.before.begin() + cut.entry, cut.before.begin() + cut.entry + cut.entryBytes);
+  U32 const odd = wordAt(cut.after, cut.entry) - 1;
+  std::memcpy(half.data(), &odd, 4);
+  patch(path, cut.entry, half.data(), half.size());
 
   Table reader = Table::openReader(r, "cut/t");
   EXPECT_EQ(lookupStress(reader, 1), 2u);
   Table t = Table::openWriter(r, "cut/t", Stress::spec(4));
-  EXPECT_EQ(wordAt(readFile(path), moved[0]), wordAt(after, moved[0]));
+  std::vector<unsigned char> const repaired = readFile(path);
+  EXPECT_TRUE(std::equal(repaired.begin() + cut.entry, repaired.begin() + cut.entry + cut.entryBytes,
+                         cut.after.begin() + cut.entry));
   writeStress(t, 1, 3);
   EXPECT_EQ(lookupStress(reader, 1), 3u);
   EXPECT_EQ(t.size(), 1u);
+}
+
+TEST_F(ShmTableTest, WriteCutOffInsideTheJournalNeverHappened) {
+  Root const r = root();
+  std::string const path = file("cut/t");
+  CutWrite const cut = cutWrite(r, path);
+  // Back to the state before the write, with the journal half written over.
+  patch(path, 0, cut.before.data(), cut.before.size());
+  U32 const garbage[4] = {wordAt(cut.before, cut.journal) + 1, 12345, 0xDEAD, 0xBEEF};
+  patch(path, cut.journal, garbage, sizeof garbage);
+
+  Table reader = Table::openReader(r, "cut/t");
+  EXPECT_EQ(lookupStress(reader, 1), 1u);
+  Table t = Table::openWriter(r, "cut/t", Stress::spec(4));
+  EXPECT_EQ(lookupStress(t, 1), 1u);
+  writeStress(t, 1, 3);
+  EXPECT_EQ(lookupStress(reader, 1), 3u);
 }
 
 // ---- damage ---------------------------------------------------------------------------------------------------
@@ -746,7 +783,7 @@ TEST_F(ShmTableTest, RandomDamageIsDetectedNeverServedAsData) {
       damage(offset, mask);
       U32 const before = detected;
       EXPECT_TRUE(attempt(false)) << "damage at byte " << offset << " with mask " << int(mask) << " served as data";
-      if (offset < 48) {  // the fixed header fields
+      if (offset < 52) {  // the fixed header fields
         EXPECT_EQ(detected, before + 1) << "header damage at byte " << offset << " went unnoticed";
       }
       if (offset % 5 == 0) {
