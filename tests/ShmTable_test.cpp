@@ -586,7 +586,7 @@ TEST_F(ShmTableTest, WriterKilledAtRandomInstantsLosesAndTearsNothing) {
     U32 const capacity = 40 + round / 50 * 8;  // now and then a growth is interrupted too
     pid_t const child = spawn([&] {
       Table t = Table::openWriter(r, "crash/t", Stress::spec(capacity));
-      for (U32 i = 0; i < 60000; ++i) {
+      for (U32 i = 0; i < 500000; ++i) {
         U32 const k = opKey(round, i);
         if (opWrites(i))
           writeStress(t, k, opCounter(round, i));
@@ -631,6 +631,7 @@ TEST_F(ShmTableTest, WriterKilledAtRandomInstantsLosesAndTearsNothing) {
     if (HasFailure())
       break;
   }
+  std::printf("%u kill rounds, %u operations completed before the kills\n", round, interruptedOps);
   EXPECT_GE(round, 100u) << "too few kill rounds in the time allowed";
   EXPECT_GT(interruptedOps, 1000u) << "the writer barely ran before being killed";
 }
