@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
 # Runs the in-VM test programs (tests/vm/*_vmtest.cpp) of one build inside a Linux VM
 # under QEMU, where real kernel drivers provide the devices they talk to: i2c-stub
-# behind i2c-dev (/dev/i2c-0, a chip at 0x50) and QEMU's "edu" PCI device.
+# behind i2c-dev (/dev/i2c-0, a chip at 0x50) and QEMU's "edu" PCI device. The build's
+# commands (tools/tarnreg) go along in /tarn/bin, for tests that run them as users do.
 #
 # Usage: scripts/vm-test.sh [options] PRESET|BUILD_DIR
 #   PRESET            a preset name: the build is build/PRESET under the source tree
 #   BUILD_DIR         or the build directory itself
 # Options:
 #   --only NAME       run only the test program NAME (repeatable), e.g. --only Pci_vmtest
+#   --tool NAME       carry the command BUILD_DIR/tools/NAME into the VM as /tarn/bin/NAME
+#                     (repeatable; a missing one is an error). Without --tool, every
+#                     command built in BUILD_DIR/tools is carried.
 #   --gtest-filter F  pass --gtest_filter=F to every test program
 #   --shell           boot the same VM but give an interactive shell instead of running tests
 #   --keep            keep the temporary directory (initramfs, /init, log) and print its path
@@ -36,6 +40,7 @@ usage() {
 }
 
 only=()
+tools=()
 gtest_filter=''
 shell_mode=0
 keep=0
@@ -45,6 +50,7 @@ target=''
 while [ $# -gt 0 ]; do
   case "$1" in
     --only) [ $# -ge 2 ] || usage; only+=("$2"); shift 2 ;;
+    --tool) [ $# -ge 2 ] || usage; tools+=("$2"); shift 2 ;;
     --gtest-filter) [ $# -ge 2 ] || usage; gtest_filter="$2"; shift 2 ;;
     --shell) shell_mode=1; shift ;;
     --keep) keep=1; shift ;;
@@ -133,6 +139,23 @@ if [ "$shell_mode" = 0 ] && [ "${#tests[@]}" -eq 0 ]; then
   exit 1
 fi
 
+# ---- the commands the in-VM tests run (tarnreg) ---------------------------------------
+tool_files=()
+if [ "${#tools[@]}" -gt 0 ]; then
+  for name in "${tools[@]}"; do
+    [[ "$name" =~ ^[A-Za-z0-9_.-]+$ ]] || { say "unsupported command name '$name'"; exit 2; }
+    if [ ! -x "$build_dir/tools/$name" ]; then
+      say "no command $build_dir/tools/$name; build it first (cmake --build --preset $label --target $name)"
+      exit 1
+    fi
+    tool_files+=("$build_dir/tools/$name")
+  done
+else
+  for f in "$build_dir"/tools/*; do
+    [ -f "$f" ] && [ -x "$f" ] && [[ "$(basename "$f")" =~ ^[A-Za-z0-9_.-]+$ ]] && tool_files+=("$f")
+  done
+fi
+
 work="$(mktemp -d "${TMPDIR:-/tmp}/tarn-vm.XXXXXX")" || { say "cannot create a temporary directory"; exit 1; }
 cleanup() {
   if [ "$keep" = 1 ]; then say "kept $work"; else rm -rf -- "$work"; fi
@@ -140,7 +163,7 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 root="$work/root"
-mkdir -p "$root"/{bin,dev,proc,sys,tmp,modules,tests}
+mkdir -p "$root"/{bin,dev,proc,sys,tmp,modules,tests,tarn/bin}
 
 # ---- initramfs contents -------------------------------------------------------------
 cp "$busybox" "$root/bin/busybox"
@@ -185,6 +208,11 @@ for t in "${tests[@]}"; do
   copy_program "$t" "/tests/$name" || exit 1
   test_names+=("$name")
 done
+tool_names=()
+for f in "${tool_files[@]+"${tool_files[@]}"}"; do
+  copy_program "$f" "/tarn/bin/$(basename "$f")" || exit 1
+  tool_names+=("$(basename "$f")")
+done
 
 # Data that in-VM tests read through TARN_SOURCE_DIR "/tests/vm/data/..." is found at the same path.
 if [ -d "$SOURCE_DIR/tests/vm/data" ]; then
@@ -222,6 +250,7 @@ for base in "${module_order[@]}"; do
 done
 
 library_path="$(IFS=:; echo "${lib_dirs[*]-}")"
+command_list="$(IFS=,; echo "${tool_names[*]-}")"
 filter_arg=''
 [ -n "$gtest_filter" ] && filter_arg=" --gtest_filter=$gtest_filter"
 
@@ -231,7 +260,7 @@ filter_arg=''
 # PID 1 of the test VM: mount the kernel file systems, load the drivers, run the tests, power off.
 /bin/busybox mkdir -p /sbin /usr/bin /usr/sbin
 /bin/busybox --install -s
-export PATH=/bin:/sbin:/usr/bin:/usr/sbin
+export PATH=/bin:/sbin:/usr/bin:/usr/sbin:/tarn/bin
 export LD_LIBRARY_PATH='$library_path'
 export TARN_VM=1
 export HOME=/tmp
@@ -247,7 +276,7 @@ cd /tmp
 EOF
   if [ "$shell_mode" = 1 ]; then
     cat <<'EOF'
-echo "Test VM shell. Test programs are in /tests; leave with: poweroff -f"
+echo "Test VM shell. Test programs are in /tests, commands (tarnreg) in /tarn/bin; leave with: poweroff -f"
 setsid cttyhack sh
 poweroff -f
 EOF
@@ -255,7 +284,7 @@ EOF
     cat <<EOF
 # The firmware leaves terminal escapes at the start of the console line.
 echo
-echo "$MARK begin kernel=\$(uname -r) programs=${#test_names[@]}"
+echo "$MARK begin kernel=\$(uname -r) programs=${#test_names[@]} commands=$command_list"
 for t in ${test_names[*]}; do
   echo "$MARK run \$t"
   timeout -s KILL $test_timeout /tests/\$t --gtest_color=no$filter_arg 2>&1
@@ -286,7 +315,7 @@ fi
 
 # ---- boot, run, judge ---------------------------------------------------------------
 log="$work/vm.log"
-say "$label: booting $(basename "$kernel") under QEMU (TCG) with ${#test_names[@]} test program(s)"
+say "$label: booting $(basename "$kernel") under QEMU (TCG) with ${#test_names[@]} test program(s)${command_list:+ and $command_list}"
 start_ns="$(date +%s%N)"
 timeout --kill-after=10 "$vm_timeout" "${qemu_cmd[@]}" </dev/null >"$log" 2>&1
 qemu_rc=$?
