@@ -618,7 +618,7 @@ TEST_F(ShmTableTest, WriterKilledAtRandomInstantsLosesAndTearsNothing) {
                         << got.value_or(0) << ", expected " << expected[k].value_or(0);
       }
     };
-    check(reader, "reader before attach");  // sees commits whose control flip the kill cut off
+    check(reader, "reader before attach");  // takes entries cut off mid-write from the journal
     Table t = Table::openWriter(r, "crash/t", Stress::spec(capacity));
     check(t, "new writer");
     check(reader, "reader after attach");
