@@ -164,10 +164,12 @@ public:
     for (auto it = observers_.begin(); it != observers_.end(); ++it) {
       if (it->id != id)
         continue;
-      if (notifying_ > 0)
+      if (notifying_ > 0) {
         it->observer = nullptr;  // swept when the notification ends
-      else
+        removedWhileNotifying_ = true;
+      } else {
         observers_.erase(it);
+      }
       return;
     }
   }
@@ -177,8 +179,10 @@ public:
     struct Depth {  // ends the notification even when an observer throws
       Collection& self;
       ~Depth() {
-        if (--self.notifying_ == 0)
+        if (--self.notifying_ == 0 && self.removedWhileNotifying_) {
           self.observers_.remove_if([](Slot const& slot) { return !slot.observer; });
+          self.removedWhileNotifying_ = false;
+        }
       }
     } depth{*this};
     ++notifying_;
@@ -202,6 +206,7 @@ private:
   std::list<Slot> observers_;  // stable while observers are called
   ObserverId lastObserverId_ = 0;
   U32 notifying_ = 0;
+  bool removedWhileNotifying_ = false;
 };
 
 }  // namespace Kiv::Shm
