@@ -332,8 +332,8 @@ std::shared_ptr<Table::Mapping> Table::mapFile(Fd fd, bool writable, std::string
 }
 
 std::shared_ptr<Table::Mapping> Table::createFile(Root const& root, Root::Place const& where, GroupMode group,
-                                                  TableSpec spec, U32 seed) {
-  Geometry const g = geometryOf(spec.valueSize, spec.keySize, spec.capacity);
+                                                  TableSpec shape, U32 seed) {
+  Geometry const g = geometryOf(shape.valueSize, shape.keySize, shape.capacity);
   Fd fd = root.createUnnamed(where, group);
   if (::ftruncate(fd.get(), static_cast<off_t>(g.fileBytes)) != 0)
     throwErrno(where.path, "size the table file");
@@ -375,19 +375,19 @@ std::shared_ptr<Table::Mapping> Table::createFile(Root const& root, Root::Place 
   return map;
 }
 
-Table Table::openWriter(Root const& root, std::string_view path, TableSpec spec, GroupMode group) {
+Table Table::openWriter(Root const& root, std::string_view path, TableSpec shape, GroupMode group) {
   Root::validatePath(path);
-  if (spec.valueSize < 1 || spec.valueSize > kMaxValueSize)
+  if (shape.valueSize < 1 || shape.valueSize > kMaxValueSize)
     throw std::invalid_argument(fmt::format("shared-memory table '{}': value size {} is not between 1 and {} bytes",
-                                            path, spec.valueSize, kMaxValueSize));
-  if (spec.keySize < 1 || spec.keySize > spec.valueSize)
+                                            path, shape.valueSize, kMaxValueSize));
+  if (shape.keySize < 1 || shape.keySize > shape.valueSize)
     throw std::invalid_argument(fmt::format(
-        "shared-memory table '{}': key size {} is not between 1 and the value size {}", path, spec.keySize,
-        spec.valueSize));
-  if (!sizesPlausible(spec.valueSize, spec.keySize, spec.capacity))
+        "shared-memory table '{}': key size {} is not between 1 and the value size {}", path, shape.keySize,
+        shape.valueSize));
+  if (!sizesPlausible(shape.valueSize, shape.keySize, shape.capacity))
     throw std::invalid_argument(fmt::format(
         "shared-memory table '{}': capacity {} is not between 1 and {} or makes the file larger than {} bytes",
-        path, spec.capacity, kMaxCapacity, kMaxFileBytes));
+        path, shape.capacity, kMaxCapacity, kMaxFileBytes));
 
   Table table(root, path, group, true);
   // Another process may create, replace or grab the file between our steps; each retry starts over.
@@ -395,12 +395,12 @@ Table Table::openWriter(Root const& root, std::string_view path, TableSpec spec,
     Root::Place where = root.place(path, true, group);
     Fd fd = root.openFile(where, true);
     if (!fd) {
-      auto fresh = createFile(root, where, group, spec, randomSeed());
+      auto fresh = createFile(root, where, group, shape, randomSeed());
       if (!root.linkAs(where, fresh->fd.get(), where.leaf))
         continue;  // created by someone else meanwhile: attach to theirs
       table.adopt(std::move(fresh));
-      table.scratch_.resize(spec.valueSize);
-      kTrace.line(1, "created shared-memory table '{}' (capacity {}, {} buckets of {} bytes)", path, spec.capacity,
+      table.scratch_.resize(shape.valueSize);
+      kTrace.line(1, "created shared-memory table '{}' (capacity {}, {} buckets of {} bytes)", path, shape.capacity,
                   table.map_->geo.bucketCount, table.map_->geo.bucketBytes);
       return table;
     }
@@ -408,19 +408,19 @@ Table Table::openWriter(Root const& root, std::string_view path, TableSpec spec,
     if (!sameFile(fd.get(), where))
       continue;  // replaced by a rebuild before we got the lock
     table.adopt(mapFile(std::move(fd), true, table.path_));
-    table.attach(spec, where);
+    table.attach(shape, where);
     return table;
   }
   throw std::runtime_error(fmt::format("shared-memory table '{}' keeps being replaced; cannot attach as writer", path));
 }
 
-void Table::attach(TableSpec spec, Root::Place const& where) {
+void Table::attach(TableSpec shape, Root::Place const& where) {
   Mapping& map = *map_;
   Geometry const& g = map.geo;
-  if (g.valueSize != spec.valueSize || g.keySize != spec.keySize)
+  if (g.valueSize != shape.valueSize || g.keySize != shape.keySize)
     throw std::runtime_error(fmt::format(
         "shared-memory table '{}' holds {}-byte values with {}-byte keys, not {}-byte values with {}-byte keys",
-        path_, g.valueSize, g.keySize, spec.valueSize, spec.keySize));
+        path_, g.valueSize, g.keySize, shape.valueSize, shape.keySize));
   Header& h = map.header();
   if (loadRelaxed(h.retired) != 0) {
     // A writer died between retiring this file and renaming its replacement over it: this one stays.
@@ -446,8 +446,8 @@ void Table::attach(TableSpec spec, Root::Place const& where) {
   storeRelaxed(h.writerPid, static_cast<U32>(::getpid()));
   kTrace.line(1, "attached to shared-memory table '{}' as writer: {} entries{}", path_, used,
               replayed ? ", an interrupted write completed" : "");
-  if (spec.capacity > g.capacity)
-    rebuild(spec.capacity);
+  if (shape.capacity > g.capacity)
+    rebuild(shape.capacity);
 }
 
 Table Table::openReader(Root const& root, std::string_view path) {

@@ -102,11 +102,11 @@ public:
 
   /// @brief Creates the table of @p path or attaches to it as its only writer.
   ///
-  /// An existing table keeps its entries; it is grown when @p spec asks for
+  /// An existing table keeps its entries; it is grown when @p shape asks for
   /// more capacity and kept as it is otherwise. Throws std::invalid_argument
-  /// for a bad path or spec, std::runtime_error when another process is the
+  /// for a bad path or shape, std::runtime_error when another process is the
   /// writer or the value or key size differs, CorruptionException for damage.
-  static Table openWriter(Root const& root, std::string_view path, TableSpec spec,
+  static Table openWriter(Root const& root, std::string_view path, TableSpec shape,
                           GroupMode group = GroupMode::Private);
 
   /// @brief Maps the existing table of @p path read-only.
@@ -175,9 +175,9 @@ private:
   Table(Root root, std::string_view path, GroupMode group, bool writer);
 
   static std::shared_ptr<Mapping> createFile(Root const& root, Root::Place const& where, GroupMode group,
-                                             TableSpec spec, U32 seed);
+                                             TableSpec shape, U32 seed);
   static std::shared_ptr<Mapping> mapFile(Fd fd, bool writable, std::string const& path);
-  void attach(TableSpec spec, Root::Place const& where);
+  void attach(TableSpec shape, Root::Place const& where);
   bool replayJournal(Mapping& map);
   void rebuild(U32 capacity);
 

@@ -88,7 +88,7 @@ struct Stress {
     std::memcpy(bytes.data(), &k, 4);
     return bytes;
   }
-  static TableSpec spec(U32 capacity) { return TableSpec{valueSize, keySize, capacity}; }
+  static TableSpec shape(U32 capacity) { return TableSpec{valueSize, keySize, capacity}; }
 };
 
 void writeStress(Table& t, U32 k, U32 c) { t.write(Stress::make(k, c).data(), Stress::hash(k, t.seed())); }
@@ -177,7 +177,7 @@ TEST_F(ShmTableTest, InvalidPathsAreRejectedWithTheirReason) {
   Root const r = root();
   for (Case const& c : cases) {
     SCOPED_TRACE(c.path.substr(0, 40));
-    std::string const what = errorOf([&] { Table::openWriter(r, c.path, Stress::spec(4)); });
+    std::string const what = errorOf([&] { Table::openWriter(r, c.path, Stress::shape(4)); });
     EXPECT_NE(what.find(c.reason), std::string::npos) << what;
     if (c.path.find('\0') == std::string::npos) {
       EXPECT_NE(what.find("'" + c.path + "'"), std::string::npos) << what;
@@ -191,7 +191,7 @@ TEST_F(ShmTableTest, InvalidPathsAreRejectedWithTheirReason) {
 
 TEST_F(ShmTableTest, PlantedSymbolicLinksAreRefused) {
   Root const r = root();
-  Table::openWriter(r, "real/t", Stress::spec(4));  // creates the root
+  Table::openWriter(r, "real/t", Stress::shape(4));  // creates the root
   std::string const elsewhere = dir_.path() + "/elsewhere";
   std::filesystem::create_directory(elsewhere);
   std::filesystem::create_directory_symlink(elsewhere, file("linkdir"));
@@ -199,21 +199,21 @@ TEST_F(ShmTableTest, PlantedSymbolicLinksAreRefused) {
 
   for (std::string path : {"linkdir/t", "real/linkfile"}) {
     SCOPED_TRACE(path);
-    std::string const what = errorOf([&] { Table::openWriter(r, path, Stress::spec(4)); });
+    std::string const what = errorOf([&] { Table::openWriter(r, path, Stress::shape(4)); });
     EXPECT_NE(what.find("symbolic link"), std::string::npos) << what;
     EXPECT_NE(errorOf([&] { Table::openReader(r, path); }).find("symbolic link"), std::string::npos);
   }
   EXPECT_TRUE(std::filesystem::is_empty(elsewhere));  // nothing was created through the links
 
   std::filesystem::create_directory_symlink(elsewhere, dir_.path() + "/linkroot");
-  std::string const what = errorOf([&] { Table::openWriter(Root(dir_.path() + "/linkroot"), "t", Stress::spec(4)); });
+  std::string const what = errorOf([&] { Table::openWriter(Root(dir_.path() + "/linkroot"), "t", Stress::shape(4)); });
   EXPECT_NE(what.find("symbolic link"), std::string::npos) << what;
   EXPECT_TRUE(std::filesystem::is_empty(elsewhere));
 }
 
 TEST_F(ShmTableTest, WorldWritableDirectoryIsRefused) {
   Root const r = root();
-  Table::openWriter(r, "open/t", Stress::spec(4));
+  Table::openWriter(r, "open/t", Stress::shape(4));
   ::chmod(file("open").c_str(), 0777);
   std::string const what = errorOf([&] { Table::openReader(r, "open/t"); });
   EXPECT_NE(what.find("writable by everyone"), std::string::npos) << what;
@@ -222,8 +222,8 @@ TEST_F(ShmTableTest, WorldWritableDirectoryIsRefused) {
 TEST_F(ShmTableTest, FilesAndDirectoriesGetNarrowModesWhateverTheUmask) {
   mode_t const saved = ::umask(077);
   Root const r = root();
-  Table::openWriter(r, "private/t", Stress::spec(4));
-  Table::openWriter(r, "group/sub/t", Stress::spec(4), GroupMode::Group);
+  Table::openWriter(r, "private/t", Stress::shape(4));
+  Table::openWriter(r, "group/sub/t", Stress::shape(4), GroupMode::Group);
   ::umask(saved);
   auto mode = [&](std::string const& path) {
     struct stat st {};
@@ -308,7 +308,7 @@ TEST_F(ShmTableTest, ObserversMayBeRemovedAndAddedWhileBeingNotified) {
 }
 
 TEST_F(ShmTableTest, WriteBeyondCapacityIsAClearErrorAndChangesNothing) {
-  Table t = Table::openWriter(root(), "cap/t", Stress::spec(5));
+  Table t = Table::openWriter(root(), "cap/t", Stress::shape(5));
   for (U32 k = 0; k < 5; ++k)
     writeStress(t, k, 1);
   EXPECT_EQ(errorOf([&] { writeStress(t, 5, 1); }), "shared-memory table 'cap/t' is full (capacity 5)");
@@ -323,21 +323,21 @@ TEST_F(ShmTableTest, WriteBeyondCapacityIsAClearErrorAndChangesNothing) {
 
 TEST_F(ShmTableTest, BadSpecsAndMismatchedReopeningAreClearErrors) {
   Root const r = root();
-  EXPECT_THROW(Table::openWriter(r, "spec/t", TableSpec{0, 0, 4}), std::invalid_argument);
-  EXPECT_THROW(Table::openWriter(r, "spec/t", TableSpec{8, 9, 4}), std::invalid_argument);
-  EXPECT_THROW(Table::openWriter(r, "spec/t", TableSpec{8, 4, 0}), std::invalid_argument);
-  EXPECT_THROW(Table::openWriter(r, "spec/t", TableSpec{4096, 4, Table::kMaxCapacity}), std::invalid_argument);
-  Table::openWriter(r, "spec/t", Stress::spec(4));
-  std::string const what = errorOf([&] { Table::openWriter(r, "spec/t", TableSpec{12, 4, 4}); });
+  EXPECT_THROW(Table::openWriter(r, "shape/t", TableSpec{0, 0, 4}), std::invalid_argument);
+  EXPECT_THROW(Table::openWriter(r, "shape/t", TableSpec{8, 9, 4}), std::invalid_argument);
+  EXPECT_THROW(Table::openWriter(r, "shape/t", TableSpec{8, 4, 0}), std::invalid_argument);
+  EXPECT_THROW(Table::openWriter(r, "shape/t", TableSpec{4096, 4, Table::kMaxCapacity}), std::invalid_argument);
+  Table::openWriter(r, "shape/t", Stress::shape(4));
+  std::string const what = errorOf([&] { Table::openWriter(r, "shape/t", TableSpec{12, 4, 4}); });
   EXPECT_NE(what.find("holds 30-byte values with 4-byte keys"), std::string::npos) << what;
-  EXPECT_THROW(ShmTest::Collection::openReader(r, "spec/t"), std::runtime_error);
+  EXPECT_THROW(ShmTest::Collection::openReader(r, "shape/t"), std::runtime_error);
   EXPECT_EQ(errorOf([&] { Table::openReader(r, "spec/none"); }), "shared-memory table 'spec/none' does not exist");
 }
 
 TEST_F(ShmTableTest, RegrowKeepsEntriesAndReadersFollowTheNewFile) {
   Root const r = root();
   {
-    Table t = Table::openWriter(r, "grow/t", Stress::spec(10));
+    Table t = Table::openWriter(r, "grow/t", Stress::shape(10));
     for (U32 k = 0; k < 10; ++k)
       writeStress(t, k, k + 100);
   }
@@ -345,7 +345,7 @@ TEST_F(ShmTableTest, RegrowKeepsEntriesAndReadersFollowTheNewFile) {
   Table::Cursor cursor = reader.first();
   U32 const seed = reader.seed();
 
-  Table t = Table::openWriter(r, "grow/t", Stress::spec(100));
+  Table t = Table::openWriter(r, "grow/t", Stress::shape(100));
   EXPECT_EQ(t.capacity(), 100u);
   EXPECT_EQ(t.seed(), seed);
   writeStress(t, 50, 1);
@@ -365,7 +365,7 @@ TEST_F(ShmTableTest, RegrowKeepsEntriesAndReadersFollowTheNewFile) {
   EXPECT_EQ(count, 10u);
 
   t = Table::openReader(r, "grow/t");  // the writer goes away
-  Table smaller = Table::openWriter(r, "grow/t", Stress::spec(5));
+  Table smaller = Table::openWriter(r, "grow/t", Stress::shape(5));
   EXPECT_EQ(smaller.capacity(), 100u);
   EXPECT_EQ(smaller.size(), 11u);
   EXPECT_EQ(lookupStress(smaller, 9), 109u);
@@ -373,7 +373,7 @@ TEST_F(ShmTableTest, RegrowKeepsEntriesAndReadersFollowTheNewFile) {
 
 TEST_F(ShmTableTest, ChurnOfDeletedEntriesNeverFillsTheTable) {
   Kiv::TraceCapture trace("Shm/*");
-  Table t = Table::openWriter(root(), "churn/t", Stress::spec(8));
+  Table t = Table::openWriter(root(), "churn/t", Stress::shape(8));
   Table reader = Table::openReader(root(), "churn/t");
   std::mt19937 rng(7);
   std::map<U32, U32> model;
@@ -403,7 +403,7 @@ TEST_F(ShmTableTest, ChurnOfDeletedEntriesNeverFillsTheTable) {
 
 TEST_F(ShmTableTest, SingleEntryTableCyclesWithoutRebuilding) {
   Kiv::TraceCapture trace("Shm/*");
-  Table t = Table::openWriter(root(), "one/t", Stress::spec(1));
+  Table t = Table::openWriter(root(), "one/t", Stress::shape(1));
   for (U32 k = 0; k < 100; ++k) {
     writeStress(t, k, k);
     EXPECT_THROW(writeStress(t, k + 1000, 0), std::runtime_error);
@@ -417,11 +417,11 @@ TEST_F(ShmTableTest, SingleEntryTableCyclesWithoutRebuilding) {
 
 TEST_F(ShmTableTest, SecondWriterInAnotherProcessIsRefusedAndReadersAreNot) {
   Root const r = root();
-  Table t = Table::openWriter(r, "excl/t", Stress::spec(4));
+  Table t = Table::openWriter(r, "excl/t", Stress::shape(4));
   writeStress(t, 1, 11);
   std::string const expected = "shared-memory table 'excl/t' already has a writer (pid " + std::to_string(::getpid()) + ")";
   pid_t const child = spawn([&] {
-    std::string const what = errorOf([&] { Table::openWriter(r, "excl/t", Stress::spec(4)); });
+    std::string const what = errorOf([&] { Table::openWriter(r, "excl/t", Stress::shape(4)); });
     if (what != expected) {
       std::fprintf(stderr, "got '%s'\n", what.c_str());
       return 1;
@@ -434,20 +434,20 @@ TEST_F(ShmTableTest, SecondWriterInAnotherProcessIsRefusedAndReadersAreNot) {
 
 TEST_F(ShmTableTest, DeadWriterReleasesTheWriterRole) {
   Root const r = root();
-  Table::openWriter(r, "dead/t", Stress::spec(4));
+  Table::openWriter(r, "dead/t", Stress::shape(4));
   pid_t const exiting = spawn([&] {
-    Table* leaked = new Table(Table::openWriter(r, "dead/t", Stress::spec(4)));  // never closed
+    Table* leaked = new Table(Table::openWriter(r, "dead/t", Stress::shape(4)));  // never closed
     writeStress(*leaked, 1, 1);
     ::_exit(0);
     return 0;
   });
   ASSERT_EQ(waitExit(exiting), 0);
   {
-    Table t = Table::openWriter(r, "dead/t", Stress::spec(4));
+    Table t = Table::openWriter(r, "dead/t", Stress::shape(4));
     EXPECT_EQ(lookupStress(t, 1), 1u);
   }
   pid_t const killed = spawn([&] {
-    Table t = Table::openWriter(r, "dead/t", Stress::spec(4));
+    Table t = Table::openWriter(r, "dead/t", Stress::shape(4));
     writeStress(t, 2, 2);
     ::pause();
     return 0;
@@ -460,7 +460,7 @@ TEST_F(ShmTableTest, DeadWriterReleasesTheWriterRole) {
   }
   ::kill(killed, SIGKILL);
   EXPECT_EQ(waitExit(killed), 128 + SIGKILL);
-  Table t = Table::openWriter(r, "dead/t", Stress::spec(4));
+  Table t = Table::openWriter(r, "dead/t", Stress::shape(4));
   EXPECT_EQ(lookupStress(t, 2), 2u);
 }
 
@@ -474,12 +474,12 @@ struct StressBoard {
 
 TEST_F(ShmTableTest, ReadersInOtherProcessesOnlySeeWholeWrittenValues) {
   Root const r = root();
-  Table::openWriter(r, "mp/t", Stress::spec(64));
+  Table::openWriter(r, "mp/t", Stress::shape(64));
   Shared<StressBoard> board;
   auto const duration = std::chrono::milliseconds(1500);
 
   pid_t const writer = spawn([&] {
-    Table t = Table::openWriter(r, "mp/t", Stress::spec(64));
+    Table t = Table::openWriter(r, "mp/t", Stress::shape(64));
     std::mt19937 rng(1);
     U32 counters[kStressKeys] = {};
     bool grown = false;
@@ -494,7 +494,7 @@ TEST_F(ShmTableTest, ReadersInOtherProcessesOnlySeeWholeWrittenValues) {
       }
       if (!grown && Clock::now() - start > duration / 2) {
         t = Table::openReader(r, "mp/t");
-        t = Table::openWriter(r, "mp/t", Stress::spec(200));  // readers must follow the rebuild
+        t = Table::openWriter(r, "mp/t", Stress::shape(200));  // readers must follow the rebuild
         grown = true;
       }
     }
@@ -535,9 +535,9 @@ TEST_F(ShmTableTest, ReadersInOtherProcessesOnlySeeWholeWrittenValues) {
 
 TEST_F(ShmTableTest, FrozenWriterNeverBlocksReaders) {
   Root const r = root();
-  Table::openWriter(r, "frozen/t", Stress::spec(4));
+  Table::openWriter(r, "frozen/t", Stress::shape(4));
   pid_t const writer = spawn([&] {
-    Table t = Table::openWriter(r, "frozen/t", Stress::spec(4));
+    Table t = Table::openWriter(r, "frozen/t", Stress::shape(4));
     for (U32 c = 1;; ++c)
       writeStress(t, 3, c);  // the same entry over and over: most stops land inside a write
     return 0;
@@ -570,7 +570,7 @@ struct CrashBoard {
 TEST_F(ShmTableTest, WriterKilledAtRandomInstantsLosesAndTearsNothing) {
   constexpr U32 kKeys = 37;
   Root const r = root();
-  Table::openWriter(r, "crash/t", Stress::spec(40));
+  Table::openWriter(r, "crash/t", Stress::shape(40));
   Table reader = Table::openReader(r, "crash/t");
   Shared<CrashBoard> board;
   std::mt19937 rng(12345);
@@ -585,7 +585,7 @@ TEST_F(ShmTableTest, WriterKilledAtRandomInstantsLosesAndTearsNothing) {
     board->done.store(0);
     U32 const capacity = 40 + round / 50 * 8;  // now and then a growth is interrupted too
     pid_t const child = spawn([&] {
-      Table t = Table::openWriter(r, "crash/t", Stress::spec(capacity));
+      Table t = Table::openWriter(r, "crash/t", Stress::shape(capacity));
       for (U32 i = 0; i < 500000; ++i) {
         U32 const k = opKey(round, i);
         if (opWrites(i))
@@ -619,7 +619,7 @@ TEST_F(ShmTableTest, WriterKilledAtRandomInstantsLosesAndTearsNothing) {
       }
     };
     check(reader, "reader before attach");  // takes entries cut off mid-write from the journal
-    Table t = Table::openWriter(r, "crash/t", Stress::spec(capacity));
+    Table t = Table::openWriter(r, "crash/t", Stress::shape(capacity));
     check(t, "new writer");
     check(reader, "reader after attach");
     U32 entries = 0;
@@ -662,7 +662,7 @@ struct CutWrite {
 
 CutWrite cutWrite(Root const& r, std::string const& path) {
   CutWrite cut;
-  Table t = Table::openWriter(r, "cut/t", Stress::spec(4));
+  Table t = Table::openWriter(r, "cut/t", Stress::shape(4));
   writeStress(t, 1, 1);
   cut.before = readFile(path);
   writeStress(t, 1, 2);
@@ -695,7 +695,7 @@ TEST_F(ShmTableTest, WriteCutOffInsideTheEntryIsServedFromTheJournalAndCompleted
 
   Table reader = Table::openReader(r, "cut/t");
   EXPECT_EQ(lookupStress(reader, 1), 2u);
-  Table t = Table::openWriter(r, "cut/t", Stress::spec(4));
+  Table t = Table::openWriter(r, "cut/t", Stress::shape(4));
   std::vector<unsigned char> const repaired = readFile(path);
   EXPECT_TRUE(std::equal(repaired.begin() + cut.entry, repaired.begin() + cut.entry + cut.entryBytes,
                          cut.after.begin() + cut.entry));
@@ -715,7 +715,7 @@ TEST_F(ShmTableTest, WriteCutOffInsideTheJournalNeverHappened) {
 
   Table reader = Table::openReader(r, "cut/t");
   EXPECT_EQ(lookupStress(reader, 1), 1u);
-  Table t = Table::openWriter(r, "cut/t", Stress::spec(4));
+  Table t = Table::openWriter(r, "cut/t", Stress::shape(4));
   EXPECT_EQ(lookupStress(t, 1), 1u);
   writeStress(t, 1, 3);
   EXPECT_EQ(lookupStress(reader, 1), 3u);
@@ -728,7 +728,7 @@ TEST_F(ShmTableTest, RandomDamageIsDetectedNeverServedAsData) {
   std::map<U32, std::set<U32>> history;  // every counter ever written per key
   std::set<U32> present;
   {
-    Table t = Table::openWriter(r, "damage/t", Stress::spec(16));
+    Table t = Table::openWriter(r, "damage/t", Stress::shape(16));
     for (U32 round = 1; round <= 3; ++round)
       for (U32 k = 0; k < 12; ++k) {
         writeStress(t, k, round * 100 + k);
@@ -766,7 +766,7 @@ TEST_F(ShmTableTest, RandomDamageIsDetectedNeverServedAsData) {
   auto attempt = [&](bool asWriter) {
     ++trials;
     try {
-      Table t = asWriter ? Table::openWriter(r, "damage/t", Stress::spec(16)) : Table::openReader(r, "damage/t");
+      Table t = asWriter ? Table::openWriter(r, "damage/t", Stress::shape(16)) : Table::openReader(r, "damage/t");
       return honest(t);
     } catch (CorruptionException const&) {
       ++detected;
@@ -807,10 +807,10 @@ TEST_F(ShmTableTest, RandomDamageIsDetectedNeverServedAsData) {
 
 TEST_F(ShmTableTest, FilesThatAreNotTablesAreCorrupt) {
   Root const r = root();
-  Table::openWriter(r, "bad/t", Stress::spec(4));
+  Table::openWriter(r, "bad/t", Stress::shape(4));
   ASSERT_EQ(::truncate(file("bad/t").c_str(), 64), 0);
   EXPECT_THROW(Table::openReader(r, "bad/t"), CorruptionException);
-  EXPECT_THROW(Table::openWriter(r, "bad/t", Stress::spec(4)), CorruptionException);
+  EXPECT_THROW(Table::openWriter(r, "bad/t", Stress::shape(4)), CorruptionException);
   std::string const what = errorOf([&] { Table::openReader(r, "bad/t"); });
   EXPECT_NE(what.find("shared-memory table 'bad/t' is corrupt"), std::string::npos) << what;
 }
