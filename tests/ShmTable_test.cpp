@@ -331,7 +331,7 @@ TEST_F(ShmTableTest, BadSpecsAndMismatchedReopeningAreClearErrors) {
   std::string const what = errorOf([&] { Table::openWriter(r, "shape/t", TableSpec{12, 4, 4}); });
   EXPECT_NE(what.find("holds 30-byte values with 4-byte keys"), std::string::npos) << what;
   EXPECT_THROW(ShmTest::Collection::openReader(r, "shape/t"), std::runtime_error);
-  EXPECT_EQ(errorOf([&] { Table::openReader(r, "spec/none"); }), "shared-memory table 'spec/none' does not exist");
+  EXPECT_EQ(errorOf([&] { Table::openReader(r, "shape/none"); }), "shared-memory table 'shape/none' does not exist");
 }
 
 TEST_F(ShmTableTest, RegrowKeepsEntriesAndReadersFollowTheNewFile) {
