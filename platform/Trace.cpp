@@ -78,7 +78,7 @@ struct Stamp {
 
 timespec now() {
   timespec ts{};
-  clock_gettime(CLOCK_REALTIME, &ts);  // vDSO: no system call
+  clock_gettime(CLOCK_REALTIME_COARSE, &ts);  // vDSO, no system call; tick resolution is enough for a ring of recent lines
   return ts;
 }
 
@@ -127,20 +127,34 @@ void TraceHandle::vline(unsigned level, char const* function, fmt::string_view f
   auto& r = registry();
   bool const ringOnly = ((textMask_ >> level) & 1u) == 0 && r.captures.empty();
   if (ringOnly) {
-    // The common case (a level-0 line nobody prints): format straight into the ring slot.
+    // The common case (a level-0 line nobody prints): format once into a stack
+    // buffer, then copy the pieces into the ring slot with plain memcpy.
+    fmt::memory_buffer text;
+    try {
+      fmt::vformat_to(fmt::appender(text), format, args);
+    } catch (fmt::format_error const& e) {
+      text.clear();
+      fmt::format_to(fmt::appender(text), "<bad trace format: {}>", e.what());
+    }
     uint64_t seq = r.ringNext.fetch_add(1, std::memory_order_relaxed);
     RingSlot& slot = r.ring[seq % kRingSlots];
     slot.sequence = seq + 1;
     slot.when = now();
+    char* out = slot.text;
     char* const last = slot.text + kSlotBytes - 1;
-    char* out = fmt::format_to_n(slot.text, kSlotBytes - 1, "{} L{} {}{}", unit_, level, function ? function : "",
-                                 function ? ": " : "")
-                    .out;
-    try {
-      out = fmt::vformat_to_n(out, static_cast<size_t>(last - out), format, args).out;
-    } catch (fmt::format_error const& e) {
-      out = fmt::format_to_n(out, static_cast<size_t>(last - out), "<bad trace format: {}>", e.what()).out;
+    auto put = [&](std::string_view piece) {
+      size_t const n = std::min(piece.size(), static_cast<size_t>(last - out));
+      std::memcpy(out, piece.data(), n);
+      out += n;
+    };
+    char const levelText[4] = {' ', 'L', static_cast<char>('0' + level % 10), ' '};
+    put(unit_);
+    put(std::string_view(levelText, 4));
+    if (function) {
+      put(function);
+      put(": ");
     }
+    put(std::string_view(text.data(), text.size()));
     *out = '\0';
     return;
   }
