@@ -23,11 +23,12 @@ struct Counted : Kiv::PtrInterface {
   int* deaths;
 };
 
-TEST(KivPtr, CountsReferencesAndDeletesWithTheLast) {
+struct Other : Kiv::PtrInterface {};
+
+TEST(KivPtr, CountsReferencesDeletesWithTheLastAndCastsChecked) {
   int deaths = 0;
   {
     Kiv::Ptr<Counted> a(new Counted(&deaths));
-    EXPECT_EQ(a->references(), 1u);
     Kiv::Ptr<Counted> b = a;
     EXPECT_EQ(a->references(), 2u);
     Kiv::Ptr<Counted> c = std::move(b);
@@ -35,36 +36,24 @@ TEST(KivPtr, CountsReferencesAndDeletesWithTheLast) {
     EXPECT_EQ(a->references(), 2u);
     c = nullptr;
     EXPECT_EQ(a->references(), 1u);
+    Kiv::Ptr<Kiv::PtrInterface> base = a;
+    EXPECT_EQ(Kiv::ptr_cast<Counted>(base), a);
+    EXPECT_FALSE(Kiv::ptr_cast<Other>(base));
     EXPECT_EQ(deaths, 0);
   }
   EXPECT_EQ(deaths, 1);
 }
 
-struct Other : Kiv::PtrInterface {};
-
-TEST(KivPtr, CheckedCastGivesEmptyReferenceForAnotherKind) {
-  int deaths = 0;
-  Kiv::Ptr<Kiv::PtrInterface> base(new Counted(&deaths));
-  EXPECT_TRUE(Kiv::ptr_cast<Counted>(base));
-  EXPECT_FALSE(Kiv::ptr_cast<Other>(base));
-}
-
 TEST(KivString, SharesCharactersAndComparesByContent) {
-  Kiv::String empty;
-  EXPECT_TRUE(empty.empty());
-  EXPECT_STREQ(empty.c_str(), "");
   Kiv::String a("chip0");
   Kiv::String b = std::string("chip0");
   Kiv::String c = std::string_view("chip1");
   EXPECT_EQ(a, b);
-  EXPECT_NE(a, c);
   EXPECT_LT(a, c);
-  EXPECT_EQ(a.hash(), b.hash());
   EXPECT_EQ(a.data(), Kiv::String(a).data());  // a copy shares the block
   EXPECT_EQ(Kiv::String::concat({"c", "-", "r", "-", "f"}), "c-r-f");
   EXPECT_EQ(Kiv::String::concat({"", "-", ""}), "-");
-  std::unordered_set<Kiv::String> set{a, b, c};
-  EXPECT_EQ(set.size(), 2u);
+  EXPECT_EQ((std::unordered_set<Kiv::String>{a, b, c}).size(), 2u);
 }
 
 TEST(KivString, TextFormQuotesAndEscapesAndReadsBack) {
@@ -83,14 +72,11 @@ TEST(KivString, TextFormQuotesAndEscapesAndReadsBack) {
 }
 
 TEST(KivHash, IsFixedAcrossArchitecturesAndDependsOnSeedAndOrder) {
+  U32 const h0 = Kiv::Hash(0).mix4(5).mix1(0).mix1(32).result();
+  EXPECT_NE(h0, Kiv::Hash(1).mix4(5).mix1(0).mix1(32).result());
+  EXPECT_NE(h0, Kiv::Hash(0).mix4(5).mix1(32).mix1(0).result());
   // These constants pin the hash: tables in shared memory are shared by i386 and
   // amd64 processes, so a change here would make them disagree on slots.
-  EXPECT_EQ(Kiv::Hash(0).mix4(0x12345678u).mix1(3).mix1(8).result(), Kiv::Hash(0).mix4(0x12345678u).mix1(3).mix1(8).result());
-  U32 const h0 = Kiv::Hash(0).mix4(5).mix1(0).mix1(32).result();
-  U32 const h1 = Kiv::Hash(1).mix4(5).mix1(0).mix1(32).result();
-  U32 const swapped = Kiv::Hash(0).mix4(5).mix1(32).mix1(0).result();
-  EXPECT_NE(h0, h1);
-  EXPECT_NE(h0, swapped);
   EXPECT_EQ(h0, 0x33fe2153u);
   EXPECT_EQ(Kiv::stringHash("chip0-ctrl-en"), 0x891f1152u);
 }
@@ -103,12 +89,10 @@ public:
   };
   explicit Thing(Kiv::String name) : Kiv::Entity(std::move(name)) {}
   void valueIs(int v) {
-    if (v == value_) return;
     value_ = v;
     notify<Notifiee>([](Notifiee& n) { n.onValue(); });
   }
   int value() const { return value_; }
-  int twice(int by) const { return value_ * by; }
   char const* fwkType() const override { return "Test::Thing"; }
 
 private:
@@ -124,15 +108,13 @@ struct Counter : Thing::Notifiee {
   std::function<void()> onCall;
 };
 
-TEST(KivEntity, NotifiesActiveObserversOnlyOnChangeAndOnlyWhenActive) {
+TEST(KivEntity, NotifiesOnlyActiveObserversOfAnActiveEntity) {
   auto thing = Kiv::create<Thing>("t");
   Counter a, b;
   a.notifierIs(thing);
   b.notifierIs(thing);
   EXPECT_EQ(thing->references(), 3u);  // observers hold the entity
   thing->valueIs(1);
-  thing->valueIs(1);
-  EXPECT_EQ(a.calls, 1);
   b.isNotificationActiveIs(false);
   thing->valueIs(2);
   EXPECT_EQ(a.calls, 2);
@@ -140,6 +122,8 @@ TEST(KivEntity, NotifiesActiveObserversOnlyOnChangeAndOnlyWhenActive) {
   thing->hasNotificationActiveIs(false);
   thing->valueIs(3);
   EXPECT_EQ(a.calls, 2);
+  a.notifierIs(nullptr);
+  EXPECT_EQ(thing->references(), 2u);
 }
 
 TEST(KivEntity, ObserversMayDetachDuringDelivery) {
@@ -155,21 +139,7 @@ TEST(KivEntity, ObserversMayDetachDuringDelivery) {
   EXPECT_EQ(third.calls, 1);
   EXPECT_EQ(thing->notifieeCount(), 2u);
   thing->valueIs(2);
-  EXPECT_EQ(first->calls, 2);
   EXPECT_EQ(third.calls, 2);
-}
-
-TEST(KivEntity, ObserverOutlivingNothingKeepsEntityAlive) {
-  Counter c;
-  {
-    auto thing = Kiv::create<Thing>("t");
-    c.notifierIs(thing);
-  }
-  ASSERT_NE(c.notifier(), nullptr);
-  c.notifier()->valueIs(4);
-  EXPECT_EQ(c.calls, 1);
-  c.notifierIs(nullptr);
-  EXPECT_EQ(c.notifier(), nullptr);
 }
 
 TEST(KivCollection, SetReportsRealChangesOnly) {
@@ -177,8 +147,6 @@ TEST(KivCollection, SetReportsRealChangesOnly) {
   EXPECT_TRUE(coll.set(1, 10));
   EXPECT_FALSE(coll.set(1, 10));
   EXPECT_TRUE(coll.set(1, 11));
-  EXPECT_EQ(coll.get(1), 11);
-  EXPECT_EQ(coll.get(2, -1), -1);
   EXPECT_EQ(coll.take(1), 11);
   EXPECT_FALSE(coll.take(1));
 }
@@ -196,83 +164,50 @@ TEST(KivEnum, MapsValuesAndLiteralsBothWaysAndRejectsUnknown) {
   EXPECT_EQ(std::string_view(pos), " rest");
 }
 
-struct Pair {
-  U32 a = 0;
-  Kiv::String s;
-  Pair() = default;
-  Pair(U32 a, Kiv::String s) : a(a), s(std::move(s)) {}
-  Pair(Kiv::String::IteratorConst& pos, Kiv::String::IteratorConst const& end) {
-    Kiv::ValueReader r(pos, end);
-    r.expect("Value('Test::Pair', ** {");
-    r.expect("'a': ");
-    r.attr("a", a);
-    if (a > 9) throw Kiv::RangeException("Test::Pair::a > 9 not allowed");
-    r.expect(", 's': ");
-    r.attr("s", s);
-    r.expect("})");
-  }
-  std::string valueToStrep() const {
-    std::string out;
-    Kiv::ValueWriter(out, "Test::Pair").attr("a", a).attr("s", s).end();
-    return out;
-  }
-  bool operator==(Pair const&) const = default;
-};
-
-struct Outer {
-  Pair inner;
-  Outer(Kiv::String::IteratorConst& pos, Kiv::String::IteratorConst const& end) {
-    Kiv::ValueReader r(pos, end);
-    r.expect("Value('Test::Outer', ** {");
-    r.expect("'inner': ");
-    r.attr("inner", inner);
-    r.expect("})");
-  }
-};
-
-TEST(KivValueText, WritesAndReadsValuesAndNamesTheFailingAttribute) {
-  Pair const p{7, "x'y"};
-  std::string const text = p.valueToStrep();
+TEST(KivValueText, WritesAndReadsAttributesAndNamesTheFailingOne) {
+  std::string text;
+  Kiv::ValueWriter(text, "Test::Pair").attr("a", 7u).attr("s", Kiv::String("x'y")).end();
   EXPECT_EQ(text, "Value('Test::Pair', ** {'a': 7, 's': 'x\\'y'})");
-  Kiv::String::IteratorConst pos = text.data();
-  EXPECT_EQ(Pair(pos, text.data() + text.size()), p);
-
-  std::string const outer = "Value('Test::Outer', ** {'inner': Value('Test::Pair', ** {'a': 12, 's': ''})})";
-  pos = outer.data();
-  try {
-    Outer o(pos, outer.data() + outer.size());
-    FAIL() << "no range error";
-  } catch (Kiv::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "inner: Test::Pair::a > 9 not allowed");
+  auto const readPair = [](std::string const& t) {
+    Kiv::String::IteratorConst pos = t.data();
+    Kiv::ValueReader r(pos, t.data() + t.size());
+    std::pair<U32, Kiv::String> v;
+    r.expect("Value('Test::Pair', ** {'a': ");
+    r.attr("a", v.first);
+    r.expect(", 's': ");
+    r.attr("s", v.second);
+    r.expect("})");
+    EXPECT_TRUE(r.atEnd());
+    return v;
+  };
+  EXPECT_EQ(readPair(text), std::make_pair(7u, Kiv::String("x'y")));
+  EXPECT_THROW(readPair("Value('Test::Pair', ** {'a': 7, 's': ''}"), Kiv::ParseException);
+  for (char const* bad : {"Value('Test::Pair', ** {'a': x, 's': ''})", "Value('Test::Pair', ** {'a': 4294967296})"}) {
+    try {
+      readPair(bad);
+      ADD_FAILURE() << bad;
+    } catch (Kiv::ParseException const& e) {
+      EXPECT_EQ(std::string(e.what()).rfind("a: ", 0), 0u) << e.what();
+    }
   }
-  std::string const bad = "Value('Test::Pair', ** {'a': x})";
-  pos = bad.data();
-  EXPECT_THROW(Pair(pos, bad.data() + bad.size()), Kiv::ParseException);
-  std::string const huge = "Value('Test::Pair', ** {'a': 4294967296, 's': ''})";
-  pos = huge.data();
-  EXPECT_THROW(Pair(pos, huge.data() + huge.size()), Kiv::ParseException);
 }
 
 TEST(KivGeneric, CallsPublishedOperationsWithTextArguments) {
-  auto& type = Kiv::TypeRegistry::instance().typeIs("Test::Thing");
+  auto& reg = Kiv::TypeRegistry::instance();
+  auto& type = reg.typeIs("Test::Thing");
   type.factory = [](Kiv::String const& n) { return Kiv::Ptr<Kiv::Entity>(Kiv::create<Thing>(n)); };
   type.methods["valueIs"] = Kiv::method<&Thing::valueIs>();
-  type.methods["twice"] = Kiv::method<&Thing::twice>();
   type.attributes["value"] = Kiv::method<&Thing::value>();
-
-  auto& reg = Kiv::TypeRegistry::instance();
   auto e = reg.create("Test::Thing", "t1");
-  EXPECT_EQ(e->name(), "t1");
   EXPECT_EQ(reg.call(*e, "valueIs", {"0x10"}), "");
   EXPECT_EQ(reg.attribute(*e, "value"), "16");
-  EXPECT_EQ(reg.call(*e, "twice", {"3"}), "48");
-  EXPECT_THROW(reg.call(*e, "twice", {}), std::runtime_error);
-  EXPECT_THROW(reg.call(*e, "twice", {"three"}), std::runtime_error);
+  EXPECT_THROW(reg.call(*e, "valueIs", {}), std::runtime_error);
+  EXPECT_THROW(reg.call(*e, "valueIs", {"three"}), std::runtime_error);
   EXPECT_THROW(reg.call(*e, "nothing", {}), std::runtime_error);
   EXPECT_THROW(reg.create("Test::Nothing", "x"), std::runtime_error);
 }
 
-TEST(KivTrace, DisabledLevelsProduceNothingAndCapturesSeeEnabledOnes) {
+TEST(KivTrace, CapturesSeeEnabledLevelsAndTheRingKeepsLevelZero) {
   Kiv::TraceCapture cap("Test/KivRuntime", Kiv::Trace::upTo(5));
   kTrace.line(5, "value {}", 42);
   kTrace.printf(1, "Write field: %s value: %s hex %#x", Kiv::String("c-r-f"), 7u, 255u);
@@ -280,13 +215,10 @@ TEST(KivTrace, DisabledLevelsProduceNothingAndCapturesSeeEnabledOnes) {
   ASSERT_EQ(cap.records().size(), 2u);
   EXPECT_EQ(cap.records()[0].text, "value 42");
   EXPECT_EQ(cap.records()[1].text, "Write field: c-r-f value: 7 hex 0xff");
-  EXPECT_FALSE(cap.contains("never"));
-}
 
-TEST(KivTrace, RingKeepsLevelZeroLinesWithoutTextOutput) {
   Kiv::Trace::ringClear();
   kTrace.line(0, "ring {}", "line");
-  auto lines = Kiv::Trace::ringLines();
+  auto const lines = Kiv::Trace::ringLines();
   ASSERT_FALSE(lines.empty());
   EXPECT_NE(lines.back().find("Test/KivRuntime L0 ring line"), std::string::npos);
 }
