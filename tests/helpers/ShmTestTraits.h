@@ -25,20 +25,11 @@ struct Value {
   bool operator==(Value const&) const = default;
 };
 
-/// A simple seeded hash; the runtime's seeded hash replaces it in the real traits.
+/// A simple seeded hash (the same in 32- and 64-bit builds); the runtime's seeded hash replaces it in the real traits.
 inline U32 seededHash(Key const& key, U32 seed) {
-  U32 h = seed;
-  for (U32 word : {key.address, U32{key.start} | (U32{key.size} << 8)}) {
-    word *= 0xCC9E2D51u;
-    word = (word << 15) | (word >> 17);
-    h ^= word * 0x1B873593u;
-    h = ((h << 13) | (h >> 19)) * 5u + 0xE6546B64u;
-  }
-  h ^= h >> 16;
-  h *= 0x85EBCA6Bu;
-  h ^= h >> 13;
-  h *= 0xC2B2AE35u;
-  return h ^ (h >> 16);
+  U32 h = (key.address ^ seed) * 0xCC9E2D51u;
+  h = (h ^ (h >> 15) ^ (U32{key.start} | U32{key.size} << 8)) * 0x85EBCA6Bu;
+  return h ^ (h >> 13);
 }
 
 struct Traits {
@@ -99,33 +90,22 @@ inline void writePattern(Kiv::Shm::Root const& root, std::string const& path) {
 
 /// Checks the pattern; returns an empty string when it matches, else what differs.
 inline std::string verifyPattern(Collection& table) {
-  U32 expected = 0;
+  U32 expected = 0, iterated = 0;
   for (U32 i = 0; i < kPatternCount; ++i) {
     std::optional<Value> const got = table.lookup(patternKey(i));
-    if (patternRemoved(i)) {
-      if (got)
-        return "removed key " + std::to_string(i) + " is present";
-      continue;
-    }
-    ++expected;
-    if (!got)
-      return "key " + std::to_string(i) + " is missing";
-    if (got->value != patternValue(i) || !(got->key == patternKey(i)))
-      return "key " + std::to_string(i) + " has value " + std::to_string(got->value);
+    expected += !patternRemoved(i);
+    if (patternRemoved(i) ? got.has_value() : got != Value{patternKey(i), patternValue(i)})
+      return "key " + std::to_string(i) + (got ? " has value " + std::to_string(got->value) : " is missing");
   }
-  if (table.size() != expected)
-    return "size " + std::to_string(table.size()) + ", expected " + std::to_string(expected);
-  if (table.capacity() != kPatternCapacity)
-    return "capacity " + std::to_string(table.capacity());
-  U32 iterated = 0;
   for (Value const& v : table) {
     U32 const i = (v.key.address - 3u) / 7u;
     if (i >= kPatternCount || patternRemoved(i) || !(v == Value{patternKey(i), patternValue(i)}))
       return "iteration yields a foreign value at address " + std::to_string(v.key.address);
     ++iterated;
   }
-  if (iterated != expected)
-    return "iteration yields " + std::to_string(iterated) + " values, expected " + std::to_string(expected);
+  if (table.size() != expected || iterated != expected || table.capacity() != kPatternCapacity)
+    return "size " + std::to_string(table.size()) + ", iterated " + std::to_string(iterated) + ", capacity " +
+           std::to_string(table.capacity()) + "; expected " + std::to_string(expected) + " entries";
   return {};
 }
 
