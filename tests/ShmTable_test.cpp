@@ -221,6 +221,22 @@ TEST_F(ShmTableTest, FullTableAndBadShapesAreClearErrorsThatChangeNothing) {
   EXPECT_EQ(errorOf([&] { Table::openReader(root(), "none"); }), "shared-memory table 'none' does not exist");
 }
 
+TEST_F(ShmTableTest, CollectionObserversMayBeRemovedAndAddedWhileBeingNotified) {
+  auto writer = ShmTest::Collection::openWriter(root(), "obs/t", 8);
+  std::vector<int> calls;
+  ShmTest::Collection::ObserverId second = 0;
+  writer.observerIs([&](ShmTest::Key const&) {
+    calls.push_back(1);
+    writer.observerDel(second);
+    writer.observerIs([&](ShmTest::Key const&) { calls.push_back(3); });
+  });
+  second = writer.observerIs([&](ShmTest::Key const&) { calls.push_back(2); });
+  writer.write(ShmTest::Value{ShmTest::Key{1, 0, 1}, 1});  // the removed one is skipped, the added one waits
+  EXPECT_FALSE(writer.remove(ShmTest::Key{2, 0, 1}));      // nothing removed: nobody is told
+  writer.notify(ShmTest::Key{1, 0, 1});
+  EXPECT_EQ(calls, (std::vector<int>{1, 1, 3}));
+}
+
 TEST_F(ShmTableTest, GrowingKeepsEntriesAndReadersFollowTheNewFile) {
   {
     Table t = Table::openWriter(root(), "grow/t", shape(10));
