@@ -27,8 +27,14 @@ char const* Entity::fwkType() const { return "Kiv::Entity"; }
 
 void Entity::parentIs(Entity* parent) {
   if (parent_ == parent) return;
+  Entity* const previous = parent_;
   parent_ = parent;
-  handleParent(parent);
+  try {
+    handleParent(parent);
+  } catch (...) {
+    parent_ = previous;  // an entity that could not attach stays where it was
+    throw;
+  }
 }
 
 void Entity::handleParent(Entity*) {}

@@ -231,4 +231,21 @@ TEST(KivAssertDeathTest, PrintsConditionMessageUnitAndSignature) {
                "  function:  void \\{anonymous\\}::failingCheck\\(const Kiv::String&, U32\\)");
 }
 
+class Picky : public Kiv::Entity {
+public:
+  Picky() : Kiv::Entity("picky") {}
+  void handleParent(Kiv::Entity* parent) override {
+    if (parent && parent->name() == "refused") throw std::runtime_error("cannot attach");
+  }
+};
+
+TEST(KivEntity, ParentStaysUnchangedWhenAttachingFails) {
+  auto ok = Kiv::create<Thing>("ok");
+  auto refused = Kiv::create<Thing>("refused");
+  auto child = Kiv::create<Picky>();
+  child->parentIs(ok.ptr());
+  EXPECT_THROW(child->parentIs(refused.ptr()), std::runtime_error);
+  EXPECT_EQ(child->parent(), ok.ptr());
+}
+
 }  // namespace
