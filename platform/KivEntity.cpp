@@ -1,8 +1,24 @@
 #include "KivEntity.h"
 
+#include "Trace.h"
+
 #include <algorithm>
 
 namespace Kiv {
+
+namespace {
+TraceHandle kTrace("Kiv/Entity");
+
+char const* describe(std::exception_ptr const& e) noexcept {
+  try {
+    std::rethrow_exception(e);
+  } catch (std::exception const& x) {
+    return x.what();
+  } catch (...) {
+    return "an exception of unknown type";
+  }
+}
+}  // namespace
 
 NotifieeBase::~NotifieeBase() { notifierBaseIs(nullptr); }
 
@@ -52,6 +68,33 @@ void Entity::notifieeRemove(NotifieeBase* n) {
     *it = nullptr;  // the delivery loop is indexing this vector; compact afterwards
   else
     notifiees_.erase(it);
+}
+
+void Entity::retireReactors() noexcept {}
+
+void Entity::onZeroReferences() const noexcept {
+  auto* const self = const_cast<Entity*>(this);
+  self->retireReactors();
+  delete this;
+}
+
+Entity::Delivery::~Delivery() {
+  if (!finished_ && --entity_.delivering_ == 0) entity_.compact();
+}
+
+void Entity::Delivery::failed(std::exception_ptr e) noexcept {
+  if (!first_) {
+    first_ = std::move(e);
+    return;
+  }
+  // Only one exception can travel on; the caller learns of the first.
+  kTrace.line(0, "notifiee of {} '{}' also failed: {}", entity_.fwkType(), entity_.name(), describe(e));
+}
+
+void Entity::Delivery::finish() {
+  finished_ = true;
+  if (--entity_.delivering_ == 0) entity_.compact();
+  if (first_) std::rethrow_exception(first_);
 }
 
 void Entity::compact() { notifiees_.erase(std::remove(notifiees_.begin(), notifiees_.end(), nullptr), notifiees_.end()); }

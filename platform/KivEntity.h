@@ -11,11 +11,22 @@
 ///
 /// Notifiees may attach or detach (themselves or others) while a notification is
 /// being delivered: detached slots are skipped and compacted afterwards.
+///
+/// A notifiee that throws does not cut the delivery short: every other active
+/// notifiee still hears of the change, then the first exception propagates to
+/// the caller of the mutating operation (later ones are traced and dropped).
+/// The mutation itself has happened by then; what a throwing reactor leaves
+/// undone is its own to repair.
+///
+/// State machines own reactors that hold references to what they observe. When
+/// a state machine's last reference goes, `retireReactors()` runs before it is
+/// destroyed, so that no notification reaches an object half torn down.
 
 #include "Export.h"
 #include "KivPtr.h"
 #include "KivString.h"
 
+#include <exception>
 #include <vector>
 
 namespace Kiv {
@@ -99,19 +110,51 @@ protected:
   /// @brief Reacts to being placed under a parent (null: removed). Default: nothing.
   virtual void handleParent(Entity* parent);
 
+  /// @brief Detaches the reactors of a state machine; runs when its last reference goes,
+  /// before destruction. Default: nothing.
+  virtual void retireReactors() noexcept;
+
+  /// @brief Deletes the entity after retiring its reactors.
+  void onZeroReferences() const noexcept override;
+
   /// @brief Calls @p f on every active observer, as type N (the entity's Notifiee type).
+  ///
+  /// An observer that throws does not stop the others; the first exception is
+  /// rethrown once every observer has been called.
   template <class N, class F>
   void notify(F&& f) {
     if (!notificationActive_ || notifiees_.empty()) return;
-    ++delivering_;
+    Delivery delivery(*this);
     for (size_t i = 0; i < notifiees_.size(); ++i) {
       NotifieeBase* n = notifiees_[i];
-      if (n && n->isNotificationActive()) f(static_cast<N&>(*n));
+      if (!n || !n->isNotificationActive()) continue;
+      try {
+        f(static_cast<N&>(*n));
+      } catch (...) {
+        delivery.failed(std::current_exception());
+      }
     }
-    if (--delivering_ == 0) compact();
+    delivery.finish();
   }
 
 private:
+  /// Keeps the delivery depth right however the loop ends, and carries the first failure out.
+  class TARN_API Delivery {
+  public:
+    explicit Delivery(Entity& e) noexcept : entity_(e) { ++entity_.delivering_; }
+    ~Delivery();
+    Delivery(Delivery const&) = delete;
+    Delivery& operator=(Delivery const&) = delete;
+    void failed(std::exception_ptr e) noexcept;
+    /// Ends the delivery; rethrows the first failure.
+    void finish();
+
+  private:
+    Entity& entity_;
+    std::exception_ptr first_;
+    bool finished_ = false;
+  };
+
   void compact();
 
   String name_;

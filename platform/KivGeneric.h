@@ -114,6 +114,10 @@ struct MemberTraits<R (C::*)(A...)> {
 };
 template <class R, class C, class... A>
 struct MemberTraits<R (C::*)(A...) const> : MemberTraits<R (C::*)(A...)> {};
+template <class R, class C, class... A>
+struct MemberTraits<R (C::*)(A...) noexcept> : MemberTraits<R (C::*)(A...)> {};
+template <class R, class C, class... A>
+struct MemberTraits<R (C::*)(A...) const noexcept> : MemberTraits<R (C::*)(A...)> {};
 
 template <class Args, size_t... I>
 Args parseArgs(std::vector<std::string> const& text, std::index_sequence<I...>) {
