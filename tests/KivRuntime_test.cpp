@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <stdexcept>
 #include <unordered_set>
 
 namespace {
@@ -140,6 +142,64 @@ TEST(KivEntity, ObserversMayDetachDuringDelivery) {
   EXPECT_EQ(thing->notifieeCount(), 2u);
   thing->valueIs(2);
   EXPECT_EQ(third.calls, 2);
+}
+
+TEST(KivEntity, AThrowingObserverDoesNotCutTheDeliveryShort) {
+  auto thing = Kiv::create<Thing>("t");
+  auto first = std::make_unique<Counter>();
+  Counter second, third;
+  first->notifierIs(thing);
+  second.notifierIs(thing);
+  third.notifierIs(thing);
+  first->onCall = [] { throw std::runtime_error("first"); };
+  second.onCall = [&] {
+    first.reset();  // detached mid-delivery, after it threw
+    throw std::logic_error("second");
+  };
+  EXPECT_THROW(thing->valueIs(1), std::runtime_error) << "the first failure travels on";
+  EXPECT_EQ(third.calls, 1) << "observers after a throwing one still hear of the change";
+  // The delivery ended cleanly: the detached slot is gone and the next change is delivered.
+  EXPECT_EQ(thing->notifieeCount(), 2u);
+  second.onCall = nullptr;
+  thing->valueIs(2);
+  EXPECT_EQ(second.calls, 2);
+  EXPECT_EQ(third.calls, 2);
+}
+
+// An entity whose observer of another entity goes away before the entity itself does.
+class Watcher : public Kiv::Entity {
+public:
+  struct Reactor : Thing::Notifiee {
+    void onValue() override { ++calls; }
+    int calls = 0;
+  };
+  explicit Watcher(Kiv::Ptr<Thing> const& thing, bool* retired) : retired_(retired) {
+    reactor_ = std::make_unique<Reactor>();
+    reactor_->notifierIs(thing);
+  }
+  ~Watcher() override { EXPECT_FALSE(reactor_) << "reactors retire before destruction"; }
+  char const* fwkType() const override { return "Test::Watcher"; }
+
+protected:
+  void retireReactors() noexcept override {
+    reactor_.reset();
+    *retired_ = true;
+  }
+
+private:
+  std::unique_ptr<Reactor> reactor_;
+  bool* retired_;
+};
+
+TEST(KivEntity, ReactorsRetireWhenTheLastReferenceGoes) {
+  auto thing = Kiv::create<Thing>("t");
+  bool retired = false;
+  auto watcher = Kiv::create<Watcher>(thing, &retired);
+  EXPECT_EQ(thing->notifieeCount(), 1u);
+  watcher = nullptr;
+  EXPECT_TRUE(retired);
+  EXPECT_EQ(thing->notifieeCount(), 0u);
+  EXPECT_EQ(thing->references(), 1u) << "the reactor's reference went with it";
 }
 
 TEST(KivCollection, SetReportsRealChangesOnly) {

@@ -1,0 +1,175 @@
+// The shadow-fields state machine against real shared-memory collections and a PCI
+// transport over a mapped file that counts the writes it passes on.
+#include "TarnRegFile/ShadowSms.h"
+
+#include "Trace.h"
+#include "support/ChipRig.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+using namespace TarnRegFile;
+using TarnTest::ChipRig;
+using TarnTest::CountingPciTransport;
+
+namespace {
+
+U32 merged(U32 image, U16 start, U8 len, U64 value) {
+  U8 bytes[4] = {U8(image), U8(image >> 8), U8(image >> 16), U8(image >> 24)};
+  bitStreamSet(bytes, start, len, value);
+  return U32(bytes[0]) | U32(bytes[1]) << 8 | U32(bytes[2]) << 16 | U32(bytes[3]) << 24;
+}
+
+TEST(BitStreamSet, MergesOneFieldIntoTheLittleEndianImage) {
+  struct Case {
+    U32 image;
+    U16 start;
+    U8 len;
+    U64 value;
+    U32 expected;
+  };
+  for (Case const& c : {
+           Case{0x00000005, 4, 4, 0xA, 0x000000A5},          // next to an earlier field
+           Case{0x00000000, 6, 4, 0xF, 0x000003C0},          // spans bytes 0 and 1
+           Case{0x00000000, 0, 4, 0xFF, 0x0000000F},         // bits beyond the size are masked off
+           Case{0x00000000, 28, 8, 0xFF, 0xF0000000},        // only the bits below 32 count
+           Case{0xFFFFFFFF, 8, 8, 0x00, 0xFFFF00FF},         // the other bits are kept
+           Case{0x12345678, 0, 32, 0xCAFEF00D, 0xCAFEF00D},  // a whole register
+           Case{0x12345678, 0, 0, 0xFF, 0x12345678},         // an empty field changes nothing
+           Case{0x12345678, 40, 8, 0xFF, 0x12345678},        // a field above the register is dropped
+           Case{0x00000000, 1, 63, ~U64{0}, 0xFFFFFFFE},     // the widest field still merges
+       })
+    EXPECT_EQ(merged(c.image, c.start, c.len, c.value), c.expected)
+        << "start " << c.start << " len " << unsigned{c.len} << " value " << c.value;
+}
+
+TEST(BitStreamSetDeathTest, RefusesFieldsBeyondEightBytesOrSixtyThreeBits) {
+  U8 bytes[4] = {};
+  EXPECT_DEATH(bitStreamSet(bytes, 0, 64, 1), "condition: len < 64\n  message:   .*\n  unit:      TarnRegFile/ShadowSms");
+  EXPECT_DEATH(bitStreamSet(bytes, 0, 255, 1), "condition: startSlice >= endSlice - 8");
+}
+
+// A mounted chip, its transport, and the state machine once built.
+class ShadowFieldsSmTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    em_ = rig_.entityManager();
+    chip_ = rig_.mountedChip(em_);
+    transport_ = rig_.transport(&counter_);
+  }
+  void TearDown() override {
+    sm_ = nullptr;
+    chip_ = nullptr;
+    transport_ = nullptr;
+    em_ = nullptr;
+  }
+  ShadowFieldsConfig& config() { return *chip_->shadowFieldsConfig(); }
+  ShadowFieldsStatus& status() { return *chip_->shadowFieldsStatus(); }
+  Kiv::Ptr<ShadowFieldsSm> build(bool simulate = false) {
+    return shadowFieldsSmFactory(chip_->shadowFieldsConfig(), chip_->shadowFieldsStatus(),
+                                 simulate ? nullptr : transport_, simulate);
+  }
+
+  ChipRig rig_{16};
+  Kiv::Ptr<Kiv::Shm::EntityManager> em_;
+  Kiv::Ptr<LogicalChip> chip_;
+  Kiv::Ptr<TransportMethod> transport_;
+  CountingPciTransport* counter_ = nullptr;
+  Kiv::Ptr<ShadowFieldsSm> sm_;
+};
+
+TEST_F(ShadowFieldsSmTest, ConstructionAppliesWhatDiffersAndRecordsEveryField) {
+  config().fieldIs(ShadowFieldValue(ChipRig::key(1, 0), 0x5));
+  config().fieldIs(ShadowFieldValue(ChipRig::key(1, 1), 0xA));
+  Kiv::TraceCapture trace("TarnRegFile/ShadowSms");
+  sm_ = build();
+  EXPECT_TRUE(sm_->initialized());
+  EXPECT_EQ(sm_->chipName(), "chip0");
+  EXPECT_EQ(rig_.fileRegister(1), 0x0A05u);
+  // Registers whose desired image is 0 count as applied already: one write in all.
+  EXPECT_EQ(counter_->writes, (std::map<std::string, int>{{"R1", 1}}));
+  EXPECT_EQ(sm_->regStatusEntries().size(), 1u);
+  EXPECT_EQ(status().fieldCount(), config().fieldCount());
+  EXPECT_EQ(status().field(ChipRig::key(1, 1)).value, 0xAu);
+  EXPECT_TRUE(trace.contains("shadowFeilds initialized", 1));
+  EXPECT_TRUE(trace.contains("key: addr=0x4, start=0x8, size=0x8", 2));
+
+  // A successor rebuilds both images from shared memory and finds nothing to write.
+  sm_ = build();
+  EXPECT_EQ(counter_->totalWrites(), 1);
+  EXPECT_EQ(sm_->regConfig(4), 0x0A05u);
+  EXPECT_EQ(sm_->regStatus(4), 0x0A05u);
+}
+
+TEST_F(ShadowFieldsSmTest, ChangesAreWrittenOnlyWhenTheRegisterImageChanges) {
+  sm_ = build();
+  config().fieldIs(ShadowFieldValue(ChipRig::key(2, 3), 0x7F));
+  EXPECT_EQ(rig_.fileRegister(2), 0x7F000000u);
+  config().fieldIs(ShadowFieldValue(ChipRig::key(2, 3), 0x7F));  // the same image: recorded, not written
+  config().fieldIs(ShadowFieldValue(ChipRig::key(2, 0), 0x100));  // masked to 0: the image stays
+  EXPECT_EQ(counter_->writes, (std::map<std::string, int>{{"R2", 1}}));
+  EXPECT_EQ(status().field(ChipRig::key(2, 0)).value, 0x100u) << "the status records the value unmasked";
+
+  // A deleted desired field is applied as zero bits.
+  config().fieldDel(ChipRig::key(2, 3));
+  EXPECT_EQ(rig_.fileRegister(2), 0u);
+  EXPECT_EQ(counter_->writes["R2"], 2);
+  EXPECT_TRUE(status().fieldHas(ChipRig::key(2, 3)));
+  EXPECT_EQ(status().field(ChipRig::key(2, 3)).value, 0u);
+
+  // Switched off, the machine no longer reacts; uninitialized, it only says so.
+  sm_->hasNotificationActiveIs(false);
+  config().fieldIs(ShadowFieldValue(ChipRig::key(3, 0), 1));
+  EXPECT_EQ(rig_.fileRegister(3), 0u);
+  sm_->hasNotificationActiveIs(true);
+  sm_->initializedIs(false);
+  Kiv::TraceCapture trace("TarnRegFile/ShadowSms");
+  sm_->handleShadowField(ChipRig::key(3, 0));
+  EXPECT_TRUE(trace.contains("Not initialized!", 0));
+  EXPECT_EQ(rig_.fileRegister(3), 0u);
+  EXPECT_EQ(sm_->regConfig(12), 0u);
+}
+
+TEST_F(ShadowFieldsSmTest, SimulationKeepsTheSameBooksWithoutTouchingTheHardware) {
+  ChipRig otherRig(16, "chip0");
+  auto otherEm = otherRig.entityManager();
+  auto otherChip = otherRig.mountedChip(otherEm);
+  CountingPciTransport* otherCounter = nullptr;
+  auto const otherTransport = otherRig.transport(&otherCounter);
+  sm_ = build(true);
+  auto hardware = shadowFieldsSmFactory(otherChip->shadowFieldsConfig(), otherChip->shadowFieldsStatus(),
+                                        otherTransport, false);
+  for (auto [reg, field, value] : {std::tuple{0, 0, 0x11u}, {0, 2, 0x22u}, {5, 3, 0x33u}, {0, 0, 0u}, {5, 3, 0x33u}}) {
+    config().fieldIs(ShadowFieldValue(ChipRig::key(reg, field), value));
+    otherChip->shadowFieldsConfig()->fieldIs(ShadowFieldValue(ChipRig::key(reg, field), value));
+  }
+  config().fieldDel(ChipRig::key(0, 2));
+  otherChip->shadowFieldsConfig()->fieldDel(ChipRig::key(0, 2));
+  EXPECT_EQ(counter_->totalWrites(), 0);
+  for (int r = 0; r < rig_.registers(); ++r) EXPECT_EQ(rig_.fileRegister(r), 0u);
+  EXPECT_GT(otherCounter->totalWrites(), 0);
+  EXPECT_EQ(sm_->regStatusEntries(), hardware->regStatusEntries());
+  EXPECT_EQ(rig_.images(rig_.statusPath()), otherRig.images(otherRig.statusPath()));
+}
+
+TEST_F(ShadowFieldsSmTest, AFailedReactionLeavesTheFieldPendingAndTheCallerIsTold) {
+  sm_ = build();
+  // Shadow address 0x400 names no register of the map: the transport cannot resolve it.
+  // (The table is full with the chip's own fields: make room for the stray one.)
+  config().fieldDel(ChipRig::key(15, 3));
+  ShadowFieldKey const stray(0x400, 0, 8);
+  EXPECT_THROW(config().fieldIs(ShadowFieldValue(stray, 9)), std::runtime_error);
+  EXPECT_EQ(config().field(stray).value, 9u) << "the desired value stays";
+  EXPECT_FALSE(status().fieldHas(stray)) << "nothing is recorded as applied";
+  EXPECT_EQ(sm_->regConfig(0x400), 9u);
+  EXPECT_EQ(sm_->regStatus(0x400), 0u);
+  // The machine goes on serving the other registers.
+  config().fieldIs(ShadowFieldValue(ChipRig::key(1, 0), 1));
+  EXPECT_EQ(rig_.fileRegister(1), 1u);
+  // Without a transport a machine that writes hardware cannot be built at all.
+  EXPECT_THROW(shadowFieldsSmFactory(chip_->shadowFieldsConfig(), chip_->shadowFieldsStatus(), nullptr, false),
+               std::invalid_argument);
+}
+
+}  // namespace
