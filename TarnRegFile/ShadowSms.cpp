@@ -167,7 +167,6 @@ U32 ShadowFieldsSm::desiredValue(ShadowFieldKey const& key) const {
 void ShadowFieldsSm::handleInitialized() {
   // Both images are rebuilt from shared memory: nothing a previous machine (or a
   // previous process) knew is trusted.
-  regConfig_.reserve(shadowFieldsConfig_ ? shadowFieldsConfig_->fieldCount() : 0);
   if (shadowFieldsConfig_) {
     try {
       for (ShadowFieldValue const& v : shadowFieldsConfig_->fields())
@@ -177,7 +176,6 @@ void ShadowFieldsSm::handleInitialized() {
     }
   }
   if (shadowFieldsStatus_) {
-    regStatus_.reserve(shadowFieldsStatus_->fieldCount());
     try {
       for (ShadowFieldValue const& v : shadowFieldsStatus_->fields())
         regStatusIs(v.key.address, mergeIntoImage(regStatus_, v.key, v.value));
@@ -190,8 +188,9 @@ void ShadowFieldsSm::handleInitialized() {
   handleShadowField();
 }
 
-void ShadowFieldsSm::handleShadowField(ShadowFieldKey const& key) {
-  U32 const value = desiredValue(key);
+void ShadowFieldsSm::handleShadowField(ShadowFieldKey const& key) { applyField(key, desiredValue(key)); }
+
+void ShadowFieldsSm::applyField(ShadowFieldKey const& key, U32 value) {
   kTrace.line(2, "key: addr={:#x}, start={:#x}, size={:#x}", key.address, unsigned{key.start}, unsigned{key.size});
   if (!initialized_) {
     kTrace.printf(0, "Not initialized!");
@@ -217,7 +216,8 @@ void ShadowFieldsSm::handleShadowField() {
     return;
   }
   while (it != shadowFieldsConfig_->fieldEnd()) {
-    handleShadowField(it->key);
+    // The iteration already read the entry whole: no second lookup of the same key.
+    applyField(it->key, it->value);
     try {
       ++it;
     } catch (Kiv::Shm::CorruptionException const& e) {

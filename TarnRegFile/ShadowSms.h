@@ -36,6 +36,8 @@
 #include "TarnRegFile/ShadowTypes.h"
 #include "Types.h"
 
+#include <boost/unordered/unordered_flat_map.hpp>
+
 #include <cstddef>
 #include <memory>
 
@@ -51,7 +53,8 @@ TARN_API void bitStreamSet(U8* buffer, U16 start, U8 len, U64 value);
 /// @brief The per-chip state machine from desired shadow fields to register writes.
 class TARN_API ShadowFieldsSm : public Kiv::Entity {
 public:
-  using RegisterImageMap = Kiv::KeyedCollection<U32, U32>;
+  /// Register address -> 32-bit image. Flat: a pass over a large chip looks up every register.
+  using RegisterImageMap = Kiv::KeyedCollection<U32, U32, boost::hash<U32>, boost::unordered_flat_map>;
 
   /// @brief Observer of a state machine.
   class TARN_API Notifiee : public Kiv::Notifiee<ShadowFieldsSm> {
@@ -128,6 +131,8 @@ private:
 
   /// The desired value of @p key; corruption is reported and reads as 0.
   U32 desiredValue(ShadowFieldKey const& key) const;
+  /// Applies the desired @p value of @p key (what handleShadowField(key) does once it has read it).
+  void applyField(ShadowFieldKey const& key, U32 value);
   /// Merges one field into the image of its register and returns the new image.
   U32 mergeIntoImage(RegisterImageMap const& images, ShadowFieldKey const& key, U32 value) const;
   void releaseAll() noexcept;

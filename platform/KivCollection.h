@@ -13,10 +13,12 @@
 
 namespace Kiv {
 
-template <class K, class V, class H = std::hash<K>>
+/// @p Map is the storage: std::unordered_map by default; any map of the same shape fits
+/// (a flat open-addressing map for small keys and values looked up on hot paths).
+template <class K, class V, class H = std::hash<K>, template <class...> class M = std::unordered_map>
 class KeyedCollection {
 public:
-  using Map = std::unordered_map<K, V, H>;
+  using Map = M<K, V, H>;
   using const_iterator = typename Map::const_iterator;
 
   /// @brief The entry for @p key, or null.
