@@ -104,6 +104,22 @@ TEST_F(LogicalWriteSmTest, AFieldWriteReachesTheRegisterAndTheStatus) {
   EXPECT_EQ(chip_->shadowFieldsStatus()->field(ChipRig::key(3, 3)).value, 0x12u);
 }
 
+TEST_F(LogicalWriteSmTest, AConfigurationThatCannotBeWrittenFailsTheWriteAndAFullPassCatchesUp) {
+  chip_->readyIs(true);
+  sm_ = logicalWriteSmFactory(chip_);
+  ASSERT_TRUE(em_->unmount(rig_.configPath()));
+  EXPECT_THROW(chip_->fieldWrite("R0", "f1", 0x21), std::runtime_error) << "the caller learns of it";
+  EXPECT_EQ(chip_->fieldGetLastWritten("R0", "f1"), 0x21u) << "the chip keeps the value written";
+  // Mounted again, the desired value is pushed by the next full pass.
+  auto group = em_->mountGroup();
+  group.mount(rig_.configPath(), "TarnRegFile::ShadowFieldsConfig",
+              Kiv::Shm::MountDescription().collectionIs("field", 4 * rig_.registers()));
+  group.close();
+  chip_->shadowFieldsConfigIs(Kiv::ptr_cast<ShadowFieldsConfig>(em_->entity(rig_.configPath())));
+  sm_->handleLogicalField();
+  EXPECT_EQ(chip_->shadowFieldsConfig()->field(ChipRig::key(0, 1)).value, 0x21u);
+}
+
 using LogicalWriteSmDeathTest = LogicalWriteSmTest;
 
 TEST_F(LogicalWriteSmDeathTest, DeletingAFieldUnderARunningMachineIsFatal) {

@@ -2,12 +2,16 @@
 // transport over a mapped file that counts the writes it passes on.
 #include "TarnRegFile/ShadowSms.h"
 
+#include "ShmTable.h"
 #include "Trace.h"
 #include "support/ChipRig.h"
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 using namespace TarnRegFile;
 using TarnTest::ChipRig;
@@ -170,6 +174,27 @@ TEST_F(ShadowFieldsSmTest, AFailedReactionLeavesTheFieldPendingAndTheCallerIsTol
   // Without a transport a machine that writes hardware cannot be built at all.
   EXPECT_THROW(shadowFieldsSmFactory(chip_->shadowFieldsConfig(), chip_->shadowFieldsStatus(), nullptr, false),
                std::invalid_argument);
+}
+
+TEST_F(ShadowFieldsSmTest, CorruptDesiredFieldsAreReportedReadAsZeroAndEndAPass) {
+  config().fieldIs(ShadowFieldValue(ChipRig::key(1, 0), 0x5));
+  sm_ = build();
+  std::vector<std::string> reports;
+  Kiv::Shm::corruptionHandlerIs([&reports](std::string const& message) { reports.push_back(message); });
+  {  // Everything past the table's header is overwritten, as a stray writer would.
+    std::ofstream table(rig_.shmRoot() + "/" + rig_.configPath(), std::ios::in | std::ios::out | std::ios::binary);
+    table.seekp(0, std::ios::end);
+    auto const size = static_cast<size_t>(table.tellp());
+    table.seekp(Kiv::Shm::Table::kHeaderBytes);
+    table << std::string(size - Kiv::Shm::Table::kHeaderBytes, '\xFF');
+  }
+  sm_->handleShadowField(ChipRig::key(1, 0));
+  EXPECT_EQ(reports.size(), 1u) << "a lookup reports the damage";
+  EXPECT_EQ(rig_.fileRegister(1), 0u) << "and reads the desired value as 0";
+  reports.clear();
+  EXPECT_NO_THROW(sm_->handleShadowField());
+  EXPECT_EQ(reports.size(), 1u) << "the pass reports the damage once and stops";
+  Kiv::Shm::corruptionHandlerIs(nullptr);
 }
 
 }  // namespace
