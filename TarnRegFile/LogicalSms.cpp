@@ -68,6 +68,11 @@ void LogicalWriteSm::maybeWriteField(LogicalField const& field) {
     kTrace.printf(0, "No physicalField mapping to %s", physicalName.fullName);
     return;
   }
+  if (!chip_->shadowFieldsConfig()) {
+    // Nothing to write into yet: whoever builds the chip's shadow path says so more precisely.
+    kTrace.printf(1, "LogicalChip %s has no shadowFieldsConfig: %s not written", chip_->name(), field.name.fullName);
+    return;
+  }
   ShadowFieldsConfig& config = *chip_->shadowFieldsConfig();
   try {
     if (config.field(physical->key).value == field.value) return;
