@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -213,7 +214,7 @@ TEST_F(ShmTableTest, FullTableAndBadShapesAreClearErrorsThatChangeNothing) {
   EXPECT_EQ(get(t, 5), 1u);
 
   for (TableSpec bad : {TableSpec{0, 0, 4}, TableSpec{4097, 4, 1}, TableSpec{8, 9, 4}, TableSpec{8, 4, 0},
-                        TableSpec{8, 4, Table::kMaxCapacity + 1}, TableSpec{4096, 4, Table::kMaxCapacity}})
+                        TableSpec{8, 4, Table::kMaxCapacity + 1}})
     EXPECT_THROW(Table::openWriter(root(), "shape/t", bad), std::invalid_argument);
   Table::openWriter(root(), "shape/t", shape(4));
   EXPECT_THAT(errorOf([&] { Table::openWriter(root(), "shape/t", TableSpec{12, 4, 4}); }),
@@ -237,32 +238,53 @@ TEST_F(ShmTableTest, CollectionObserversMayBeRemovedAndAddedWhileBeingNotified) 
   EXPECT_EQ(calls, (std::vector<int>{1, 1, 3}));
 }
 
-TEST_F(ShmTableTest, GrowingKeepsEntriesAndReadersFollowTheNewFile) {
-  {
-    Table t = Table::openWriter(root(), "grow/t", shape(10));
-    for (U32 k = 0; k < 10; ++k)
-      put(t, k, k + 100);
-  }
-  Table reader = Table::openReader(root(), "grow/t");
-  Table::Cursor cursor = reader.first();
-  Table t = Table::openWriter(root(), "grow/t", shape(100));
-  EXPECT_EQ(t.seed(), reader.seed());
-  put(t, 50, 1);
-  EXPECT_EQ(reader.capacity(), 100u);  // moved to the new file
-  EXPECT_EQ(get(reader, 50), 1u);
-  for (U32 k = 0; k < 10; ++k)
-    EXPECT_EQ(get(reader, k), k + 100);
+TEST_F(ShmTableTest, TheFileFollowsTheEntriesAndTheCapacityOnlyLimitsThem) {
+  auto fileBytes = [&](char const* path) { return fs::file_size(file(path)); };
+  Table huge = Table::openWriter(root(), "huge/t", shape(1u << 25));  // a limit far beyond any file
+  EXPECT_EQ(huge.capacity(), 1u << 25);
+  EXPECT_LT(fileBytes("huge/t"), 4096u);
 
-  Bytes out;  // the older cursor finishes on the old file: exactly the ten old entries
+  constexpr U32 kLimit = 5000;
+  Kiv::TraceCapture trace("Shm/*");
+  Table t = Table::openWriter(root(), "fill/t", shape(kLimit));
+  std::uintmax_t const startBytes = fileBytes("fill/t");
+  for (U32 k = 0; k < 10; ++k)
+    put(t, k, k + 100);
+  Table reader = Table::openReader(root(), "fill/t");
+  Table::Cursor cursor = reader.first();
+  for (U32 k = 10; k < kLimit; ++k)
+    put(t, k, k + 100);
+  EXPECT_EQ(t.bucketCount(), 8192u);  // doubled from 16 as the entries came: load never above 3/4
+  EXPECT_EQ(trace.count("rebuilt shared-memory table 'fill/t'"), 9u);
+  EXPECT_GT(fileBytes("fill/t"), 100 * startBytes);
+  EXPECT_EQ(errorOf([&] { put(t, kLimit, 1); }), "shared-memory table 'fill/t' is full (capacity 5000)");
+  EXPECT_EQ(reader.size(), kLimit);  // moved to the newest file, every entry kept
+  EXPECT_EQ(reader.bucketCount(), 8192u);
+  for (U32 k = 0; k < kLimit; ++k)
+    ASSERT_EQ(get(reader, k), k + 100) << k;
+  EXPECT_FALSE(get(reader, kLimit));
+
+  // The older cursor finishes on the file it started on, which stopped changing
+  // when the thirteenth entry outgrew its 16 buckets: exactly the twelve first entries.
+  Bytes out;
   U32 count = 0, k = 0, c = 0;
   for (; reader.next(cursor, out.data()); ++count)
-    EXPECT_TRUE(valid(out.data(), k, c) && c == k + 100);
-  EXPECT_EQ(count, 10u);
+    EXPECT_TRUE(valid(out.data(), k, c) && k < 12 && c == k + 100);
+  EXPECT_EQ(count, 12u);
 
-  t = Table::openReader(root(), "grow/t");  // the writer goes away; a smaller capacity keeps the file
-  Table smaller = Table::openWriter(root(), "grow/t", shape(5));
-  EXPECT_EQ(smaller.capacity(), 100u);
-  EXPECT_EQ(smaller.size(), 11u);
+  // A writer with a larger limit raises it in place; one with a smaller limit leaves it.
+  t = Table::openReader(root(), "fill/t");
+  struct stat before {}, after {};
+  ::stat(file("fill/t").c_str(), &before);
+  Table raised = Table::openWriter(root(), "fill/t", shape(kLimit + 1));
+  ::stat(file("fill/t").c_str(), &after);
+  EXPECT_EQ(after.st_ino, before.st_ino);
+  EXPECT_EQ(reader.capacity(), kLimit + 1);
+  put(raised, kLimit, 7);
+  EXPECT_EQ(get(reader, kLimit), 7u);
+  raised = Table::openReader(root(), "fill/t");
+  EXPECT_EQ(Table::openWriter(root(), "fill/t", shape(10)).capacity(), kLimit + 1);
+  EXPECT_EQ(trace.count("rebuilt shared-memory table 'fill/t'"), 9u);
 }
 
 TEST_F(ShmTableTest, DeletedMarkersAreClearedNowAndThenAndNeverFillTheTable) {
@@ -284,17 +306,21 @@ TEST_F(ShmTableTest, DeletedMarkersAreClearedNowAndThenAndNeverFillTheTable) {
 
 // Per key the writer publishes the counter it is about to write; readers in
 // other processes check that every value is whole, is one the writer wrote,
-// and never goes backwards, while the writer also removes keys and grows the table.
+// and never goes backwards, while the writer also removes keys, re-attaches,
+// and fills the table with other keys, which grows it through many rebuilds:
+// readers check that each of those, once written, stays there.
 constexpr U32 kStressKeys = 48;
+constexpr U32 kFillers = 20000, kFillerBase = 1000000;
 struct StressBoard {
-  std::atomic<U32> started{0}, stop{0};
+  std::atomic<U32> started{0}, stop{0}, filled{0};
   std::atomic<U32> issued[kStressKeys] = {};
 };
 
 TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValues) {
   StressBoard* board = shared<StressBoard>();
   pid_t const writer = spawn([&] {
-    Table t = Table::openWriter(root(), "mp/t", shape(64));
+    constexpr U32 kCapacity = kStressKeys + kFillers;
+    Table t = Table::openWriter(root(), "mp/t", shape(kCapacity));
     board->started.store(1);
     std::mt19937 rng(1);
     U32 counters[kStressKeys] = {};
@@ -307,13 +333,18 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
         board->issued[k].store(++counters[k]);
         put(t, k, counters[k]);
       }
-      if (t.capacity() < 200 && Clock::now() - start > std::chrono::milliseconds(750)) {
+      auto const elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+      for (U32 f = board->filled.load(); f < std::min<U32>(kFillers, elapsed * kFillers / 1200); ++f) {
+        put(t, kFillerBase + f, f);  // spread over the run, so that readers meet every growth
+        board->filled.store(f + 1);
+      }
+      if (t.capacity() == kCapacity && elapsed > 750) {
         t = Table::openReader(root(), "mp/t");
-        t = Table::openWriter(root(), "mp/t", shape(200));  // readers follow the rebuild
+        t = Table::openWriter(root(), "mp/t", shape(kCapacity + 100));  // readers see the raised limit
       }
     }
     board->stop.store(1);
-    return t.capacity() == 200 ? 0 : 1;
+    return t.capacity() == kCapacity + 100 && t.bucketCount() == 32768 ? 0 : 1;
   });
   while (board->started.load() == 0)
     ::usleep(100);
@@ -323,8 +354,8 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
     Table t = Table::openReader(root(), "mp/t");
     U32 last[kStressKeys] = {};
     std::mt19937 rng(::getpid());
-    U32 reads = 0;
-    while (board->stop.load() == 0) {
+    U32 reads = 0, fillerReads = 0, growths = 0;
+    for (U32 buckets = t.bucketCount(); board->stop.load() == 0;) {
       U32 const k = rng() % kStressKeys;
       if (std::optional<U32> const got = get(t, k)) {
         if (*got < last[k] || *got > board->issued[k].load())
@@ -332,8 +363,16 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
         last[k] = *got;
         ++reads;
       }
+      if (U32 const filled = board->filled.load(); filled > 0) {
+        U32 const f = rng() % filled;
+        if (get(t, kFillerBase + f) != f)
+          throw std::runtime_error("filler " + std::to_string(f) + " of " + std::to_string(filled) + " is lost");
+        ++fillerReads;
+      }
+      growths += t.bucketCount() != buckets;
+      buckets = t.bucketCount();
     }
-    return reads > 1000 ? 0 : 3;
+    return reads > 1000 && fillerReads > 1000 && growths >= 5 ? 0 : 3;
   };
   pid_t const readers[2] = {spawn(readerBody), spawn(readerBody)};
   EXPECT_EQ(waitExit(writer), 0);
