@@ -168,7 +168,8 @@ ShadowFieldValue ShadowFields::field(ShadowFieldKey const& key) const {
 }
 
 bool ShadowFields::fieldHas(ShadowFieldKey const& key) const {
-  return table("look a field up").lookup(key).has_value(); }
+  return table("look a field up").lookup(key).has_value();
+}
 
 ShadowFields::FieldIterator ShadowFields::fieldBegin() const { return table("iterate fields").begin(); }
 

@@ -12,8 +12,9 @@
 ///
 /// Every write and every `fieldDel` notifies the local notifiees'
 /// `onField(key)`, also when nothing changed (the value was the same, the key
-/// was absent): the collection does no change detection, its readers do. Other processes see a committed value as soon as the write
-/// returns; they notice changes through `fieldChangeCounter()`.
+/// was absent): the collection does no change detection, its readers do.
+/// Other processes see a committed value as soon as the write returns; they
+/// notice changes through `fieldChangeCounter()`. The reads are const.
 ///
 /// Lifetime: while mounted, the entity hands itself over to its
 /// `fieldControl` when its last reference goes (see `onZeroReferences`), so

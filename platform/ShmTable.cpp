@@ -726,9 +726,9 @@ void Table::write(std::byte const* value, U32 hash) {
       // (or smaller) when deleted markers crowd the buckets, which the rebuild clears.
       U32 const buckets = bucketsFor(used_ + 1, ceiling_);
       if (used_ + 1 > crowdedAt(buckets))  // only at the file-size limit; the capacity allows more
-        throw std::runtime_error(
-            fmt::format("shared-memory table '{}' is full: {} entries of {} bytes fill the largest table file ({} bytes)",
-                        path_, used_, map_->geo.valueSize, kMaxFileBytes));
+        throw std::runtime_error(fmt::format(
+            "shared-memory table '{}' is full: {} entries of {} bytes fill the largest table file ({} bytes)", path_,
+            used_, map_->geo.valueSize, kMaxFileBytes));
       keep = map_;
       rebuild(buckets);
       where = probe(*map_, value, hash, scratch_.data());
