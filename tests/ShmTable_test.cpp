@@ -312,7 +312,7 @@ TEST_F(ShmTableTest, DeletedMarkersAreClearedNowAndThenAndNeverFillTheTable) {
 constexpr U32 kStressKeys = 48;
 constexpr U32 kFillers = 20000, kFillerBase = 1000000;
 struct StressBoard {
-  std::atomic<U32> started{0}, stop{0}, filled{0};
+  std::atomic<U32> started{0}, readers{0}, stop{0}, filled{0};
   std::atomic<U32> issued[kStressKeys] = {};
 };
 
@@ -325,7 +325,9 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
     std::mt19937 rng(1);
     U32 counters[kStressKeys] = {};
     auto const start = Clock::now();
-    for (U32 i = 0; Clock::now() - start < std::chrono::milliseconds(1500); ++i) {
+    std::optional<Clock::time_point> fillStart;
+    auto ms = [](Clock::duration d) { return std::chrono::duration_cast<std::chrono::milliseconds>(d).count(); };
+    for (U32 i = 0; ms(Clock::now() - start) < 1500 || board->filled.load() < kFillers; ++i) {
       U32 const k = rng() % kStressKeys;
       if (i % 9 == 0) {
         drop(t, k);
@@ -333,15 +335,23 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
         board->issued[k].store(++counters[k]);
         put(t, k, counters[k]);
       }
-      auto const elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-      for (U32 f = board->filled.load(); f < std::min<U32>(kFillers, elapsed * kFillers / 1200); ++f) {
-        put(t, kFillerBase + f, f);  // spread over the run, so that readers meet every growth
-        board->filled.store(f + 1);
+      // Once both readers read, the fillers double every 50 ms: a growth every 50 ms for them to meet.
+      if (!fillStart && board->readers.load() == 2)
+        fillStart = Clock::now();
+      if (fillStart) {
+        auto const step = ms(Clock::now() - *fillStart) / 50;
+        U32 const target = step < 15 ? std::min(kFillers, 1u << step) : kFillers;
+        for (U32 f = board->filled.load(); f < target; ++f) {
+          put(t, kFillerBase + f, f);
+          board->filled.store(f + 1);
+        }
       }
-      if (t.capacity() == kCapacity && elapsed > 750) {
+      if (t.capacity() == kCapacity && board->filled.load() == kFillers) {
         t = Table::openReader(root(), "mp/t");
         t = Table::openWriter(root(), "mp/t", shape(kCapacity + 100));  // readers see the raised limit
       }
+      if (ms(Clock::now() - start) > 20000)
+        break;  // the readers never came
     }
     board->stop.store(1);
     return t.capacity() == kCapacity + 100 && t.bucketCount() == 32768 ? 0 : 1;
@@ -352,6 +362,7 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
             "shared-memory table 'mp/t' already has a writer (pid " + std::to_string(writer) + ")");
   auto readerBody = [&] {
     Table t = Table::openReader(root(), "mp/t");
+    board->readers.fetch_add(1);
     U32 last[kStressKeys] = {};
     std::mt19937 rng(::getpid());
     U32 reads = 0, fillerReads = 0, growths = 0;
