@@ -8,6 +8,7 @@
 #include "Trace.h"
 #include "helpers/ShmTestTraits.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -307,13 +308,15 @@ TEST_F(ShmTableTest, DeletedMarkersAreClearedNowAndThenAndNeverFillTheTable) {
 // Per key the writer publishes the counter it is about to write; readers in
 // other processes check that every value is whole, is one the writer wrote,
 // and never goes backwards, while the writer also removes keys, re-attaches,
-// and fills the table with other keys, which grows it through many rebuilds:
-// readers check that each of those, once written, stays there.
+// and fills the table with other keys, doubling them each time both readers
+// have met the current file, which grows the table through many rebuilds:
+// readers check that each of those keys, once written, stays there.
 constexpr U32 kStressKeys = 48;
 constexpr U32 kFillers = 20000, kFillerBase = 1000000;
 struct StressBoard {
   std::atomic<U32> started{0}, readers{0}, stop{0}, filled{0};
   std::atomic<U32> issued[kStressKeys] = {};
+  std::atomic<U32> seenBuckets[2] = {};  // by each reader
 };
 
 TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValues) {
@@ -325,7 +328,6 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
     std::mt19937 rng(1);
     U32 counters[kStressKeys] = {};
     auto const start = Clock::now();
-    std::optional<Clock::time_point> fillStart;
     auto ms = [](Clock::duration d) { return std::chrono::duration_cast<std::chrono::milliseconds>(d).count(); };
     for (U32 i = 0; ms(Clock::now() - start) < 1500 || board->filled.load() < kFillers; ++i) {
       U32 const k = rng() % kStressKeys;
@@ -335,22 +337,20 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
         board->issued[k].store(++counters[k]);
         put(t, k, counters[k]);
       }
-      // Once both readers read, the fillers double every 50 ms: a growth every 50 ms for them to meet.
-      if (!fillStart && board->readers.load() == 2)
-        fillStart = Clock::now();
-      if (fillStart) {
-        auto const step = ms(Clock::now() - *fillStart) / 50;
-        U32 const target = step < 15 ? std::min(kFillers, 1u << step) : kFillers;
-        for (U32 f = board->filled.load(); f < target; ++f) {
-          put(t, kFillerBase + f, f);
-          board->filled.store(f + 1);
+      U32 const buckets = t.bucketCount();
+      if (U32 filled = board->filled.load(); filled < kFillers && board->readers.load() == 2 &&
+                                             board->seenBuckets[0].load() == buckets &&
+                                             board->seenBuckets[1].load() == buckets) {
+        for (U32 const target = std::min(kFillers, std::max(16u, 2 * filled)); filled < target; ++filled) {
+          put(t, kFillerBase + filled, filled);
+          board->filled.store(filled + 1);
         }
       }
       if (t.capacity() == kCapacity && board->filled.load() == kFillers) {
         t = Table::openReader(root(), "mp/t");
         t = Table::openWriter(root(), "mp/t", shape(kCapacity + 100));  // readers see the raised limit
       }
-      if (ms(Clock::now() - start) > 20000)
+      if (ms(Clock::now() - start) > 60000)
         break;  // the readers never came
     }
     board->stop.store(1);
@@ -362,10 +362,10 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
             "shared-memory table 'mp/t' already has a writer (pid " + std::to_string(writer) + ")");
   auto readerBody = [&] {
     Table t = Table::openReader(root(), "mp/t");
-    board->readers.fetch_add(1);
+    U32 const me = board->readers.fetch_add(1);
     U32 last[kStressKeys] = {};
     std::mt19937 rng(::getpid());
-    U32 reads = 0, fillerReads = 0, growths = 0;
+    U32 reads = 0, fillerReads = 0, moves = 0;
     for (U32 buckets = t.bucketCount(); board->stop.load() == 0;) {
       U32 const k = rng() % kStressKeys;
       if (std::optional<U32> const got = get(t, k)) {
@@ -380,10 +380,14 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
           throw std::runtime_error("filler " + std::to_string(f) + " of " + std::to_string(filled) + " is lost");
         ++fillerReads;
       }
-      growths += t.bucketCount() != buckets;
+      moves += t.bucketCount() != buckets;
       buckets = t.bucketCount();
+      board->seenBuckets[me].store(buckets);
     }
-    return reads > 1000 && fillerReads > 1000 && growths >= 5 ? 0 : 3;
+    if (reads < 1000 || fillerReads < 1000 || moves < 5)
+      throw std::runtime_error(fmt::format("{} reads, {} of fillers, {} moves to a rebuilt file", reads,
+                                           fillerReads, moves));
+    return 0;
   };
   pid_t const readers[2] = {spawn(readerBody), spawn(readerBody)};
   EXPECT_EQ(waitExit(writer), 0);
