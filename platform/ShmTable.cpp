@@ -35,6 +35,10 @@ constexpr U32 kNoBucket = ~0u;
 constexpr U32 kMaxReadAttempts = 100000;
 constexpr U64 kMaxFileBytes = U64{1} << 30;
 constexpr U32 kMinBuckets = 16;  // a new table's buckets, when its capacity needs that many
+// Layout 1 differs only in its capacity: a fixed word under the header check, which
+// set the bucket count to bit_ceil(2 x capacity). Tables of layout 1 are read, and
+// a writer attaching to one rebuilds it in the current layout.
+constexpr U32 kLayout1 = 1;
 
 /// The file header. The words before headerCheck never change after creation and are covered by it.
 struct Header {
@@ -43,7 +47,7 @@ struct Header {
   U32 headerBytes;    // 8
   U32 valueSize;      // 12
   U32 keySize;        // 16
-  U32 reserved0;      // 20: 0
+  U32 layout1Capacity;  // 20: 0; layout 1 kept its fixed capacity here
   U32 bucketCount;    // 24
   U32 bucketBytes;    // 28
   U32 slotOffset;     // 32
@@ -288,7 +292,10 @@ struct Table::Mapping {
     return reinterpret_cast<U32*>(base + geo.bucketsOffset + std::size_t{index} * geo.bucketBytes);
   }
   U32* journal() const { return reinterpret_cast<U32*>(base + geo.journalOffset); }
-  U32 capacity() const { return loadAcquire(header().capacity); }
+  U32 capacity() const {
+    return layoutVersion == kLayout1 ? loadRelaxed(header().layout1Capacity) : loadAcquire(header().capacity);
+  }
+  U32 layoutVersion = Table::kLayoutVersion;
 };
 
 // ---- construction ---------------------------------------------------------------------------------------------
@@ -329,21 +336,24 @@ std::shared_ptr<Table::Mapping> Table::mapFile(Fd fd, bool writable, std::string
   if (magic != kMagic)
     throwCorrupt(path, fmt::format("bad magic {:#010x}", magic));
   U32 const version = loadRelaxed(h.layoutVersion);
-  if (version != kLayoutVersion)
-    throwCorrupt(path, fmt::format("layout version {}, this build reads version {}", version, kLayoutVersion));
+  if (version != kLayoutVersion && version != kLayout1)
+    throwCorrupt(path, fmt::format("layout version {}, this build reads versions {} and {}", version, kLayout1,
+                                   kLayoutVersion));
+  map->layoutVersion = version;
   if (loadRelaxed(h.headerCheck) != headerCheckOf(h))
     throwCorrupt(path, "header check mismatch");
   U32 const valueSize = loadRelaxed(h.valueSize);
   U32 const keySize = loadRelaxed(h.keySize);
   U32 const bucketCount = loadRelaxed(h.bucketCount);
-  U32 const capacity = loadAcquire(h.capacity);  // a writer may raise it meanwhile, never lower it
+  U32 const capacity = map->capacity();  // a writer may raise it meanwhile, never lower it
   if (!sizesPlausible(valueSize, keySize) || !capacityPlausible(capacity) || !std::has_single_bit(bucketCount) ||
-      bucketCount < 2 || bucketCount > bucketCeiling(valueSize, keySize, capacity))
+      bucketCount < 2 || bucketCount > bucketCeiling(valueSize, keySize, capacity) ||
+      (version == kLayout1 && bucketCount != std::bit_ceil(U64{2} * capacity)))
     throwCorrupt(path, fmt::format("impossible sizes: value {}, key {}, {} buckets, capacity {}", valueSize, keySize,
                                    bucketCount, capacity));
   Geometry const g = geometryOf(valueSize, keySize, bucketCount);
-  if (loadRelaxed(h.headerBytes) != kHeaderBytes || loadRelaxed(h.reserved0) != 0 ||
-      loadRelaxed(h.bucketBytes) != g.bucketBytes || loadRelaxed(h.slotOffset) != g.slotOffset ||
+  if (loadRelaxed(h.headerBytes) != kHeaderBytes || loadRelaxed(h.bucketBytes) != g.bucketBytes ||
+      (version != kLayout1 && loadRelaxed(h.layout1Capacity) != 0) || loadRelaxed(h.slotOffset) != g.slotOffset ||
       loadRelaxed(h.journalOffset) != g.journalOffset || loadRelaxed(h.bucketsOffset) != g.bucketsOffset)
     throwCorrupt(path, "the header's layout fields disagree with its sizes");
   if (g.fileBytes != fileBytes)
@@ -475,11 +485,16 @@ void Table::attach(TableSpec shape, Root::Place const& where) {
   storeRelaxed(h.writerPid, static_cast<U32>(::getpid()));
   // A larger capacity is only a higher limit: the buckets grow when entries need them.
   limitIs(TableSpec{g.valueSize, g.keySize, std::max(stored, shape.capacity)});
-  if (limit_ != stored)
+  if (limit_ != stored && map.layoutVersion != kLayout1)  // (layout 1 gets it with its rebuild below)
     storeRelease(h.capacity, limit_);
   kTrace.line(1, "attached to shared-memory table '{}' as writer: {} entries, capacity {}{}{}", path_, used, limit_,
               limit_ != stored ? fmt::format(" (raised from {})", stored) : std::string(),
               replayed ? ", an interrupted write completed" : "");
+  if (map.layoutVersion == kLayout1) {
+    kTrace.line(1, "shared-memory table '{}' is of layout {}: rebuilding it in layout {}", path_, kLayout1,
+                kLayoutVersion);
+    rebuild(bucketsFor(used, ceiling_));
+  }
 }
 
 void Table::limitIs(TableSpec shape) {

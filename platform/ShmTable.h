@@ -51,6 +51,9 @@
 /// limit. Opening a writer with a larger capacity raises the limit in the
 /// header, in place; a smaller one leaves it.
 ///
+/// Tables of layout 1 (a fixed capacity that set the bucket count) are read,
+/// and a writer attaching to one rebuilds it in the current layout.
+///
 /// A rebuild builds a complete new file (nameless until done), sets the old
 /// header's `retired` flag, then renames the new file over the old one.
 /// Readers check `retired` on each operation and transparently reopen the

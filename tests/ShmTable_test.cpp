@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -492,6 +493,38 @@ TEST_F(ShmTableTest, WriteCutOffInTheEntryIsCompletedAndInTheJournalNeverHappene
   EXPECT_EQ(get(t, 1), 1u);
   put(t, 1, 3);
   EXPECT_EQ(get(reader, 1), 3u);
+}
+
+// A table of layout 1 differs in its header only: its capacity at offset 20 (under the
+// header check, at offset 48), which fixed the bucket count at bit_ceil(2 x capacity).
+TEST_F(ShmTableTest, TablesOfLayout1AreReadAndRebuiltByTheirNextWriter) {
+  std::string const path = file("old/t");
+  {
+    Table t = Table::openWriter(root(), "old/t", shape(8));  // 16 buckets, as layout 1 had for 8
+    for (U32 k = 0; k < 6; ++k)
+      put(t, k, k + 1);
+  }
+  std::vector<unsigned char> header = readFile(path);
+  header.resize(128);
+  U32 const layout1[] = {1, 8}, zero = 0;
+  std::memcpy(header.data() + 4, &layout1[0], 4);
+  std::memcpy(header.data() + 20, &layout1[1], 4);
+  std::memcpy(header.data() + 76, &zero, 4);
+  U32 check = 0x811C9DC5u;
+  for (std::size_t at = 0; at < 48; at += 4)
+    check = std::rotl((check ^ wordAt(header, at)) * 0x9E3779B1u, 15);
+  std::memcpy(header.data() + 48, &check, 4);
+  patch(path, 0, header.data(), header.size());
+
+  Table reader = Table::openReader(root(), "old/t");
+  EXPECT_EQ(reader.capacity(), 8u);
+  EXPECT_EQ(get(reader, 5), 6u);
+  Table t = Table::openWriter(root(), "old/t", shape(10));
+  EXPECT_EQ(wordAt(readFile(path), 4), Table::kLayoutVersion);
+  EXPECT_EQ(reader.capacity(), 10u);  // moved to the rebuilt file
+  for (U32 k = 0; k < 6; ++k)
+    EXPECT_EQ(get(reader, k), k + 1);
+  EXPECT_EQ(reader.size(), 6u);
 }
 
 // ---- damage ---------------------------------------------------------------------------------------------------
