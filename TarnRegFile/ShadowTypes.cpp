@@ -131,8 +131,7 @@ bool ShadowFields::fieldDel(ShadowFieldKey const& key) {
     Kiv::Shm::reportCorruption(e.what());
     throw;
   }
-  if (removed)
-    notifyField(key);
+  notifyField(key);
   return removed;
 }
 
@@ -163,20 +162,22 @@ void ShadowFields::fieldDelAll() {
   }
 }
 
-ShadowFieldValue ShadowFields::field(ShadowFieldKey const& key) {
+ShadowFieldValue ShadowFields::field(ShadowFieldKey const& key) const {
   std::optional<ShadowFieldValue> const found = table("look a field up").lookup(key);
   return found ? *found : ShadowFieldValue();
 }
 
-bool ShadowFields::fieldHas(ShadowFieldKey const& key) { return table("look a field up").lookup(key).has_value(); }
+bool ShadowFields::fieldHas(ShadowFieldKey const& key) const {
+  return table("look a field up").lookup(key).has_value();
+}
 
-ShadowFields::FieldIterator ShadowFields::fieldBegin() { return table("iterate fields").begin(); }
+ShadowFields::FieldIterator ShadowFields::fieldBegin() const { return table("iterate fields").begin(); }
 
-U32 ShadowFields::fieldCount() { return table("count fields").size(); }
+U32 ShadowFields::fieldCount() const { return table("count fields").size(); }
 
-U32 ShadowFields::fieldCapacity() { return table("tell the capacity").capacity(); }
+U32 ShadowFields::fieldCapacity() const { return table("tell the capacity").capacity(); }
 
-U32 ShadowFields::fieldChangeCounter() { return table("read the change counter").changeCounter(); }
+U32 ShadowFields::fieldChangeCounter() const { return table("read the change counter").changeCounter(); }
 
 void ShadowFields::fieldNotify(ShadowFieldKey const& key) { notifyField(key); }
 

@@ -10,10 +10,11 @@
 /// attaches its `field` collection to the table of that path (as writer or
 /// reader, as the mount says), and removing it from its parent detaches it.
 ///
-/// Every write notifies the local notifiees' `onField(key)`, also when the
-/// value did not change: the collection does no change detection, its
-/// readers do. Other processes see a committed value as soon as the write
-/// returns; they notice changes through `fieldChangeCounter()`.
+/// Every write and every `fieldDel` notifies the local notifiees'
+/// `onField(key)`, also when nothing changed (the value was the same, the key
+/// was absent): the collection does no change detection, its readers do.
+/// Other processes see a committed value as soon as the write returns; they
+/// notice changes through `fieldChangeCounter()`. The reads are const.
 ///
 /// Lifetime: while mounted, the entity hands itself over to its
 /// `fieldControl` when its last reference goes (see `onZeroReferences`), so
@@ -97,7 +98,7 @@ public:
   using FieldIterator = ShadowFieldCollection::Iterator;
   /// @brief Range over the entries, in table order (for range-for).
   struct FieldRange {
-    ShadowFields* self;
+    ShadowFields const* self;
     FieldIterator begin() const { return self->fieldBegin(); }
     FieldIterator end() const { return self->fieldEnd(); }
   };
@@ -121,13 +122,15 @@ public:
   /// Throws std::invalid_argument for any other pointer; failures otherwise as fieldIs.
   void fieldCommit(ShadowFieldValue const* slot);
 
-  /// @brief Removes the entry of @p key; notifies and returns true when there was one.
+  /// @brief Removes the entry of @p key, then notifies the key, also when there was
+  /// none (like a write, a removal does no change detection); returns whether an
+  /// entry was removed.
   ///
   /// A corrupt table is reported to the corruption handler and the
-  /// Kiv::Shm::CorruptionException propagates.
+  /// Kiv::Shm::CorruptionException propagates, without a notification.
   bool fieldDel(ShadowFieldKey const& key);
 
-  /// @brief Removes every entry, key by key, notifying each.
+  /// @brief Removes every entry, key by key, notifying each (nothing on an empty collection).
   ///
   /// Corruption met on the way is reported to the corruption handler and ends
   /// the pass; the entries not reached stay.
@@ -136,21 +139,21 @@ public:
   /// @brief The entry of @p key, or the default ShadowFieldValue (value 0) when there is none.
   ///
   /// Throws Kiv::Shm::CorruptionException for a corrupt table (the caller reports it).
-  ShadowFieldValue field(ShadowFieldKey const& key);
+  ShadowFieldValue field(ShadowFieldKey const& key) const;
   /// @brief True when the table holds @p key.
-  bool fieldHas(ShadowFieldKey const& key);
+  bool fieldHas(ShadowFieldKey const& key) const;
 
   /// @brief Iteration from the first entry; advancing may throw Kiv::Shm::CorruptionException.
-  FieldIterator fieldBegin();
-  FieldIterator fieldEnd() { return FieldIterator(); }
-  FieldRange fields() { return FieldRange{this}; }
+  FieldIterator fieldBegin() const;
+  FieldIterator fieldEnd() const { return FieldIterator(); }
+  FieldRange fields() const { return FieldRange{this}; }
 
   /// @brief Number of entries.
-  U32 fieldCount();
-  /// @brief Number of entries the table can hold.
-  U32 fieldCapacity();
+  U32 fieldCount() const;
+  /// @brief The most entries the table may hold (its limit; the table grows with its entries).
+  U32 fieldCapacity() const;
   /// @brief Counter of committed changes by any process (wraps).
-  U32 fieldChangeCounter();
+  U32 fieldChangeCounter() const;
 
   /// @brief Notifies the key without changing anything.
   void fieldNotify(ShadowFieldKey const& key);
@@ -200,6 +203,11 @@ protected:
 
 private:
   ShadowFieldCollection& table(char const* operation) {
+    if (!field_) [[unlikely]]
+      notAttached(operation);
+    return *field_;
+  }
+  ShadowFieldCollection const& table(char const* operation) const {
     if (!field_) [[unlikely]]
       notAttached(operation);
     return *field_;

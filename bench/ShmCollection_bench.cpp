@@ -1,10 +1,14 @@
 // Write and lookup on a 65,536-entry shared-memory collection, side by side
 // with a map in a managed shared-memory segment guarded by an interprocess
 // mutex (the usual way to share a map between processes), same keys, values
-// and operations. The program ends with one line per operation giving the
-// ratio of the two.
+// and operations. Then the cost of a chip's shadow table: creating it and
+// filling it with 16,384 fields whose register addresses reach 0x400000, with
+// that capacity (4,194,304) and with a capacity of 16,384, side by side: the
+// table grows with its entries, so the two should cost the same, in time and
+// in file size. The program ends with one line per comparison.
 
 #include "ShmCollection.h"
+#include "TarnRegFile/ShadowTypes.h"
 
 #include <benchmark/benchmark.h>
 #include <boost/interprocess/allocators/allocator.hpp>
@@ -213,15 +217,39 @@ void BM_BoostLookup(benchmark::State& state) {
 }
 BENCHMARK(BM_BoostLookup);
 
+// ---- a wide chip's table, filled from empty ----
+
+constexpr U32 kChipFields = 16384;
+constexpr U32 kChipAddressLimit = 0x400000;  // highest register byte address + 1: the chip's capacity
+std::map<U32, std::uintmax_t> chipFileBytes;  // by capacity
+
+void BM_ShmFillChip(benchmark::State& state) {
+  U32 const capacity = static_cast<U32>(state.range(0));
+  Kiv::Shm::Root const& root = shm().root;
+  std::string const path = "bench/chip" + std::to_string(capacity);
+  for (auto _ : state) {
+    auto fields = TarnRegFile::ShadowFieldCollection::openWriter(root, path, capacity);
+    for (U32 i = 0; i < kChipFields; ++i)  // one field per register, registers spread over the address range
+      fields.write(TarnRegFile::ShadowFieldValue(
+          TarnRegFile::ShadowFieldKey(i * (kChipAddressLimit / kChipFields), 0, 32), i));
+    state.PauseTiming();
+    chipFileBytes[capacity] = std::filesystem::file_size(shm().dir + "/root/" + path);
+    root.remove(path);
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(BM_ShmFillChip)->Arg(kChipFields)->Arg(kChipAddressLimit)->Unit(benchmark::kMicrosecond);
+
 /// Prints as usual and keeps the time per iteration of every run for the summary.
 class RecordingReporter : public benchmark::ConsoleReporter {
 public:
   void ReportRuns(std::vector<Run> const& runs) override {
     // With repetitions the median stands for the operation, otherwise the single run does.
     for (Run const& run : runs) {
-      std::string const name = run.run_name.function_name;
+      std::string const name = run.run_name.function_name + (run.run_name.args.empty() ? "" : "/" + run.run_name.args);
       if (run.run_type == Run::RT_Aggregate ? run.aggregate_name == "median" : !medians.count(name)) {
-        nanoseconds[name] = run.GetAdjustedCPUTime();  // ns; CPU time is steadier on a shared machine
+        // CPU time is steadier on a shared machine; kept in ns whatever the run's unit.
+        nanoseconds[name] = run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit) * 1e9;
         if (run.run_type == Run::RT_Aggregate)
           medians.insert(name);
       }
@@ -250,5 +278,12 @@ int main(int argc, char** argv) {
       std::printf("%-6s shared-memory collection %6.1f ns, mutex-guarded segment map %6.1f ns: %.2fx faster\n", op,
                   ns[ours], ns[theirs], ns[theirs] / ns[ours]);
   }
+  std::string const narrow = "BM_ShmFillChip/" + std::to_string(kChipFields),
+                    wide = "BM_ShmFillChip/" + std::to_string(kChipAddressLimit);
+  if (ns.count(narrow) && ns.count(wide))
+    std::printf("Chip of %u fields, capacity %u: %.0f us, %ju-byte file; capacity %u: %.0f us, %ju-byte file: "
+                "%.2fx the time\n",
+                kChipFields, kChipAddressLimit, ns[wide] / 1000, chipFileBytes[kChipAddressLimit], kChipFields,
+                ns[narrow] / 1000, chipFileBytes[kChipFields], ns[wide] / ns[narrow]);
   return 0;
 }

@@ -66,7 +66,7 @@ public:
 
   private:
     friend class Collection;
-    explicit Iterator(Table& table) : table_(&table), cursor_(table.first()) { advance(); }
+    explicit Iterator(Table const& table) : table_(&table), cursor_(table.first()) { advance(); }
     void advance() {
       std::array<std::byte, Traits::valueSize> bytes;
       if (table_->next(cursor_, bytes.data())) {
@@ -77,7 +77,7 @@ public:
       }
     }
 
-    Table* table_ = nullptr;  // null at the end
+    Table const* table_ = nullptr;  // null at the end
     Table::Cursor cursor_;
     U32 position_ = 0;
     Value value_{};
@@ -131,7 +131,7 @@ public:
   }
 
   /// @brief The value with @p key, if any.
-  std::optional<Value> lookup(Key const& key) {
+  std::optional<Value> lookup(Key const& key) const {
     std::array<std::byte, Traits::keySize> keyBytes;
     std::array<std::byte, Traits::valueSize> bytes;
     Traits::encodeKey(key, keyBytes.data());
@@ -141,17 +141,18 @@ public:
   }
 
   /// @brief Iteration from the first value.
-  Iterator begin() { return Iterator(table_); }
-  Iterator end() { return Iterator(); }
+  Iterator begin() const { return Iterator(table_); }
+  Iterator end() const { return Iterator(); }
 
   /// @brief Number of values.
-  U32 size() { return table_.size(); }
-  /// @brief Number of values the table can hold.
-  U32 capacity() { return table_.capacity(); }
+  U32 size() const { return table_.size(); }
+  /// @brief The most values the table may hold (its limit; the file grows as values come).
+  U32 capacity() const { return table_.capacity(); }
   /// @brief Counter of committed changes by any process.
-  U32 changeCounter() { return table_.changeCounter(); }
+  U32 changeCounter() const { return table_.changeCounter(); }
   /// @brief The underlying table.
   Table& table() noexcept { return table_; }
+  Table const& table() const noexcept { return table_; }
 
   /// @brief Adds an observer called with the key after each change made through this object.
   ObserverId observerIs(Observer observer) {

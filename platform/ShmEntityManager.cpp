@@ -105,7 +105,7 @@ MountDescription& MountDescription::collectionIs(std::string const& name, U32 ca
   if (name.empty())
     throw std::invalid_argument("a mount description needs a collection name");
   if (capacity > Table::kMaxCapacity)
-    throw std::invalid_argument(fmt::format("collection '{}': capacity {} is above the largest table ({} entries)",
+    throw std::invalid_argument(fmt::format("collection '{}': capacity {} is above the largest a table accepts ({})",
                                             name, capacity, Table::kMaxCapacity));
   collections_[name] = capacity;
   return *this;

@@ -146,7 +146,9 @@ class TARN_API MountDescription {
 public:
   /// @brief Sets the capacity (entries) of collection @p name.
   ///
-  /// Throws std::invalid_argument for an empty name or a capacity above what a table can hold.
+  /// The capacity is a limit: the table's file follows the entries it holds, so a
+  /// large limit costs nothing until entries fill it. Throws std::invalid_argument
+  /// for an empty name or a capacity above Table::kMaxCapacity (2^31).
   /// A capacity of 0 is accepted: the table then holds one entry.
   MountDescription& collectionIs(std::string const& name, U32 capacity);
   /// @brief The capacity of collection @p name, or nothing when it is not described.
@@ -182,7 +184,7 @@ public:
   /// A new path gets a new entity (and directories above it) at once, status
   /// mounting; an entity already mounted there with that type is kept and
   /// attached again by close() with the new description (a larger capacity
-  /// grows its tables, keeping their entries). Throws std::invalid_argument for
+  /// raises the limit of its tables, keeping their entries). Throws std::invalid_argument for
   /// a bad path or description and std::runtime_error for an unknown type, a
   /// path mounted with another type, or a path that clashes with the tree.
   void mount(std::string const& path, std::string const& typeName, MountDescription const& description);

@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cerrno>
@@ -33,6 +34,11 @@ constexpr U32 kDeleted = 2;
 constexpr U32 kNoBucket = ~0u;
 constexpr U32 kMaxReadAttempts = 100000;
 constexpr U64 kMaxFileBytes = U64{1} << 30;
+constexpr U32 kMinBuckets = 16;  // a new table's buckets, when its capacity needs that many
+// Layout 1 differs only in its capacity: a fixed word under the header check, which
+// set the bucket count to bit_ceil(2 x capacity). Tables of layout 1 are read, and
+// a writer attaching to one rebuilds it in the current layout.
+constexpr U32 kLayout1 = 1;
 
 /// The file header. The words before headerCheck never change after creation and are covered by it.
 struct Header {
@@ -41,7 +47,7 @@ struct Header {
   U32 headerBytes;    // 8
   U32 valueSize;      // 12
   U32 keySize;        // 16
-  U32 capacity;       // 20
+  U32 layout1Capacity;  // 20: 0; layout 1 kept its fixed capacity here
   U32 bucketCount;    // 24
   U32 bucketBytes;    // 28
   U32 slotOffset;     // 32
@@ -50,19 +56,20 @@ struct Header {
   U32 seed;           // 44
   U32 headerCheck;    // 48
   U32 retired;        // 52: 1 once a rebuilt file replaces this one
-  U32 reserved0[2];   // 56
+  U32 reserved1[2];   // 56
   // A separate cache line: the writer changes these on every write, readers
   // poll `retired` on every operation.
   U32 writerPid;        // 64
   U32 size;             // 68
   U32 changeCounter;    // 72
-  U32 reserved1[13];    // 76
+  U32 capacity;         // 76: the most entries the table may hold; only a writer raises it, in place
+  U32 reserved2[12];    // 80
 };
 static_assert(sizeof(Header) == Table::kHeaderBytes);
 static_assert(offsetof(Header, bucketsOffset) == 40 && offsetof(Header, seed) == 44);
 static_assert(offsetof(Header, headerCheck) == 48 && offsetof(Header, retired) == 52);
 static_assert(offsetof(Header, writerPid) == 64 && offsetof(Header, size) == 68);
-static_assert(offsetof(Header, changeCounter) == 72);
+static_assert(offsetof(Header, changeCounter) == 72 && offsetof(Header, capacity) == 76);
 constexpr U32 kCheckedHeaderWords = offsetof(Header, headerCheck) / 4;
 
 // An entry (the image of one bucket): seq, state, hash, check, then the value
@@ -70,11 +77,10 @@ constexpr U32 kCheckedHeaderWords = offsetof(Header, headerCheck) / 4;
 constexpr U32 kSeq = 0, kState = 1, kHash = 2, kCheck = 3, kData = 4;
 constexpr U32 kJournalSeq = 0, kJournalBucket = 1, kJournalImage = 2;
 
-/// Sizes derived from the value size, key size and capacity.
+/// Sizes derived from the value size, key size and bucket count.
 struct Geometry {
   U32 valueSize = 0;
   U32 keySize = 0;
-  U32 capacity = 0;
   U32 stride = 0;  // value size rounded up to whole words
   U32 bucketCount = 0;
   U32 homeShift = 0;  // 32 - log2(bucketCount)
@@ -87,14 +93,13 @@ struct Geometry {
 
 constexpr U32 roundUp64(U32 bytes) { return (bytes + 63u) & ~63u; }
 
-/// Assumes sizes within their limits (checked by the callers).
-Geometry geometryOf(U32 valueSize, U32 keySize, U32 capacity) {
+/// Assumes sizes within their limits and a power-of-two bucket count of at least 2 (checked by the callers).
+Geometry geometryOf(U32 valueSize, U32 keySize, U32 bucketCount) {
   Geometry g;
   g.valueSize = valueSize;
   g.keySize = keySize;
-  g.capacity = capacity;
   g.stride = (valueSize + 3u) & ~3u;
-  g.bucketCount = std::bit_ceil(2u * capacity);
+  g.bucketCount = bucketCount;
   g.homeShift = 32u - static_cast<U32>(std::countr_zero(g.bucketCount));
   U32 const entryBytes = 4 * kData + g.stride;
   // Buckets never straddle cache lines needlessly: a power of two up to a line, whole lines beyond.
@@ -110,11 +115,31 @@ Geometry geometryOf(U32 valueSize, U32 keySize, U32 capacity) {
 /// a multiple, so a caller's hash with weak low bits still spreads evenly.
 inline U32 homeOf(Geometry const& g, U32 hash) { return (hash * 0x9E3779B1u) >> g.homeShift; }
 
-bool sizesPlausible(U32 valueSize, U32 keySize, U32 capacity) {
-  return valueSize >= 1 && valueSize <= Table::kMaxValueSize && keySize >= 1 && keySize <= valueSize &&
-         capacity >= 1 && capacity <= Table::kMaxCapacity &&
-         geometryOf(valueSize, keySize, capacity).fileBytes <= kMaxFileBytes;
+bool sizesPlausible(U32 valueSize, U32 keySize) {
+  return valueSize >= 1 && valueSize <= Table::kMaxValueSize && keySize >= 1 && keySize <= valueSize;
 }
+
+bool capacityPlausible(U32 capacity) { return capacity >= 1 && capacity <= Table::kMaxCapacity; }
+
+/// The most buckets a file of these values may have: the largest power of two that keeps it within kMaxFileBytes.
+U32 fileBucketLimit(U32 valueSize, U32 keySize) {
+  Geometry const g = geometryOf(valueSize, keySize, 2);
+  return static_cast<U32>(std::bit_floor((kMaxFileBytes - g.bucketsOffset) / g.bucketBytes));
+}
+
+/// The most buckets a table limited to @p capacity entries ever needs: twice the
+/// capacity (so that a full table is at most half used), within the file limit.
+U32 bucketCeiling(U32 valueSize, U32 keySize, U32 capacity) {
+  return static_cast<U32>(std::min<U64>(std::bit_ceil(U64{2} * capacity), fileBucketLimit(valueSize, keySize)));
+}
+
+/// Buckets for @p entries: twice as many (at least kMinBuckets), at most @p ceiling.
+U32 bucketsFor(U32 entries, U32 ceiling) {
+  return static_cast<U32>(std::min<U64>(ceiling, std::max<U64>(kMinBuckets, std::bit_ceil(U64{2} * entries))));
+}
+
+/// Entries and deleted markers together may fill three quarters of the buckets; beyond, probes get long.
+constexpr U32 crowdedAt(U32 bucketCount) { return bucketCount - bucketCount / 4; }
 
 // Everything in the mapping is read and written as whole 32-bit atomics so
 // that readers racing with the writer (in any process) are well defined.
@@ -267,6 +292,10 @@ struct Table::Mapping {
     return reinterpret_cast<U32*>(base + geo.bucketsOffset + std::size_t{index} * geo.bucketBytes);
   }
   U32* journal() const { return reinterpret_cast<U32*>(base + geo.journalOffset); }
+  U32 capacity() const {
+    return layoutVersion == kLayout1 ? loadRelaxed(header().layout1Capacity) : loadAcquire(header().capacity);
+  }
+  U32 layoutVersion = Table::kLayoutVersion;
 };
 
 // ---- construction ---------------------------------------------------------------------------------------------
@@ -289,7 +318,7 @@ std::shared_ptr<Table::Mapping> Table::mapFile(Fd fd, bool writable, std::string
   U64 const fileBytes = static_cast<U64>(st.st_size);
   if (fileBytes < kHeaderBytes)
     throwCorrupt(path, fmt::format("the file is {} bytes, too small for a header", fileBytes));
-  if (fileBytes > kMaxFileBytes + kHeaderBytes + kMaxValueSize)
+  if (fileBytes > kMaxFileBytes)
     throwCorrupt(path, fmt::format("the file is {} bytes, larger than any table", fileBytes));
 
   auto map = std::make_shared<Mapping>();
@@ -307,18 +336,24 @@ std::shared_ptr<Table::Mapping> Table::mapFile(Fd fd, bool writable, std::string
   if (magic != kMagic)
     throwCorrupt(path, fmt::format("bad magic {:#010x}", magic));
   U32 const version = loadRelaxed(h.layoutVersion);
-  if (version != kLayoutVersion)
-    throwCorrupt(path, fmt::format("layout version {}, this build reads version {}", version, kLayoutVersion));
+  if (version != kLayoutVersion && version != kLayout1)
+    throwCorrupt(path, fmt::format("layout version {}, this build reads versions {} and {}", version, kLayout1,
+                                   kLayoutVersion));
+  map->layoutVersion = version;
   if (loadRelaxed(h.headerCheck) != headerCheckOf(h))
     throwCorrupt(path, "header check mismatch");
   U32 const valueSize = loadRelaxed(h.valueSize);
   U32 const keySize = loadRelaxed(h.keySize);
-  U32 const capacity = loadRelaxed(h.capacity);
-  if (!sizesPlausible(valueSize, keySize, capacity))
-    throwCorrupt(path, fmt::format("impossible sizes: value {}, key {}, capacity {}", valueSize, keySize, capacity));
-  Geometry const g = geometryOf(valueSize, keySize, capacity);
-  if (loadRelaxed(h.headerBytes) != kHeaderBytes || loadRelaxed(h.bucketCount) != g.bucketCount ||
-      loadRelaxed(h.bucketBytes) != g.bucketBytes || loadRelaxed(h.slotOffset) != g.slotOffset ||
+  U32 const bucketCount = loadRelaxed(h.bucketCount);
+  U32 const capacity = map->capacity();  // a writer may raise it meanwhile, never lower it
+  if (!sizesPlausible(valueSize, keySize) || !capacityPlausible(capacity) || !std::has_single_bit(bucketCount) ||
+      bucketCount < 2 || bucketCount > bucketCeiling(valueSize, keySize, capacity) ||
+      (version == kLayout1 && bucketCount != std::bit_ceil(U64{2} * capacity)))
+    throwCorrupt(path, fmt::format("impossible sizes: value {}, key {}, {} buckets, capacity {}", valueSize, keySize,
+                                   bucketCount, capacity));
+  Geometry const g = geometryOf(valueSize, keySize, bucketCount);
+  if (loadRelaxed(h.headerBytes) != kHeaderBytes || loadRelaxed(h.bucketBytes) != g.bucketBytes ||
+      (version != kLayout1 && loadRelaxed(h.layout1Capacity) != 0) || loadRelaxed(h.slotOffset) != g.slotOffset ||
       loadRelaxed(h.journalOffset) != g.journalOffset || loadRelaxed(h.bucketsOffset) != g.bucketsOffset)
     throwCorrupt(path, "the header's layout fields disagree with its sizes");
   if (g.fileBytes != fileBytes)
@@ -332,11 +367,14 @@ std::shared_ptr<Table::Mapping> Table::mapFile(Fd fd, bool writable, std::string
 }
 
 std::shared_ptr<Table::Mapping> Table::createFile(Root const& root, Root::Place const& where, GroupMode group,
-                                                  TableSpec shape, U32 seed) {
-  Geometry const g = geometryOf(shape.valueSize, shape.keySize, shape.capacity);
+                                                  TableSpec shape, U32 bucketCount, U32 seed) {
+  Geometry const g = geometryOf(shape.valueSize, shape.keySize, bucketCount);
   Fd fd = root.createUnnamed(where, group);
-  if (::ftruncate(fd.get(), static_cast<off_t>(g.fileBytes)) != 0)
-    throwErrno(where.path, "size the table file");
+  // Allocated now, so that a full tmpfs is this clear error rather than a SIGBUS on a later write.
+  if (int const error = ::posix_fallocate(fd.get(), 0, static_cast<off_t>(g.fileBytes)); error != 0) {
+    errno = error;
+    throwErrno(where.path, fmt::format("allocate {} bytes for the table file", g.fileBytes));
+  }
   if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0)  // nobody else can see the file yet
     throwErrno(where.path, "lock the new table file");
   auto map = std::make_shared<Mapping>();
@@ -359,7 +397,6 @@ std::shared_ptr<Table::Mapping> Table::createFile(Root const& root, Root::Place 
   h.headerBytes = kHeaderBytes;
   h.valueSize = g.valueSize;
   h.keySize = g.keySize;
-  h.capacity = g.capacity;
   h.bucketCount = g.bucketCount;
   h.bucketBytes = g.bucketBytes;
   h.slotOffset = g.slotOffset;
@@ -368,6 +405,7 @@ std::shared_ptr<Table::Mapping> Table::createFile(Root const& root, Root::Place 
   h.journalOffset = g.journalOffset;
   h.headerCheck = headerCheckOf(h);
   h.writerPid = static_cast<U32>(::getpid());
+  h.capacity = shape.capacity;
 
   // Every entry starts empty under seq 0, with a valid check; the journal is empty (seq 0).
   for (U32 b = 0; b < g.bucketCount; ++b)
@@ -384,10 +422,9 @@ Table Table::openWriter(Root const& root, std::string_view path, TableSpec shape
     throw std::invalid_argument(fmt::format(
         "shared-memory table '{}': key size {} is not between 1 and the value size {}", path, shape.keySize,
         shape.valueSize));
-  if (!sizesPlausible(shape.valueSize, shape.keySize, shape.capacity))
-    throw std::invalid_argument(fmt::format(
-        "shared-memory table '{}': capacity {} is not between 1 and {} or makes the file larger than {} bytes",
-        path, shape.capacity, kMaxCapacity, kMaxFileBytes));
+  if (!capacityPlausible(shape.capacity))
+    throw std::invalid_argument(fmt::format("shared-memory table '{}': capacity {} is not between 1 and {}", path,
+                                            shape.capacity, kMaxCapacity));
 
   Table table(root, path, group, true);
   // Another process may create, replace or grab the file between our steps; each retry starts over.
@@ -395,7 +432,8 @@ Table Table::openWriter(Root const& root, std::string_view path, TableSpec shape
     Root::Place where = root.place(path, true, group);
     Fd fd = root.openFile(where, true);
     if (!fd) {
-      auto fresh = createFile(root, where, group, shape, randomSeed());
+      table.limitIs(shape);
+      auto fresh = createFile(root, where, group, shape, bucketsFor(0, table.ceiling_), randomSeed());
       if (!root.linkAs(where, fresh->fd.get(), where.leaf))
         continue;  // created by someone else meanwhile: attach to theirs
       table.adopt(std::move(fresh));
@@ -438,16 +476,30 @@ void Table::attach(TableSpec shape, Root::Place const& where) {
     used += e.state == kUsed;
     deleted += e.state == kDeleted;
   }
-  if (used > g.capacity)
-    throwCorrupt(path_, fmt::format("{} entries, more than the capacity {}", used, g.capacity));
+  U32 const stored = map.capacity();
+  if (used > stored)
+    throwCorrupt(path_, fmt::format("{} entries, more than the capacity {}", used, stored));
   used_ = used;
   deleted_ = deleted;
   storeRelaxed(h.size, used);
   storeRelaxed(h.writerPid, static_cast<U32>(::getpid()));
-  kTrace.line(1, "attached to shared-memory table '{}' as writer: {} entries{}", path_, used,
+  // A larger capacity is only a higher limit: the buckets grow when entries need them.
+  limitIs(TableSpec{g.valueSize, g.keySize, std::max(stored, shape.capacity)});
+  if (limit_ != stored && map.layoutVersion != kLayout1)  // (layout 1 gets it with its rebuild below)
+    storeRelease(h.capacity, limit_);
+  kTrace.line(1, "attached to shared-memory table '{}' as writer: {} entries, capacity {}{}{}", path_, used, limit_,
+              limit_ != stored ? fmt::format(" (raised from {})", stored) : std::string(),
               replayed ? ", an interrupted write completed" : "");
-  if (shape.capacity > g.capacity)
-    rebuild(shape.capacity);
+  if (map.layoutVersion == kLayout1) {
+    kTrace.line(1, "shared-memory table '{}' is of layout {}: rebuilding it in layout {}", path_, kLayout1,
+                kLayoutVersion);
+    rebuild(bucketsFor(used, ceiling_));
+  }
+}
+
+void Table::limitIs(TableSpec shape) {
+  limit_ = shape.capacity;
+  ceiling_ = bucketCeiling(shape.valueSize, shape.keySize, shape.capacity);
 }
 
 Table Table::openReader(Root const& root, std::string_view path) {
@@ -462,10 +514,11 @@ Table Table::openReader(Root const& root, std::string_view path) {
 
 // ---- growth and clean-up --------------------------------------------------------------------------------------
 
-void Table::rebuild(U32 capacity) {
+void Table::rebuild(U32 bucketCount) {
   std::shared_ptr<Mapping> const old = map_;
   Root::Place const where = root_.place(path_, true, group_);
-  auto fresh = createFile(root_, where, group_, TableSpec{old->geo.valueSize, old->geo.keySize, capacity}, old->seed);
+  auto fresh = createFile(root_, where, group_, TableSpec{old->geo.valueSize, old->geo.keySize, limit_}, bucketCount,
+                          old->seed);
   U32 const mask = fresh->geo.bucketCount - 1;
   U32 used = 0;
   for (U32 b = 0; b < old->geo.bucketCount; ++b) {
@@ -498,25 +551,25 @@ void Table::rebuild(U32 capacity) {
     root_.unlinkName(where, staging);
     throw;
   }
-  kTrace.line(1, "rebuilt shared-memory table '{}': capacity {} -> {}, {} entries", path_, old->geo.capacity, capacity,
-              used);
+  kTrace.line(1, "rebuilt shared-memory table '{}': {} -> {} buckets, {} entries (capacity {})", path_,
+              old->geo.bucketCount, bucketCount, used, limit_);
   adopt(std::move(fresh));
   used_ = used;
   deleted_ = 0;
 }
 
-void Table::adopt(std::shared_ptr<Mapping> map) {
+void Table::adopt(std::shared_ptr<Mapping> map) const {
   map_ = std::move(map);
   seed_ = map_->seed;
 }
 
-Table::Mapping const& Table::current() {
+Table::Mapping const& Table::current() const {
   if (loadAcquire(map_->header().retired) != 0) [[unlikely]]
     followReplacement();
   return *map_;
 }
 
-void Table::followReplacement() {
+void Table::followReplacement() const {
   if (writer_)
     return;
   Root::Place const where = root_.place(path_, false);
@@ -681,13 +734,18 @@ void Table::write(std::byte const* value, U32 hash) {
   Probe where = probe(*map_, value, hash, scratch_.data());
   std::shared_ptr<Mapping> keep;  // @p value may point into the writer slot of a file a rebuild replaces
   if (!where.found) {
-    U32 const capacity = map_->geo.capacity;
-    if (used_ >= capacity)
-      throw std::runtime_error(fmt::format("shared-memory table '{}' is full (capacity {})", path_, capacity));
-    U32 const crowded = map_->geo.bucketCount - map_->geo.bucketCount / 4;
-    if (!where.reusesDeleted && used_ + deleted_ + 1 > crowded) {
+    if (used_ >= limit_)
+      throw std::runtime_error(fmt::format("shared-memory table '{}' is full (capacity {})", path_, limit_));
+    if (!where.reusesDeleted && used_ + deleted_ + 1 > crowdedAt(map_->geo.bucketCount)) [[unlikely]] {
+      // Rebuilt for the entries it holds: doubled when they need it, the same size
+      // (or smaller) when deleted markers crowd the buckets, which the rebuild clears.
+      U32 const buckets = bucketsFor(used_ + 1, ceiling_);
+      if (used_ + 1 > crowdedAt(buckets))  // only at the file-size limit; the capacity allows more
+        throw std::runtime_error(fmt::format(
+            "shared-memory table '{}' is full: {} entries of {} bytes fill the largest table file ({} bytes)", path_,
+            used_, map_->geo.valueSize, kMaxFileBytes));
       keep = map_;
-      rebuild(capacity);  // clears the deleted markers that crowd the buckets
+      rebuild(buckets);
       where = probe(*map_, value, hash, scratch_.data());
     }
     if (where.reusesDeleted)
@@ -731,11 +789,11 @@ bool Table::remove(std::byte const* key, U32 hash) {
   return true;
 }
 
-bool Table::lookup(std::byte const* key, U32 hash, std::byte* out) {
+bool Table::lookup(std::byte const* key, U32 hash, std::byte* out) const {
   return probe(current(), key, hash, out).found;
 }
 
-Table::Cursor Table::first() {
+Table::Cursor Table::first() const {
   current();
   Cursor cursor;
   cursor.map_ = map_;
@@ -753,17 +811,20 @@ bool Table::next(Cursor& cursor, std::byte* out) const {
   return false;
 }
 
-U32 Table::size() {
+U32 Table::size() const {
   Mapping const& map = current();
   U32 const size = loadAcquire(map.header().size);
-  if (size > map.geo.capacity)
-    throwCorrupt(path_, fmt::format("entry count {} exceeds the capacity {}", size, map.geo.capacity));
+  U32 const capacity = map.capacity();  // read second: it only grows, so a sound table never fails this
+  if (size > capacity)
+    throwCorrupt(path_, fmt::format("entry count {} exceeds the capacity {}", size, capacity));
   return size;
 }
 
-U32 Table::capacity() { return current().geo.capacity; }
+U32 Table::capacity() const { return current().capacity(); }
 
-U32 Table::changeCounter() { return loadAcquire(current().header().changeCounter); }
+U32 Table::bucketCount() const { return current().geo.bucketCount; }
+
+U32 Table::changeCounter() const { return loadAcquire(current().header().changeCounter); }
 
 U32 Table::valueSize() const noexcept { return map_->geo.valueSize; }
 

@@ -1,7 +1,8 @@
 #pragma once
 /// @file ShmTable.h
-/// @brief A fixed-capacity table of fixed-size values in POSIX shared memory:
-/// one writer process, any number of lock-free readers in any process.
+/// @brief A table of fixed-size values in POSIX shared memory, limited to a
+/// capacity and sized for the entries it holds: one writer process, any number
+/// of lock-free readers in any process.
 ///
 /// The table is untyped: a value is `valueSize()` bytes whose first
 /// `keySize()` bytes are its key, and callers pass a 32-bit hash of the key
@@ -10,8 +11,8 @@
 ///
 /// Layout (all fields little-endian u32, the same on i386 and amd64; docs/shared-memory.md has the byte map):
 /// a 128-byte header, the writer's scratch slot, a one-record journal, then a
-/// power-of-two number of buckets (at least twice the capacity) probed
-/// linearly. Each bucket is one entry {seq, state, hash, check, data}.
+/// power-of-two number of buckets probed linearly. Each bucket is one entry
+/// {seq, state, hash, check, data}.
 ///
 /// Writer protocol, for every change of a bucket:
 ///  1. the journal: seq odd, then {bucket, new seq (tag), state, hash, check, data},
@@ -38,21 +39,36 @@
 /// Exclusive writer: flock(LOCK_EX|LOCK_NB) on the file, held for the writer's
 /// life and released by the kernel when the writer dies.
 ///
-/// Growth and clean-up. Opening a writer with a larger capacity, or a writer
-/// finding that deleted markers crowd the buckets, builds a complete new file
-/// (nameless until done), sets the old header's `retired` flag, then renames
-/// the new file over the old one. Readers check `retired` on each operation
-/// and transparently reopen the path; a Cursor stays on the file it started
-/// with (its values remain whole; the old file no longer changes).
+/// Size and capacity. The capacity only limits the number of entries: shadow
+/// keys carry register addresses, so a chip's limit follows its highest
+/// register address while its entries follow its field count. A new table
+/// has a few buckets (16, or fewer when the capacity needs fewer); when an
+/// insert would fill more than three quarters of them with entries and
+/// deleted markers, the writer rebuilds the table with buckets for twice its
+/// entries: so the bucket array doubles as the table fills (amortised, like a
+/// vector), and a rebuild also clears the deleted markers. It never exceeds
+/// twice the capacity (a full table is at most half used) nor the 1 GiB file
+/// limit. Opening a writer with a larger capacity raises the limit in the
+/// header, in place; a smaller one leaves it.
+///
+/// Tables of layout 1 (a fixed capacity that set the bucket count) are read,
+/// and a writer attaching to one rebuilds it in the current layout.
+///
+/// A rebuild builds a complete new file (nameless until done), sets the old
+/// header's `retired` flag, then renames the new file over the old one.
+/// Readers check `retired` on each operation and transparently reopen the
+/// path; a Cursor stays on the file it started with (its values remain whole;
+/// the old file no longer changes).
 ///
 /// Deleting: an entry becomes a deleted marker, or empty when the next bucket
 /// is empty (then preceding markers are emptied too). Hot operations (write,
 /// commit, remove, lookup, next) neither allocate nor make system calls, except
 /// for the rare rebuild and a reader following a rebuild.
 ///
-/// A Table object belongs to one thread at a time; share the table between
-/// threads by giving each its own reader object. Do not fork a writer: the
-/// child would share its lock.
+/// Reads are const; a const reader still follows a rebuild (its mapping is
+/// mutable state). A Table object belongs to one thread at a time, const or
+/// not; share the table between threads by giving each its own reader object.
+/// Do not fork a writer: the child would share its lock.
 
 #include "Export.h"
 #include "ShmRoot.h"
@@ -73,7 +89,7 @@ public:
   using std::runtime_error::runtime_error;
 };
 
-/// @brief Shape of a table: value and key sizes in bytes and the number of entries it can hold.
+/// @brief Shape of a table: value and key sizes in bytes and the most entries it may hold (its capacity).
 struct TableSpec {
   U32 valueSize = 0;
   U32 keySize = 0;
@@ -85,9 +101,12 @@ class TARN_API Table {
 
 public:
   static constexpr U32 kHeaderBytes = 128;
-  static constexpr U32 kLayoutVersion = 1;
+  static constexpr U32 kLayoutVersion = 2;
   static constexpr U32 kMaxValueSize = 4096;
-  static constexpr U32 kMaxCapacity = 1u << 24;
+  /// The largest capacity (limit) a table accepts: 2^31, so that a negative count
+  /// converted to U32 is refused. What a table really holds is bounded by its
+  /// 1 GiB file limit (about 12.5 million entries of up to 16 bytes).
+  static constexpr U32 kMaxCapacity = 1u << 31;
 
   /// @brief A position in an iteration; keeps the file it started on mapped.
   class Cursor {
@@ -102,8 +121,9 @@ public:
 
   /// @brief Creates the table of @p path or attaches to it as its only writer.
   ///
-  /// An existing table keeps its entries; it is grown when @p shape asks for
-  /// more capacity and kept as it is otherwise. Throws std::invalid_argument
+  /// A new table starts small whatever its capacity. An existing table keeps its
+  /// entries and its file; a larger capacity in @p shape raises its limit, a
+  /// smaller one leaves it. Throws std::invalid_argument
   /// for a bad path or shape, std::runtime_error when another process is the
   /// writer or the value or key size differs, CorruptionException for damage.
   static Table openWriter(Root const& root, std::string_view path, TableSpec shape,
@@ -118,8 +138,10 @@ public:
 
   /// @brief Inserts @p value (valueSize() bytes) or replaces the entry with its key.
   ///
-  /// Throws std::runtime_error "shared-memory table '<path>' is full (capacity N)"
-  /// when a new key does not fit; nothing changes then.
+  /// A new key may grow the table (a rebuild). Throws std::runtime_error
+  /// "shared-memory table '<path>' is full (capacity N)" when a new key would
+  /// exceed the capacity, or "... is full: N entries of M bytes fill the largest
+  /// table file ..." when the file cannot grow further; nothing changes then.
   void write(std::byte const* value, U32 hash);
 
   /// @brief The writer's scratch value in the mapping; fill it, then commit().
@@ -136,20 +158,22 @@ public:
   /// @brief Copies the value with key @p key into @p out (valueSize() bytes); false when absent.
   ///
   /// @p out is clobbered even when the key is absent.
-  bool lookup(std::byte const* key, U32 hash, std::byte* out);
+  bool lookup(std::byte const* key, U32 hash, std::byte* out) const;
 
   /// @brief A cursor before the first entry.
-  Cursor first();
+  Cursor first() const;
 
   /// @brief Copies the next entry into @p out and advances; false at the end.
   bool next(Cursor& cursor, std::byte* out) const;
 
   /// @brief Number of entries.
-  U32 size();
-  /// @brief Number of entries the table can hold.
-  U32 capacity();
+  U32 size() const;
+  /// @brief The most entries the table may hold (its limit; the file grows towards it as needed).
+  U32 capacity() const;
+  /// @brief Buckets of the current file: a power of two that grows with the entries.
+  U32 bucketCount() const;
   /// @brief Counter incremented by every committed change (wraps); lets other processes notice changes.
-  U32 changeCounter();
+  U32 changeCounter() const;
   /// @brief Seed that every process hashes keys with.
   U32 seed() const noexcept { return seed_; }
   /// @brief Bytes per value, as given at creation.
@@ -175,15 +199,16 @@ private:
   Table(Root root, std::string_view path, GroupMode group, bool writer);
 
   static std::shared_ptr<Mapping> createFile(Root const& root, Root::Place const& where, GroupMode group,
-                                             TableSpec shape, U32 seed);
+                                             TableSpec shape, U32 bucketCount, U32 seed);
   static std::shared_ptr<Mapping> mapFile(Fd fd, bool writable, std::string const& path);
   void attach(TableSpec shape, Root::Place const& where);
   bool replayJournal(Mapping& map);
-  void rebuild(U32 capacity);
+  void limitIs(TableSpec shape);
+  void rebuild(U32 bucketCount);
 
-  void adopt(std::shared_ptr<Mapping> map);
-  Mapping const& current();
-  void followReplacement();
+  void adopt(std::shared_ptr<Mapping> map) const;
+  Mapping const& current() const;
+  void followReplacement() const;
   Entry readEntry(Mapping const& map, U32 bucket, std::byte* out) const;
   Probe probe(Mapping const& map, std::byte const* key, U32 hash, std::byte* buffer) const;
   void publish(Mapping& map, U32 bucket, U32 state, U32 hash, std::byte const* value);
@@ -195,10 +220,12 @@ private:
   std::string path_;
   GroupMode group_;
   bool writer_;
-  std::shared_ptr<Mapping> map_;
-  U32 seed_ = 0;
+  mutable std::shared_ptr<Mapping> map_;  ///< readers move to a rebuilt file from const reads too
+  mutable U32 seed_ = 0;
   U32 used_ = 0;     ///< writer only: entries
   U32 deleted_ = 0;  ///< writer only: deleted markers
+  U32 limit_ = 0;    ///< writer only: the capacity
+  U32 ceiling_ = 0;  ///< writer only: the most buckets the capacity and the file limit allow
   std::vector<std::byte> scratch_;
 };
 

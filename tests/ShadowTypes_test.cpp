@@ -86,7 +86,7 @@ protected:
   Recorder recorder_;
 };
 
-TEST_F(ShadowTypesTest, EveryWriteNotifiesItsKeyAndRemovalsOnlyWhatWasThere) {
+TEST_F(ShadowTypesTest, EveryWriteAndRemovalNotifiesItsKeyButDelAllOnlyWhatWasThere) {
   ShadowFieldKey const a(4, 0, 8), b(4, 8, 8), never(9, 9, 9);
   U32 const changes = config_->fieldChangeCounter();
   config_->fieldIs(ShadowFieldValue(a, 1));
@@ -101,10 +101,10 @@ TEST_F(ShadowTypesTest, EveryWriteNotifiesItsKeyAndRemovalsOnlyWhatWasThere) {
 
   EXPECT_EQ(config_->field(never), ShadowFieldValue());  // absent keys read as value 0
   EXPECT_TRUE(config_->fieldDel(a));
-  EXPECT_FALSE(config_->fieldDel(never));
+  EXPECT_FALSE(config_->fieldDel(never));  // nothing removed, still announced
   EXPECT_FALSE(config_->fieldHas(a));
   EXPECT_EQ(config_->field(a).value, 0u);
-  EXPECT_EQ(recorder_.taken(), Keys{a});
+  EXPECT_EQ(recorder_.taken(), (Keys{a, never}));
   config_->fieldDelAll();
   EXPECT_EQ(recorder_.taken(), Keys{b});
   config_->fieldDelAll();  // empty: nothing to tell
@@ -116,10 +116,30 @@ TEST_F(ShadowTypesTest, IterationAndTheDumpYieldEveryEntryOnce) {
   std::vector<ShadowFieldValue> written;
   for (U32 i = 0; i < 16; ++i)  // four fields per address: keys that differ in start only
     config_->fieldIs(written.emplace_back(ShadowFieldKey(i / 4, static_cast<U8>((i % 4) * 8), 8), i * 3));
-  std::vector<ShadowFieldValue> seen(config_->fieldBegin(), config_->fieldEnd());
+  ShadowFields const& readOnly = *config_;  // reads need no mutable reference
+  std::vector<ShadowFieldValue> seen(readOnly.fieldBegin(), readOnly.fieldEnd());
   std::sort(seen.begin(), seen.end(), [](auto const& x, auto const& y) { return x.key < y.key; });
   EXPECT_EQ(seen, written);
   EXPECT_EQ(ShadowFields::readShadowTable(root(), kConfigPath), written);
+}
+
+// Keys carry register byte addresses, so a chip's capacity follows its highest
+// register: 16,384 fields spread up to 0x400000 must cost what 16,384 entries cost.
+TEST_F(ShadowTypesTest, TheTableFollowsTheFieldsNotTheirAddresses) {
+  constexpr char const* kWide = "TarnRegFile/shadowFieldsConfig/wide";
+  auto group = em_->mountGroup();
+  group.mount(kWide, "TarnRegFile::ShadowFieldsConfig", Kiv::Shm::MountDescription().collectionIs("field", 1u << 25));
+  group.close();
+  auto const wide = Kiv::ptr_cast<ShadowFieldsConfig>(em_->entity(kWide));
+  std::string const file = base_ + "/root/" + kWide;
+  EXPECT_LT(std::filesystem::file_size(file), 4096u);
+  for (U32 i = 0; i < 16384; ++i)
+    wide->fieldIs(ShadowFieldValue(ShadowFieldKey(i * 256, 0, 32), i));
+  ShadowFields const& readOnly = *wide;
+  EXPECT_EQ(readOnly.fieldCount(), 16384u);
+  EXPECT_EQ(readOnly.fieldCapacity(), 1u << 25);
+  EXPECT_EQ(readOnly.field(ShadowFieldKey(0x3FFF00, 0, 32)).value, 16383u);
+  EXPECT_LE(std::filesystem::file_size(file), (16384u * 2 * 32) + 4096);  // 32-byte buckets, at most half used
 }
 
 TEST_F(ShadowTypesTest, CommitPublishesTheValueBuiltInTheSlotAndNoCopy) {

@@ -8,11 +8,14 @@
 #include "Trace.h"
 #include "helpers/ShmTestTraits.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -213,7 +216,7 @@ TEST_F(ShmTableTest, FullTableAndBadShapesAreClearErrorsThatChangeNothing) {
   EXPECT_EQ(get(t, 5), 1u);
 
   for (TableSpec bad : {TableSpec{0, 0, 4}, TableSpec{4097, 4, 1}, TableSpec{8, 9, 4}, TableSpec{8, 4, 0},
-                        TableSpec{8, 4, Table::kMaxCapacity + 1}, TableSpec{4096, 4, Table::kMaxCapacity}})
+                        TableSpec{8, 4, Table::kMaxCapacity + 1}})
     EXPECT_THROW(Table::openWriter(root(), "shape/t", bad), std::invalid_argument);
   Table::openWriter(root(), "shape/t", shape(4));
   EXPECT_THAT(errorOf([&] { Table::openWriter(root(), "shape/t", TableSpec{12, 4, 4}); }),
@@ -237,32 +240,53 @@ TEST_F(ShmTableTest, CollectionObserversMayBeRemovedAndAddedWhileBeingNotified) 
   EXPECT_EQ(calls, (std::vector<int>{1, 1, 3}));
 }
 
-TEST_F(ShmTableTest, GrowingKeepsEntriesAndReadersFollowTheNewFile) {
-  {
-    Table t = Table::openWriter(root(), "grow/t", shape(10));
-    for (U32 k = 0; k < 10; ++k)
-      put(t, k, k + 100);
-  }
-  Table reader = Table::openReader(root(), "grow/t");
-  Table::Cursor cursor = reader.first();
-  Table t = Table::openWriter(root(), "grow/t", shape(100));
-  EXPECT_EQ(t.seed(), reader.seed());
-  put(t, 50, 1);
-  EXPECT_EQ(reader.capacity(), 100u);  // moved to the new file
-  EXPECT_EQ(get(reader, 50), 1u);
-  for (U32 k = 0; k < 10; ++k)
-    EXPECT_EQ(get(reader, k), k + 100);
+TEST_F(ShmTableTest, TheFileFollowsTheEntriesAndTheCapacityOnlyLimitsThem) {
+  auto fileBytes = [&](char const* path) { return fs::file_size(file(path)); };
+  Table huge = Table::openWriter(root(), "huge/t", shape(1u << 25));  // a limit far beyond any file
+  EXPECT_EQ(huge.capacity(), 1u << 25);
+  EXPECT_LT(fileBytes("huge/t"), 4096u);
 
-  Bytes out;  // the older cursor finishes on the old file: exactly the ten old entries
+  constexpr U32 kLimit = 5000;
+  Kiv::TraceCapture trace("Shm/*");
+  Table t = Table::openWriter(root(), "fill/t", shape(kLimit));
+  std::uintmax_t const startBytes = fileBytes("fill/t");
+  for (U32 k = 0; k < 10; ++k)
+    put(t, k, k + 100);
+  Table reader = Table::openReader(root(), "fill/t");
+  Table::Cursor cursor = reader.first();
+  for (U32 k = 10; k < kLimit; ++k)
+    put(t, k, k + 100);
+  EXPECT_EQ(t.bucketCount(), 8192u);  // doubled from 16 as the entries came: load never above 3/4
+  EXPECT_EQ(trace.count("rebuilt shared-memory table 'fill/t'"), 9u);
+  EXPECT_GT(fileBytes("fill/t"), 100 * startBytes);
+  EXPECT_EQ(errorOf([&] { put(t, kLimit, 1); }), "shared-memory table 'fill/t' is full (capacity 5000)");
+  EXPECT_EQ(reader.size(), kLimit);  // moved to the newest file, every entry kept
+  EXPECT_EQ(reader.bucketCount(), 8192u);
+  for (U32 k = 0; k < kLimit; ++k)
+    ASSERT_EQ(get(reader, k), k + 100) << k;
+  EXPECT_FALSE(get(reader, kLimit));
+
+  // The older cursor finishes on the file it started on, which stopped changing
+  // when the thirteenth entry outgrew its 16 buckets: exactly the twelve first entries.
+  Bytes out;
   U32 count = 0, k = 0, c = 0;
   for (; reader.next(cursor, out.data()); ++count)
-    EXPECT_TRUE(valid(out.data(), k, c) && c == k + 100);
-  EXPECT_EQ(count, 10u);
+    EXPECT_TRUE(valid(out.data(), k, c) && k < 12 && c == k + 100);
+  EXPECT_EQ(count, 12u);
 
-  t = Table::openReader(root(), "grow/t");  // the writer goes away; a smaller capacity keeps the file
-  Table smaller = Table::openWriter(root(), "grow/t", shape(5));
-  EXPECT_EQ(smaller.capacity(), 100u);
-  EXPECT_EQ(smaller.size(), 11u);
+  // A writer with a larger limit raises it in place; one with a smaller limit leaves it.
+  t = Table::openReader(root(), "fill/t");
+  struct stat before {}, after {};
+  ::stat(file("fill/t").c_str(), &before);
+  Table raised = Table::openWriter(root(), "fill/t", shape(kLimit + 1));
+  ::stat(file("fill/t").c_str(), &after);
+  EXPECT_EQ(after.st_ino, before.st_ino);
+  EXPECT_EQ(reader.capacity(), kLimit + 1);
+  put(raised, kLimit, 7);
+  EXPECT_EQ(get(reader, kLimit), 7u);
+  raised = Table::openReader(root(), "fill/t");
+  EXPECT_EQ(Table::openWriter(root(), "fill/t", shape(10)).capacity(), kLimit + 1);
+  EXPECT_EQ(trace.count("rebuilt shared-memory table 'fill/t'"), 9u);
 }
 
 TEST_F(ShmTableTest, DeletedMarkersAreClearedNowAndThenAndNeverFillTheTable) {
@@ -284,22 +308,29 @@ TEST_F(ShmTableTest, DeletedMarkersAreClearedNowAndThenAndNeverFillTheTable) {
 
 // Per key the writer publishes the counter it is about to write; readers in
 // other processes check that every value is whole, is one the writer wrote,
-// and never goes backwards, while the writer also removes keys and grows the table.
+// and never goes backwards, while the writer also removes keys, re-attaches,
+// and fills the table with other keys, doubling them each time both readers
+// have met the current file, which grows the table through many rebuilds:
+// readers check that each of those keys, once written, stays there.
 constexpr U32 kStressKeys = 48;
+constexpr U32 kFillers = 20000, kFillerBase = 1000000;
 struct StressBoard {
-  std::atomic<U32> started{0}, stop{0};
+  std::atomic<U32> started{0}, readers{0}, stop{0}, filled{0};
   std::atomic<U32> issued[kStressKeys] = {};
+  std::atomic<U32> seenBuckets[2] = {};  // by each reader
 };
 
 TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValues) {
   StressBoard* board = shared<StressBoard>();
   pid_t const writer = spawn([&] {
-    Table t = Table::openWriter(root(), "mp/t", shape(64));
+    constexpr U32 kCapacity = kStressKeys + kFillers;
+    Table t = Table::openWriter(root(), "mp/t", shape(kCapacity));
     board->started.store(1);
     std::mt19937 rng(1);
     U32 counters[kStressKeys] = {};
     auto const start = Clock::now();
-    for (U32 i = 0; Clock::now() - start < std::chrono::milliseconds(1500); ++i) {
+    auto ms = [](Clock::duration d) { return std::chrono::duration_cast<std::chrono::milliseconds>(d).count(); };
+    for (U32 i = 0; ms(Clock::now() - start) < 1500 || board->filled.load() < kFillers; ++i) {
       U32 const k = rng() % kStressKeys;
       if (i % 9 == 0) {
         drop(t, k);
@@ -307,13 +338,24 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
         board->issued[k].store(++counters[k]);
         put(t, k, counters[k]);
       }
-      if (t.capacity() < 200 && Clock::now() - start > std::chrono::milliseconds(750)) {
-        t = Table::openReader(root(), "mp/t");
-        t = Table::openWriter(root(), "mp/t", shape(200));  // readers follow the rebuild
+      U32 const buckets = t.bucketCount();
+      if (U32 filled = board->filled.load(); filled < kFillers && board->readers.load() == 2 &&
+                                             board->seenBuckets[0].load() == buckets &&
+                                             board->seenBuckets[1].load() == buckets) {
+        for (U32 const target = std::min(kFillers, std::max(16u, 2 * filled)); filled < target; ++filled) {
+          put(t, kFillerBase + filled, filled);
+          board->filled.store(filled + 1);
+        }
       }
+      if (t.capacity() == kCapacity && board->filled.load() == kFillers) {
+        t = Table::openReader(root(), "mp/t");
+        t = Table::openWriter(root(), "mp/t", shape(kCapacity + 100));  // readers see the raised limit
+      }
+      if (ms(Clock::now() - start) > 60000)
+        break;  // the readers never came
     }
     board->stop.store(1);
-    return t.capacity() == 200 ? 0 : 1;
+    return t.capacity() == kCapacity + 100 && t.bucketCount() == 32768 ? 0 : 1;
   });
   while (board->started.load() == 0)
     ::usleep(100);
@@ -321,10 +363,11 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
             "shared-memory table 'mp/t' already has a writer (pid " + std::to_string(writer) + ")");
   auto readerBody = [&] {
     Table t = Table::openReader(root(), "mp/t");
+    U32 const me = board->readers.fetch_add(1);
     U32 last[kStressKeys] = {};
     std::mt19937 rng(::getpid());
-    U32 reads = 0;
-    while (board->stop.load() == 0) {
+    U32 reads = 0, fillerReads = 0, moves = 0;
+    for (U32 buckets = t.bucketCount(); board->stop.load() == 0;) {
       U32 const k = rng() % kStressKeys;
       if (std::optional<U32> const got = get(t, k)) {
         if (*got < last[k] || *got > board->issued[k].load())
@@ -332,8 +375,20 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
         last[k] = *got;
         ++reads;
       }
+      if (U32 const filled = board->filled.load(); filled > 0) {
+        U32 const f = rng() % filled;
+        if (get(t, kFillerBase + f) != f)
+          throw std::runtime_error("filler " + std::to_string(f) + " of " + std::to_string(filled) + " is lost");
+        ++fillerReads;
+      }
+      moves += t.bucketCount() != buckets;
+      buckets = t.bucketCount();
+      board->seenBuckets[me].store(buckets);
     }
-    return reads > 1000 ? 0 : 3;
+    if (reads < 1000 || fillerReads < 1000 || moves < 5)
+      throw std::runtime_error(fmt::format("{} reads, {} of fillers, {} moves to a rebuilt file", reads,
+                                           fillerReads, moves));
+    return 0;
   };
   pid_t const readers[2] = {spawn(readerBody), spawn(readerBody)};
   EXPECT_EQ(waitExit(writer), 0);
@@ -438,6 +493,38 @@ TEST_F(ShmTableTest, WriteCutOffInTheEntryIsCompletedAndInTheJournalNeverHappene
   EXPECT_EQ(get(t, 1), 1u);
   put(t, 1, 3);
   EXPECT_EQ(get(reader, 1), 3u);
+}
+
+// A table of layout 1 differs in its header only: its capacity at offset 20 (under the
+// header check, at offset 48), which fixed the bucket count at bit_ceil(2 x capacity).
+TEST_F(ShmTableTest, TablesOfLayout1AreReadAndRebuiltByTheirNextWriter) {
+  std::string const path = file("old/t");
+  {
+    Table t = Table::openWriter(root(), "old/t", shape(8));  // 16 buckets, as layout 1 had for 8
+    for (U32 k = 0; k < 6; ++k)
+      put(t, k, k + 1);
+  }
+  std::vector<unsigned char> header = readFile(path);
+  header.resize(128);
+  U32 const layout1[] = {1, 8}, zero = 0;
+  std::memcpy(header.data() + 4, &layout1[0], 4);
+  std::memcpy(header.data() + 20, &layout1[1], 4);
+  std::memcpy(header.data() + 76, &zero, 4);
+  U32 check = 0x811C9DC5u;
+  for (std::size_t at = 0; at < 48; at += 4)
+    check = std::rotl((check ^ wordAt(header, at)) * 0x9E3779B1u, 15);
+  std::memcpy(header.data() + 48, &check, 4);
+  patch(path, 0, header.data(), header.size());
+
+  Table reader = Table::openReader(root(), "old/t");
+  EXPECT_EQ(reader.capacity(), 8u);
+  EXPECT_EQ(get(reader, 5), 6u);
+  Table t = Table::openWriter(root(), "old/t", shape(10));
+  EXPECT_EQ(wordAt(readFile(path), 4), Table::kLayoutVersion);
+  EXPECT_EQ(reader.capacity(), 10u);  // moved to the rebuilt file
+  for (U32 k = 0; k < 6; ++k)
+    EXPECT_EQ(get(reader, k), k + 1);
+  EXPECT_EQ(reader.size(), 6u);
 }
 
 // ---- damage ---------------------------------------------------------------------------------------------------

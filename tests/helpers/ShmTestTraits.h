@@ -70,7 +70,8 @@ inline U32 patternValue(U32 i) { return i * 2654435761u ^ 0x5A5A0F0Fu; }
 /// Every tenth key is removed again after all are written.
 inline bool patternRemoved(U32 i) { return i % 10u == 9u; }
 
-/// Writes the pattern: a first capacity of 300 forces a regrow half way (on reopening with the final capacity).
+/// Writes the pattern: the table grows from its first few buckets as it fills, and its first
+/// capacity of 300 is raised in place half way (on reopening with the final capacity).
 inline void writePattern(Kiv::Shm::Root const& root, std::string const& path) {
   {
     auto small = Collection::openWriter(root, path, 300);
