@@ -110,8 +110,13 @@ bool ChipNames::Equal<ChipNames::ApartTailProbe>::operator()(ApartTailProbe cons
 ChipNames::ChipNames(Kiv::String const& chipName) : chip_(chipName) {}
 
 ChipNames::Id ChipNames::findString(Kiv::String const& s) const noexcept {
+  CachedString& cached = stringCache_[s.hash() & 7u];
+  if (cached.id != none && cached.text == s) return cached.id;
   auto const it = stringIndex_.find(StringProbe{s.view(), s.hash()});
-  return it == stringIndex_.end() ? none : *it;
+  if (it == stringIndex_.end()) return none;
+  cached.text = s;
+  cached.id = *it;
+  return *it;
 }
 
 ChipNames::Id ChipNames::stringId(Kiv::String const& s) {
@@ -178,38 +183,39 @@ ChipNames::Id ChipNames::tailId(Id reg, Kiv::String const& field, Kiv::String co
   return kApart | index;
 }
 
+ChipNames::Id ChipNames::findField(FieldProbe probe) const noexcept {
+  if (probe.reg == lastFieldProbe_.reg && probe.name == lastFieldProbe_.name) return lastField_;
+  auto const it = fieldIndex_.find(probe);
+  if (it == fieldIndex_.end()) return none;
+  lastFieldProbe_ = Field{probe.reg, probe.name};
+  lastField_ = *it;
+  return *it;
+}
+
+ChipNames::Id ChipNames::fieldId(FieldProbe probe) {
+  Id const found = findField(probe);
+  if (found != none) return found;
+  // A new name: stored and indexed in one probe of the index.
+  Id const id = static_cast<Id>(fields_.size());
+  fields_.push_back(Field{probe.reg, probe.name});
+  fieldIndex_.insert(id);
+  return id;
+}
+
 ChipNames::Id ChipNames::findField(Id reg, Kiv::String const& field) const noexcept {
   Id const name = findString(field);
-  if (name == none) return none;
-  auto const it = fieldIndex_.find(FieldProbe{reg, name});
-  return it == fieldIndex_.end() ? none : *it;
+  return name == none ? none : findField(FieldProbe{reg, name});
 }
 
 ChipNames::Id ChipNames::findField(Id reg, Kiv::String const& field, Kiv::String const& fullName) const noexcept {
   Id const name = findTail(reg, field, fullName);
-  if (name == none) return none;
-  auto const it = fieldIndex_.find(FieldProbe{reg, name});
-  return it == fieldIndex_.end() ? none : *it;
+  return name == none ? none : findField(FieldProbe{reg, name});
 }
 
-ChipNames::Id ChipNames::fieldId(Id reg, Kiv::String const& field) {
-  Id const name = stringId(field);
-  auto const it = fieldIndex_.find(FieldProbe{reg, name});
-  if (it != fieldIndex_.end()) return *it;
-  Id const id = static_cast<Id>(fields_.size());
-  fields_.push_back(Field{reg, name});
-  fieldIndex_.insert(id);
-  return id;
-}
+ChipNames::Id ChipNames::fieldId(Id reg, Kiv::String const& field) { return fieldId(FieldProbe{reg, stringId(field)}); }
 
 ChipNames::Id ChipNames::fieldId(Id reg, Kiv::String const& field, Kiv::String const& fullName) {
-  Id const name = tailId(reg, field, fullName);
-  auto const it = fieldIndex_.find(FieldProbe{reg, name});
-  if (it != fieldIndex_.end()) return *it;
-  Id const id = static_cast<Id>(fields_.size());
-  fields_.push_back(Field{reg, name});
-  fieldIndex_.insert(id);
-  return id;
+  return fieldId(FieldProbe{reg, tailId(reg, field, fullName)});
 }
 
 template <class RegisterName>
@@ -342,7 +348,10 @@ void Translation::populate(Kiv::String const& logicalReg, Kiv::String const& log
   // The names LogicalFieldName(LogicalRegisterName(name(), logicalReg), logicalField) and its
   // physical mirror, by their ids: nothing is composed.
   FieldId const lf = names_->fieldId(names_->registerId(logicalReg), logicalField);
-  FieldId const pf = names_->fieldId(names_->registerId(physicalReg), physicalField);
+  // Describers often name both sides alike.
+  FieldId const pf = physicalReg == logicalReg && physicalField == logicalField
+                         ? lf
+                         : names_->fieldId(names_->registerId(physicalReg), physicalField);
   map(forward_, forwardCount_, lf, pf);
   map(reverse_, reverseCount_, pf, lf);
 }
@@ -412,6 +421,14 @@ size_t LogicalChip::SlotHash<LogicalChip::ShadowSlot>::operator()(U32 pos) const
   return (*this)((*slots)[pos].key);
 }
 template <>
+bool LogicalChip::SlotEqual<LogicalChip::RegisterSlot>::operator()(U32 a, U32 b) const noexcept {
+  return (*slots)[a].name == (*slots)[b].name;
+}
+template <>
+bool LogicalChip::SlotEqual<LogicalChip::ShadowSlot>::operator()(U32 a, U32 b) const noexcept {
+  return (*slots)[a].key == (*slots)[b].key;
+}
+template <>
 bool LogicalChip::SlotEqual<LogicalChip::RegisterSlot>::operator()(NameProbe p, U32 pos) const noexcept {
   return (*slots)[pos].name == p.name;
 }
@@ -422,8 +439,12 @@ bool LogicalChip::SlotEqual<LogicalChip::ShadowSlot>::operator()(ShadowFieldKey 
 
 U32 LogicalChip::findRegisterSlot(Id reg) const noexcept {
   if (reg == none) return none;
+  if (reg == lastRegister_) return lastRegisterSlot_;
   auto const it = registerIndex_.find(NameProbe{reg});
-  return it == registerIndex_.end() ? none : *it;
+  if (it == registerIndex_.end()) return none;
+  lastRegister_ = reg;
+  lastRegisterSlot_ = *it;
+  return *it;
 }
 
 U32 LogicalChip::registerSlot(Id reg) {
@@ -743,12 +764,12 @@ bool LogicalChip::shadowToPhysicalNameHas(ShadowFieldKey const& key) const noexc
 }
 
 void LogicalChip::shadowToPhysicalNameIsAt(ShadowFieldKey const& key, Id field) {
-  U32 pos = findShadowSlot(key);
-  if (pos == none) {
-    pos = static_cast<U32>(shadow_.size());
-    shadow_.push_back(ShadowSlot{key, none});
-    shadowIndex_.insert(pos);
-  }
+  // Keys are mostly new (one per populated physical field): offer a new slot to the index,
+  // and take it back when the key was there already.
+  shadow_.push_back(ShadowSlot{key, none});
+  auto const [it, inserted] = shadowIndex_.insert(static_cast<U32>(shadow_.size() - 1));
+  if (!inserted) shadow_.pop_back();
+  U32 const pos = *it;
   if (shadow_[pos].field == field) return;
   if (shadow_[pos].field == none) ++shadowCount_;
   shadow_[pos].field = field;

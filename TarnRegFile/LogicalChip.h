@@ -147,11 +147,23 @@ private:
 
   Id findString(Kiv::String const& s) const noexcept;
   Id stringId(Kiv::String const& s);
+  Id findField(FieldProbe probe) const noexcept;
+  Id fieldId(FieldProbe probe);
   Id findTail(Id reg, Kiv::String const& field, Kiv::String const& fullName) const noexcept;
   Id tailId(Id reg, Kiv::String const& field, Kiv::String const& fullName);
   bool composesRegister(Kiv::String const& chip, Kiv::String const& reg, Kiv::String const& fullName) const noexcept;
   bool composesField(Id reg, Kiv::String const& field, Kiv::String const& fullName) const noexcept;
   Kiv::String const& registerFullNameIfApart(Id reg) const noexcept;
+
+  // A describer passes the same register and field strings call after call, and the chip and
+  // its translation ask for one field name several times in a row: the last answers are kept.
+  struct CachedString {
+    Kiv::String text;
+    Id id = none;
+  };
+  mutable CachedString stringCache_[8];
+  mutable Field lastFieldProbe_{none, none};
+  mutable Id lastField_ = none;
 
   Kiv::String chip_;
   std::vector<Kiv::String> strings_;
@@ -620,15 +632,16 @@ private:
     std::vector<Slot> const* slots;
     size_t operator()(U32 pos) const noexcept;
     size_t operator()(NameProbe p) const noexcept { return size_t{p.name} * 0x9e3779b1u; }
+    // In-process only: a cheap mix, spread further by the index itself.
     size_t operator()(ShadowFieldKey const& key) const noexcept {
-      return key.hash(ShadowFieldKey::collectionHashSeed);
+      return size_t{key.address} * 0x9e3779b1u ^ (size_t{key.start} << 8 | key.size);
     }
   };
   template <class Slot>
   struct SlotEqual {
     using is_transparent = void;
     std::vector<Slot> const* slots;
-    bool operator()(U32 a, U32 b) const noexcept { return a == b; }
+    bool operator()(U32 a, U32 b) const noexcept;  // by content: an offered new slot may repeat a key
     bool operator()(NameProbe p, U32 pos) const noexcept;
     bool operator()(U32 pos, NameProbe p) const noexcept { return (*this)(p, pos); }
     bool operator()(ShadowFieldKey const& key, U32 pos) const noexcept;
@@ -657,6 +670,8 @@ private:
   void shadowToPhysicalNameIsAt(ShadowFieldKey const& key, Id field);
 
   std::shared_ptr<ChipNames> names_;
+  mutable Id lastRegister_ = none;  // the register slot found last, and its name
+  mutable U32 lastRegisterSlot_ = none;
   std::vector<RegisterSlot> registers_;
   SlotIndex<RegisterSlot> registerIndex_{0, SlotHash<RegisterSlot>{&registers_}, SlotEqual<RegisterSlot>{&registers_}};
   size_t registerCount_ = 0;
