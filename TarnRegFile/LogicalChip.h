@@ -42,6 +42,8 @@ namespace TarnRegFile {
 /// follow the rule (another chip's, or a fullName read from text that differs from the
 /// composition) are kept whole on the side and get ids of their own: they stay different keys,
 /// as the name types compare all members. Names are never removed: a chip is described once.
+/// Lookups remember their last answers, so even the const ones change the table: like the
+/// rest of the chip, it belongs to the thread of the agent's event loop.
 class TARN_API ChipNames {
 public:
   using Id = U32;
@@ -180,7 +182,8 @@ private:
 ///
 /// Iteration and `find` build each entry as a value (name values included), `keys()` takes a
 /// snapshot that stays valid while the collection changes. Entries come in a stable order:
-/// the order in which their keys were first stored.
+/// fields in the order their names entered the chip's name table, registers and shadow keys
+/// in the order they were first stored.
 template <class Source>
 class CompactEntries {
 public:
