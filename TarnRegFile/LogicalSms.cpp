@@ -46,26 +46,54 @@ void LogicalWriteSm::hasNotificationActiveIs(bool active) {
 
 void LogicalWriteSm::handleLogicalField() {
   if (!chip_) return;
-  // A snapshot: a reaction further down may change the chip's fields meanwhile.
-  for (LogicalFieldName const& name : chip_->logicalFieldEntries().keys()) handleLogicalField(name);
+  // A snapshot: a reaction further down may change the chip's fields meanwhile. By id, so
+  // that a pass over a whole chip builds no name values.
+  for (LogicalChip::FieldId const id : chip_->logicalFieldIds()) {
+    if (kTrace.enabled(5)) {
+      kTrace.printf(5,
+                    "void TarnRegFile::LogicalWriteSm::handleLogicalField(const TarnRegFile::LogicalFieldName&) name: %s",
+                    chip_->names().fullName(id));
+    }
+    if (!chip_->ready()) continue;
+    U32 const* const value = chip_->logicalFieldValue(id);
+    if (!value) {
+      maybeWriteField(LogicalField());  // removed meanwhile: a default field, fatal on purpose
+      continue;
+    }
+    writeField(id, *value, nullptr);
+  }
 }
 
 void LogicalWriteSm::handleLogicalField(LogicalFieldName const& name) {
   kTrace.printf(5, "void TarnRegFile::LogicalWriteSm::handleLogicalField(const TarnRegFile::LogicalFieldName&) name: %s",
                 name.fullName);
   if (!chip_ || !chip_->ready()) return;
-  LogicalField const* const stored = chip_->logicalFieldEntries().find(name);
+  LogicalChip::FieldId const id = chip_->logicalFieldId(name);
+  U32 const* const value = chip_->logicalFieldValue(id);
   // A deleted field comes here as a default field, which has no translation: fatal, on purpose.
-  maybeWriteField(stored ? *stored : LogicalField());
+  if (!value) {
+    maybeWriteField(LogicalField());
+    return;
+  }
+  writeField(id, *value, &name);
 }
 
 void LogicalWriteSm::maybeWriteField(LogicalField const& field) {
+  writeField(chip_->logicalFieldId(field.name), field.value, &field.name);
+}
+
+void LogicalWriteSm::writeField(LogicalChip::FieldId id, U32 value, LogicalFieldName const* name) {
   kTrace.printf(5, "void TarnRegFile::LogicalWriteSm::maybeWriteField(const TarnRegFile::LogicalField&) value: %s",
-                field.value);
-  PhysicalFieldName const physicalName = chip_->translation()->getPhysicalFieldName(field.name);
-  PhysicalField const* const physical = chip_->physicalFieldEntries().find(physicalName);
-  if (!physical) {
-    kTrace.printf(0, "No physicalField mapping to %s", physicalName.fullName);
+                value);
+  // The translation shares the chip's name ids: one lookup by id, and the name is built only
+  // for the fatal report of a missing mapping or the trace of a missing physical field.
+  Translation& translation = *chip_->translation();
+  LogicalChip::FieldId const physicalId = translation.physicalFieldId(id);
+  if (physicalId == LogicalChip::noField)
+    (void)translation.getPhysicalFieldName(name ? *name : chip_->names().fieldName<LogicalFieldName>(id));
+  ShadowFieldKey const* const key = chip_->physicalFieldKey(physicalId);
+  if (!key) {
+    kTrace.printf(0, "No physicalField mapping to %s", chip_->names().fullName(physicalId));
     return;
   }
   if (!chip_->shadowFieldsConfig()) {
@@ -75,12 +103,12 @@ void LogicalWriteSm::maybeWriteField(LogicalField const& field) {
   }
   ShadowFieldsConfig& config = *chip_->shadowFieldsConfig();
   try {
-    if (config.field(physical->key).value == field.value) return;
+    if (config.field(*key).value == value) return;
   } catch (Kiv::Shm::CorruptionException const& e) {
     Kiv::Shm::reportCorruption(e.what());
     return;
   }
-  config.fieldIs(ShadowFieldValue(physical->key, field.value));
+  config.fieldIs(ShadowFieldValue(*key, value));
 }
 
 namespace {

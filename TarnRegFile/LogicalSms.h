@@ -65,6 +65,10 @@ protected:
 private:
   class ChipReactor;
 
+  /// maybeWriteField for the field of id @p id (noField when the chip has no such name);
+  /// @p name is that field's name when the caller has it.
+  void writeField(LogicalChip::FieldId id, U32 value, LogicalFieldName const* name);
+
   Kiv::Ptr<LogicalChip> chip_;
   std::unique_ptr<ChipReactor> chipReactor_;
 };

@@ -158,6 +158,48 @@ TEST(LogicalChip, LogicalFieldsBuildTheirRegister) {
   EXPECT_EQ(chip->logicalField(lfn("chip0", "wide", "w")).value, 0x123u);
 }
 
+TEST(LogicalChip, NamesOfAnotherChipOrWithAnotherFullNameAreKeysOfTheirOwn) {
+  auto chip = logicalChipFactory("chip0");
+  chip->populateLogicalField("r", "a", 0, 8, 1);
+  LogicalFieldName const own = lfn("chip0", "r", "a");
+  LogicalFieldName const other = lfn("chip1", "r", "a");
+  LogicalFieldName readBack = own;  // as read from a text that carries another full name
+  readBack.fullName = "chip0-r-a-x";
+  chip->logicalFieldIs(LogicalField(other, 8, 4));
+  chip->logicalFieldIs(LogicalField(readBack, 16, 4));
+  EXPECT_EQ(chip->logicalFieldEntries().size(), 3u);
+  EXPECT_EQ(chip->logicalField(own).start, 0u);
+  EXPECT_EQ(chip->logicalField(other).start, 8u);
+  EXPECT_EQ(chip->logicalField(readBack).start, 16u);
+  for (auto const& [name, field] : chip->logicalFieldEntries()) {
+    EXPECT_EQ(field.name, name);
+    EXPECT_EQ(chip->logicalField(name), field) << name.fullName;
+  }
+  chip->logicalFieldDel(readBack);
+  EXPECT_FALSE(chip->logicalFieldHas(readBack));
+  EXPECT_TRUE(chip->logicalFieldHas(own));
+
+  // A register's field set holds any names, with their flags, and compares as a whole.
+  CountingNotifiee watcher(chip);
+  LogicalRegister reg = chip->regColl(LogicalRegisterName("chip0", "r"));
+  reg.fieldIs(other, false);
+  chip->regCollIs(reg);
+  chip->regCollIs(reg);
+  EXPECT_EQ(chip->regColl(reg.name), reg);
+  EXPECT_EQ(watcher.calls, (Calls{{"regColl chip0-r", 1}}));
+  LogicalRegisterName apart("chip0", "r");
+  apart.fullName = "chip0--r";
+  EXPECT_FALSE(chip->regCollHas(apart));
+
+  // The translation keeps them apart too.
+  auto t = chip->translationIs();
+  t->logicalToPhysicalIs(readBack, pfn("chip1", "R", "F"));
+  EXPECT_FALSE(t->logicalToPhysicalHas(own));
+  EXPECT_EQ(t->getPhysicalFieldName(readBack), pfn("chip1", "R", "F"));
+  ASSERT_EQ(t->logicalToPhysicalEntries().size(), 1u);
+  EXPECT_EQ((*t->logicalToPhysicalEntries().begin()).first, readBack);
+}
+
 TEST(LogicalChipDeathTest, PopulationAfterReadyIsFatal) {
   auto chip = readyChip();
   EXPECT_DEATH(chip->populatePhysicalField("R", "f", 0, 8),
