@@ -98,7 +98,7 @@ void LogicalWriteSm::writeField(LogicalChip::FieldId id, U32 value, LogicalField
   }
   if (!chip_->shadowFieldsConfig()) {
     // Nothing to write into yet: whoever builds the chip's shadow path says so more precisely.
-    kTrace.printf(1, "LogicalChip %s has no shadowFieldsConfig: %s not written", chip_->name(), field.name.fullName);
+    kTrace.printf(1, "LogicalChip %s has no shadowFieldsConfig: %s not written", chip_->name(), chip_->names().fullName(id));
     return;
   }
   ShadowFieldsConfig& config = *chip_->shadowFieldsConfig();
