@@ -96,6 +96,7 @@ void ShadowFields::fieldIs(ShadowFieldValue const& value) {
   } catch (Kiv::Shm::CorruptionException const& e) {
     writeFailed("fieldIs", e);
   }
+  lastWritten_ = value;
   notifyField(value.key);
 }
 
@@ -119,12 +120,14 @@ void ShadowFields::fieldCommit(ShadowFieldValue const* slot) {
   } catch (Kiv::Shm::CorruptionException const& e) {
     writeFailed("fieldCommit", e);
   }
+  lastWritten_ = value;
   notifyField(value.key);
 }
 
 bool ShadowFields::fieldDel(ShadowFieldKey const& key) {
   ShadowFieldCollection& collection = table("remove a field");
   bool removed = false;
+  lastWritten_.reset();
   try {
     removed = collection.remove(key);
   } catch (Kiv::Shm::CorruptionException const& e) {
@@ -163,6 +166,8 @@ void ShadowFields::fieldDelAll() {
 }
 
 ShadowFieldValue ShadowFields::field(ShadowFieldKey const& key) const {
+  // The reaction to a write looks the same key up at once: answer it without a probe.
+  if (lastWritten_ && lastWritten_->key == key) return *lastWritten_;
   std::optional<ShadowFieldValue> const found = table("look a field up").lookup(key);
   return found ? *found : ShadowFieldValue();
 }
@@ -231,6 +236,7 @@ void ShadowFields::detach() noexcept {
   if (!field_)
     return;
   field_.reset();
+  lastWritten_.reset();
   path_.clear();
   fieldMountStatus_ = Kiv::Shm::MountStatus::unmounted;
 }

@@ -218,6 +218,8 @@ private:
   void mountStatusIs(Kiv::Shm::MountStatus status);
 
   std::optional<ShadowFieldCollection> field_;
+  /// What this (the only) writer wrote last: what field() of that key must read.
+  std::optional<ShadowFieldValue> lastWritten_;
   Kiv::Ptr<Kiv::Shm::CollectionControl> fieldControl_;
   Kiv::Shm::MountStatus fieldMountStatus_ = Kiv::Shm::MountStatus::unmounted;
   Kiv::Shm::MountMode fieldMode_ = Kiv::Shm::MountMode::writer;

@@ -177,8 +177,10 @@ TEST_F(ShadowFieldsSmTest, AFailedReactionLeavesTheFieldPendingAndTheCallerIsTol
 }
 
 TEST_F(ShadowFieldsSmTest, CorruptDesiredFieldsAreReportedReadAsZeroAndEndAPass) {
+  config().fieldIs(ShadowFieldValue(ChipRig::key(1, 1), 0x7));
   config().fieldIs(ShadowFieldValue(ChipRig::key(1, 0), 0x5));
   sm_ = build();
+  ASSERT_EQ(rig_.fileRegister(1), 0x0705u);
   std::vector<std::string> reports;
   Kiv::Shm::corruptionHandlerIs([&reports](std::string const& message) { reports.push_back(message); });
   {  // Everything past the table's header is overwritten, as a stray writer would.
@@ -188,9 +190,9 @@ TEST_F(ShadowFieldsSmTest, CorruptDesiredFieldsAreReportedReadAsZeroAndEndAPass)
     table.seekp(Kiv::Shm::Table::kHeaderBytes);
     table << std::string(size - Kiv::Shm::Table::kHeaderBytes, '\xFF');
   }
-  sm_->handleShadowField(ChipRig::key(1, 0));
+  sm_->handleShadowField(ChipRig::key(1, 1));
   EXPECT_EQ(reports.size(), 1u) << "a lookup reports the damage";
-  EXPECT_EQ(rig_.fileRegister(1), 0u) << "and reads the desired value as 0";
+  EXPECT_EQ(rig_.fileRegister(1), 0x0005u) << "and reads the desired value as 0";
   reports.clear();
   EXPECT_NO_THROW(sm_->handleShadowField());
   EXPECT_EQ(reports.size(), 1u) << "the pass reports the damage once and stops";
