@@ -1,9 +1,12 @@
 #pragma once
 /// @file PciTransportMethodImpl.h
-/// @brief Register transport over a chip's memory-mapped PCI resource.
+/// @brief Bus backend over a chip's memory-mapped PCI resource.
 ///
 /// Register numbers of a CSV map are scaled by 4, so a register's address is its
-/// byte offset in the mapped region; every access is one 32-bit load or store.
+/// byte offset in the mapped region; every access is one 32-bit load or store, and
+/// the core keeps a read's low `width` bits. An address outside the mapping or not
+/// 4-aligned (a map that does not fit the BAR) fails the access with a
+/// TransportError of kind OutOfRange.
 ///
 /// Bus errors. A device that has dropped off the bus answers loads with SIGBUS.
 /// When the PCI access object does not deal with that itself, this transport
@@ -39,16 +42,11 @@ public:
   /// @brief The PCI access object's ready flag (false when there is no access object).
   bool hardwareReady() const noexcept;
 
-  /// @brief The register's value, masked to its width.
-  uint32_t regRead(char const* regName) override;
-  /// @brief Stores @p value whole (not masked to the register's width).
-  void regWrite(char const* regName, uint32_t value) override;
-
-  /// @brief The common access: resolves the name, checks the device and the register's width,
-  /// then loads (returning the masked value) or stores @p value (returning it).
+  /// @brief The common access through the core: loads (returning the value cut to the
+  /// register's width) or stores @p value whole (returning it).
   /// @throws Kiv::SigbusException for a device that is not ready (guarded) or a bus error;
-  ///         std::runtime_error "Register <name> size not supported!", the register-file
-  ///         helper's error for an unknown name, and a runtime error when there is no device.
+  ///         TransportError for a register too wide (WidthUnsupported), outside the mapping
+  ///         (OutOfRange) or without a device (NoDevice); LookupError for an unknown name.
   uint32_t _regRWCommon(bool write, char const* regName, uint32_t value);
 
   /// @brief The PCI access object (null when none was given).
@@ -56,11 +54,18 @@ public:
   /// @brief True when this transport guards its accesses against bus errors itself.
   bool sigbusGuarded() const noexcept { return sigbusGuarded_; }
 
+protected:
+  uint32_t busRead(HardwareRegister const& reg) override;
+  void busWrite(HardwareRegister const& reg, uint32_t value) override;
+
 private:
-  void deviceNotReady();
+  Hardware::PciDovImpl& device(HardwareRegister const& reg, TransportOperation op);
 
   Kiv::Ptr<Hardware::PciDovImpl> pciDov_;
   bool sigbusGuarded_ = false;
+  // Chosen once at construction: the guarded accessors when this transport guards bus errors.
+  U32 (*load_)(Hardware::PciDovImpl&, U32) = nullptr;
+  void (*store_)(Hardware::PciDovImpl&, U32, U32) = nullptr;
 };
 
 }  // namespace TarnRegFile
