@@ -9,40 +9,20 @@ namespace {
 
 Kiv::TraceHandle kTrace("TarnRegFile/BaseTransportMethodImpl");
 
-[[noreturn, gnu::cold, gnu::noinline]] void throwSizeNotSupported(char const* regName, TransportOperation op) {
-  throw TransportError(std::string("Register ") + regName + " size not supported!",
-                       TransportErrorKind::WidthUnsupported, regName, op);
-}
-
 }  // namespace
 
 BaseTransportMethodImpl::BaseTransportMethodImpl(
-    char const* csvPath, U8 addrBlockSize, Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& regFileModel,
-    ReadBits readBits)
-    : regFileHelper_(RegFileHelper::RegFileHelperIs(Kiv::String(csvPath))), readBits_(readBits) {
+    char const* csvPath, U8 addrBlockSize, Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& regFileModel)
+    : regFileHelper_(RegFileHelper::RegFileHelperIs(Kiv::String(csvPath))) {
   // A failing init leaves the constructor by exception; the member reference then releases the helper.
   regFileHelper_->init(regFileHelper_->name(), addrBlockSize, regFileModel);
 }
 
 BaseTransportMethodImpl::~BaseTransportMethodImpl() = default;
 
-Hardware::TarnRegFile::HardwareRegister const& BaseTransportMethodImpl::resolve(char const* regName,
-                                                                             TransportOperation op) const {
-  HardwareRegister const& reg = regFileHelper_->findRegisterByName(regName);
-  // One access moves accessWidth bits; a wider register cannot be reached with it.
-  if (reg.width > reg.accessWidth) [[unlikely]]
-    throwSizeNotSupported(regName, op);
-  return reg;
-}
-
-uint32_t BaseTransportMethodImpl::regRead(char const* regName) {
-  HardwareRegister const& reg = resolve(regName, TransportOperation::Read);
-  uint32_t const value = busRead(reg);
-  return readBits_ == ReadBits::AccessWord ? keepRegisterBits(value, reg) : value;
-}
-
-void BaseTransportMethodImpl::regWrite(char const* regName, uint32_t value) {
-  busWrite(resolve(regName, TransportOperation::Write), value);
+void BaseTransportMethodImpl::sizeNotSupported(char const* regName, TransportOperation op) {
+  throw TransportError(std::string("Register ") + regName + " size not supported!",
+                       TransportErrorKind::WidthUnsupported, regName, op);
 }
 
 void BaseTransportMethodImpl::regReadWithCallback(char const* regName, RegReadCallback const& cb) {

@@ -199,7 +199,7 @@ I2cTransportMethodImpl::I2cTransportMethodImpl(
     char const* devNode, int devId, char const* csvPath, I2cFlavour flavour,
     Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& regFileModel)
     // The flavour is looked up first: an unknown one fails before the map is loaded or the node opened.
-    : BaseTransportMethodImpl(csvPath, i2cBusOps(flavour).addrBlockSize, regFileModel),
+    : BusTransport(csvPath, i2cBusOps(flavour).addrBlockSize, regFileModel),
       i2cFd_(-1),
       ops_(i2cBusOps(flavour)) {
   char const* const node = devNode ? devNode : "";

@@ -75,7 +75,7 @@ struct I2cBusOps {
 TARN_API I2cBusOps const& i2cBusOps(I2cFlavour flavour);
 
 /// @brief Reads and writes registers over an i2c-dev node in one of the I2cFlavour ways.
-class TARN_API I2cTransportMethodImpl : public BaseTransportMethodImpl {
+class TARN_API I2cTransportMethodImpl : public BusTransport<I2cTransportMethodImpl> {
 public:
 
   /// @brief Opens @p devNode and addresses the peripheral @p devId on it; registers come from
@@ -92,9 +92,9 @@ public:
   /// @brief The open device node's descriptor.
   int fd() const noexcept { return i2cFd_.fd(); }
 
-protected:
-  uint32_t busRead(HardwareRegister const& reg) override;
-  void busWrite(HardwareRegister const& reg, uint32_t value) override;
+  /// @brief Address-level access of the core (the register is resolved and checked).
+  uint32_t busRead(HardwareRegister const& reg);
+  void busWrite(HardwareRegister const& reg, uint32_t value);
 
 private:
   Utils::UnixFdRes i2cFd_;

@@ -88,7 +88,7 @@ BaseTransportMethodImpl* createMockTransport(BaseTransportDescriptor const& desc
 MockTransportMethodImpl::MockTransportMethodImpl(
     char const* csvPath, Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& regFileModel,
     std::string dumpPath)
-    : BaseTransportMethodImpl(csvPath, kAddrBlockSize, regFileModel), dumpPath_(std::move(dumpPath)) {
+    : BusTransport(csvPath, kAddrBlockSize, regFileModel), dumpPath_(std::move(dumpPath)) {
   load();
 }
 

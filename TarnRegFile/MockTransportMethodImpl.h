@@ -26,7 +26,7 @@
 
 namespace TarnRegFile {
 
-class TARN_API MockTransportMethodImpl : public BaseTransportMethodImpl {
+class TARN_API MockTransportMethodImpl : public BusTransport<MockTransportMethodImpl> {
 public:
   /// @brief The dump file of a mock descriptor that names none.
   static constexpr char const* kDumpPath = MockTransportDescriptor::kDefaultDumpPath;
@@ -50,9 +50,9 @@ public:
   /// @brief The simulated registers, by byte address.
   std::unordered_map<uint32_t, uint32_t> const& values() const noexcept { return values_; }
 
-protected:
-  uint32_t busRead(HardwareRegister const& reg) override;
-  void busWrite(HardwareRegister const& reg, uint32_t value) override;
+  /// @brief Address-level access of the core (the register is resolved and checked).
+  uint32_t busRead(HardwareRegister const& reg);
+  void busWrite(HardwareRegister const& reg, uint32_t value);
 
 private:
   void load();

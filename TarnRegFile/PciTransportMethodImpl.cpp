@@ -33,11 +33,6 @@ using HardwareRegister = Hardware::TarnRegFile::HardwareRegister;
   throw TransportError(e.what(), TransportErrorKind::OutOfRange, reg.name.str(), op);
 }
 
-U32 plainLoad(Hardware::PciDovImpl& dov, U32 offset) { return dov.read32(offset); }
-U32 guardedLoad(Hardware::PciDovImpl& dov, U32 offset) { return dov.guardedRead32(offset); }
-void plainStore(Hardware::PciDovImpl& dov, U32 offset, U32 value) { dov.write32(offset, value); }
-void guardedStore(Hardware::PciDovImpl& dov, U32 offset, U32 value) { dov.guardedWrite32(offset, value); }
-
 BaseTransportMethodImpl* createPciTransport(BaseTransportDescriptor const& descriptor,
                                             TransportMethodRegFile const& regFile) {
   auto const& pci = transportDescriptorAs<PciTransportDescriptor>(descriptor, "TarnRegFile::PciTransportDescriptor");
@@ -53,9 +48,7 @@ BaseTransportMethodImpl* createPciTransport(BaseTransportDescriptor const& descr
 
 PciTransportMethodImpl::PciTransportMethodImpl(Kiv::Ptr<Hardware::DovImpl> const& dov, char const* csvPath,
                                                Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& model)
-    : BaseTransportMethodImpl(csvPath, kAddrBlockSize, model, ReadBits::AccessWord),
-      load_(plainLoad),
-      store_(plainStore) {
+    : BusTransport(csvPath, kAddrBlockSize, model) {
   // Without an access object the transport still exists (its register map answers
   // name questions); accesses fail one by one.
   if (!dov) return;
@@ -63,8 +56,6 @@ PciTransportMethodImpl::PciTransportMethodImpl(Kiv::Ptr<Hardware::DovImpl> const
   if (!pciDov_) throw std::runtime_error("PciDovImpl cast error!");
   sigbusGuarded_ = !pciDov_->managesSigbus();
   if (sigbusGuarded_) {
-    load_ = guardedLoad;
-    store_ = guardedStore;
     // This transport handles bus errors; access objects created from now on must
     // not install a handler of their own that would swallow them first.
     Kiv::SigbusGuard::autoHandlerInstallIs(false);
@@ -101,7 +92,7 @@ Hardware::PciDovImpl& PciTransportMethodImpl::device(HardwareRegister const& reg
 uint32_t PciTransportMethodImpl::busRead(HardwareRegister const& reg) {
   Hardware::PciDovImpl& dov = device(reg, TransportOperation::Read);
   try {
-    return load_(dov, reg.address);
+    return sigbusGuarded_ ? dov.guardedRead32(reg.address) : dov.read32(reg.address);
   } catch (std::out_of_range const& e) {
     throwOutside(e, reg, TransportOperation::Read);
   }
@@ -110,7 +101,11 @@ uint32_t PciTransportMethodImpl::busRead(HardwareRegister const& reg) {
 void PciTransportMethodImpl::busWrite(HardwareRegister const& reg, uint32_t value) {
   Hardware::PciDovImpl& dov = device(reg, TransportOperation::Write);
   try {
-    store_(dov, reg.address, value);
+    // Stored whole: bits above the register's width go to the device as given.
+    if (sigbusGuarded_)
+      dov.guardedWrite32(reg.address, value);
+    else
+      dov.write32(reg.address, value);
   } catch (std::out_of_range const& e) {
     throwOutside(e, reg, TransportOperation::Write);
   }

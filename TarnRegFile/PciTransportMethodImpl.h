@@ -29,7 +29,8 @@
 
 namespace TarnRegFile {
 
-class TARN_API PciTransportMethodImpl : public BaseTransportMethodImpl {
+class TARN_API PciTransportMethodImpl
+    : public BusTransport<PciTransportMethodImpl, ReadBits::AccessWord> {
 public:
   /// @brief A transport over @p dov (may be null: the transport then has no device and every
   /// access fails) with the register map of @p csvPath, else of @p regFileModel.
@@ -54,18 +55,15 @@ public:
   /// @brief True when this transport guards its accesses against bus errors itself.
   bool sigbusGuarded() const noexcept { return sigbusGuarded_; }
 
-protected:
-  uint32_t busRead(HardwareRegister const& reg) override;
-  void busWrite(HardwareRegister const& reg, uint32_t value) override;
+  /// @brief Address-level access of the core (the register is resolved and checked).
+  uint32_t busRead(HardwareRegister const& reg);
+  void busWrite(HardwareRegister const& reg, uint32_t value);
 
 private:
   Hardware::PciDovImpl& device(HardwareRegister const& reg, TransportOperation op);
 
   Kiv::Ptr<Hardware::PciDovImpl> pciDov_;
-  bool sigbusGuarded_ = false;
-  // Chosen once at construction: the guarded accessors when this transport guards bus errors.
-  U32 (*load_)(Hardware::PciDovImpl&, U32) = nullptr;
-  void (*store_)(Hardware::PciDovImpl&, U32, U32) = nullptr;
+  bool sigbusGuarded_ = false;  // fixed at construction: the guarded accessors when set
 };
 
 }  // namespace TarnRegFile

@@ -50,10 +50,10 @@ Kiv::Ptr<HardwareRegisterFile> smallModel() {
 }
 
 // A bus backend over a one-register model whose accesses fail on demand.
-class FakeImpl : public BaseTransportMethodImpl {
+class FakeImpl : public BusTransport<FakeImpl> {
 public:
   enum class Fail { none, runtime, system, sigbus, other };
-  explicit FakeImpl(int* destroyed = nullptr) : BaseTransportMethodImpl(nullptr, 4, smallModel()), destroyed_(destroyed) {}
+  explicit FakeImpl(int* destroyed = nullptr) : BusTransport(nullptr, 4, smallModel()), destroyed_(destroyed) {}
   ~FakeImpl() override {
     if (destroyed_) ++*destroyed_;
   }
@@ -61,12 +61,11 @@ public:
   Fail mode = Fail::none;
   uint32_t lastWrite = 0;
 
-protected:
-  uint32_t busRead(HardwareRegister const& reg) override {
+  uint32_t busRead(HardwareRegister const& reg) {
     fail(reg, TransportOperation::Read);
     return 0x1234;
   }
-  void busWrite(HardwareRegister const& reg, uint32_t value) override {
+  void busWrite(HardwareRegister const& reg, uint32_t value) {
     lastWrite = value;
     fail(reg, TransportOperation::Write);
   }
