@@ -2,6 +2,8 @@
 
 #include "Trace.h"
 
+#include <string>
+
 namespace TarnRegFile {
 namespace {
 
@@ -17,6 +19,11 @@ BaseTransportMethodImpl::BaseTransportMethodImpl(
 }
 
 BaseTransportMethodImpl::~BaseTransportMethodImpl() = default;
+
+void BaseTransportMethodImpl::sizeNotSupported(char const* regName, TransportOperation op) {
+  throw TransportError(std::string("Register ") + regName + " size not supported!",
+                       TransportErrorKind::WidthUnsupported, regName, op);
+}
 
 void BaseTransportMethodImpl::regReadWithCallback(char const* regName, RegReadCallback const& cb) {
   // Nobody wants the value, so the register is not touched (reads may have side effects).

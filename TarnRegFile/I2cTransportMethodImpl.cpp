@@ -13,6 +13,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
@@ -32,26 +33,19 @@ constexpr uint32_t kWordAddressLimit = 0x100;
 uint8_t addressHigh(uint32_t address) { return static_cast<uint8_t>(address >> 8); }
 uint8_t addressLow(uint32_t address) { return static_cast<uint8_t>(address); }
 
-I2cTransportMethodImpl::FlavourEntry const& flavourEntry(I2cFlavour flavour) {
-  auto const& table = I2cTransportMethodImpl::flavourTable();
-  auto const it = table.find(flavour);
-  if (it == table.end())
-    throw std::out_of_range(fmt::format("Unknown I2C flavour {}", static_cast<unsigned>(flavour)));
-  return it->second;
-}
-
-// Built when the library is loaded; afterwards only read.
-[[maybe_unused]] I2cTransportMethodImpl::FlavourTable const& kFlavoursBuiltAtLoad =
-    I2cTransportMethodImpl::flavourTable();
-
-// Both SMBus rows of the transport table create this transport through the hook registered here.
-BaseTransportMethodImpl* createI2cTransport(char const* devNode, int devId, char const* csvPath, U8 i2cFlavour,
-                                            Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& model) {
-  return new I2cTransportMethodImpl(devNode, devId, csvPath, static_cast<I2cFlavour>(i2cFlavour), model);
+template <I2cFlavour flavour>
+BaseTransportMethodImpl* createI2cTransport(BaseTransportDescriptor const& descriptor,
+                                            TransportMethodRegFile const& regFile) {
+  auto const& i2c = transportDescriptorAs<I2cTransportDescriptor>(descriptor, "TarnRegFile::I2cTransportDescriptor");
+  return new I2cTransportMethodImpl(i2c.devNode().c_str(), static_cast<int>(i2c.devId()), regFile.csvPath().c_str(),
+                                    flavour, regFile.regFileModel());
 }
 
 [[maybe_unused]] bool const kRegistered = [] {
-  TransportMethod::i2cImplementationIs(createI2cTransport);
+  TransportMethod::transportFactoryIs(kI2cBlockTransportKey,
+                                      createI2cTransport<I2cFlavour::SmbusI2cBlockData>);
+  TransportMethod::transportFactoryIs(kI2cWordTransportKey,
+                                      createI2cTransport<I2cFlavour::SmbusWordData>);
   return true;
 }();
 
@@ -106,6 +100,11 @@ SmbusRequest blockReadRequest(uint32_t address) noexcept {
   return r;
 }
 
+// A failed ioctl: the errno is taken before anything else can change it.
+[[noreturn, gnu::cold]] void throwSystem(std::string const& text, HardwareRegister const& reg, TransportOperation op) {
+  throw TransportError(text, TransportErrorKind::System, reg.name.str(), op, errno);
+}
+
 // The ioctl for one request, EINTR and EAGAIN retried; the ioctl's result.
 int smbusTransfer(int fd, SmbusRequest& request) {
   i2c_smbus_ioctl_data args{};
@@ -119,12 +118,11 @@ int smbusTransfer(int fd, SmbusRequest& request) {
 }  // namespace
 
 uint32_t blockReadValue(i2c_smbus_data const& data, HardwareRegister const& reg) noexcept {
-  uint32_t received = uint32_t(data.block[1]) | uint32_t(data.block[2]) << 8 | uint32_t(data.block[3]) << 16 |
+  uint32_t const received = uint32_t(data.block[1]) | uint32_t(data.block[2]) << 8 | uint32_t(data.block[3]) << 16 |
                       uint32_t(data.block[4]) << 24;
-  // A narrower register keeps the bytes received first; they end up at the top.
-  unsigned const unused = (reg.accessWidth - reg.width) % 32u;
-  received = (received << unused) >> unused;
-  return __builtin_bswap32(received);
+  // A narrower register keeps the bytes received first (the core's width rule applied to
+  // the word as received); they end up at the top.
+  return __builtin_bswap32(keepRegisterBits(received, reg));
 }
 
 uint32_t readDataBlock(int fd, HardwareRegister const& reg) {
@@ -133,12 +131,12 @@ uint32_t readDataBlock(int fd, HardwareRegister const& reg) {
   Utils::UnixFlockRes const lock(fd, LOCK_EX);
   SmbusRequest pointer = blockPointerRequest(address);
   if (smbusTransfer(fd, pointer) < 0)
-    throw std::runtime_error(
-        fmt::format("Error writing address {:#x} on FD {}: {}", address, fd, Utils::errnoMsg()));
+    throwSystem(fmt::format("Error writing address {:#x} on FD {}: {}", address, fd, Utils::errnoMsg()), reg,
+                TransportOperation::Read);
   SmbusRequest read = blockReadRequest(address);
   if (smbusTransfer(fd, read) < 0)
-    throw std::runtime_error(
-        fmt::format("Error reading from address {:#x} on FD {}: {}", address, fd, Utils::errnoMsg()));
+    throwSystem(fmt::format("Error reading from address {:#x} on FD {}: {}", address, fd, Utils::errnoMsg()), reg,
+                TransportOperation::Read);
   return blockReadValue(read.data, reg);
 }
 
@@ -146,21 +144,27 @@ void writeDataBlock(int fd, HardwareRegister const& reg, uint32_t value) {
   Utils::UnixFlockRes const lock(fd, LOCK_EX);
   SmbusRequest write = blockWriteRequest(reg.address, value);
   if (smbusTransfer(fd, write) < 0)
-    throw std::runtime_error(fmt::format("Error writing value {:#x} to address {:#x} on FD {}: {}", value,
-                                         reg.address, fd, Utils::errnoMsg()));
+    throwSystem(fmt::format("Error writing value {:#x} to address {:#x} on FD {}: {}", value, reg.address, fd,
+                            Utils::errnoMsg()),
+                reg, TransportOperation::Write);
 }
 
 void dataWordAccess(int fd, uint32_t address, uint8_t readWrite, uint32_t size, i2c_smbus_data& data) {
+  TransportOperation const op = readWrite != 0 ? TransportOperation::Read : TransportOperation::Write;
   if (address >= kWordAddressLimit)
-    throw std::runtime_error(fmt::format("Register address {:#x} is out of range!", address));
+    throw TransportError(fmt::format("Register address {:#x} is out of range!", address),
+                         TransportErrorKind::OutOfRange, std::string(), op);
   i2c_smbus_ioctl_data args{};
   args.read_write = readWrite;
   args.command = static_cast<uint8_t>(address);
   args.size = size;
   args.data = &data;
-  if (Utils::syscallAutoRetry([fd, &args] { return ::ioctl(fd, I2C_SMBUS, &args); }, true, true) < 0)
-    throw std::runtime_error(fmt::format("I2C word {} from address {:#x} failed: {}",
-                                         readWrite != 0 ? "read" : "write", address, Utils::errnoMsg()));
+  if (Utils::syscallAutoRetry([fd, &args] { return ::ioctl(fd, I2C_SMBUS, &args); }, true, true) < 0) {
+    int const err = errno;
+    throw TransportError(
+        fmt::format("I2C word {} from address {:#x} failed: {}", operationText(op), address, Utils::errnoMsg()),
+        TransportErrorKind::System, std::string(), op, err);
+  }
 }
 
 uint32_t readDataWord(int fd, HardwareRegister const& reg) {
@@ -181,22 +185,23 @@ void writeDataWord(int fd, HardwareRegister const& reg, uint32_t value) {
 
 // ---------------------------------------------------------------- transport
 
-I2cTransportMethodImpl::FlavourTable const& I2cTransportMethodImpl::flavourTable() {
-  static FlavourTable const table{
-      {I2cFlavour::SmbusI2cBlockData, {kAddrBlockSize, i2cflavspec::writeDataBlock, i2cflavspec::readDataBlock}},
-      {I2cFlavour::SmbusWordData, {kAddrBlockSize, i2cflavspec::writeDataWord, i2cflavspec::readDataWord}},
-  };
-  return table;
+I2cBusOps const& i2cBusOps(I2cFlavour flavour) {
+  static constexpr I2cBusOps kBlock{kAddrBlockSize, i2cflavspec::writeDataBlock, i2cflavspec::readDataBlock};
+  static constexpr I2cBusOps kWord{kAddrBlockSize, i2cflavspec::writeDataWord, i2cflavspec::readDataWord};
+  switch (flavour) {
+    case I2cFlavour::SmbusI2cBlockData: return kBlock;
+    case I2cFlavour::SmbusWordData: return kWord;
+  }
+  throw std::out_of_range(fmt::format("Unknown I2C flavour {}", static_cast<unsigned>(flavour)));
 }
 
 I2cTransportMethodImpl::I2cTransportMethodImpl(
     char const* devNode, int devId, char const* csvPath, I2cFlavour flavour,
     Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& regFileModel)
     // The flavour is looked up first: an unknown one fails before the map is loaded or the node opened.
-    : BaseTransportMethodImpl(csvPath, flavourEntry(flavour).addrBlockSize, regFileModel),
+    : BusTransport(csvPath, i2cBusOps(flavour).addrBlockSize, regFileModel),
       i2cFd_(-1),
-      read_(flavourEntry(flavour).read),
-      write_(flavourEntry(flavour).write) {
+      ops_(i2cBusOps(flavour)) {
   char const* const node = devNode ? devNode : "";
   i2cFd_ = Utils::UnixFdRes(::open(node, O_RDWR | O_CLOEXEC));
   if (i2cFd_.fd() < 0)
@@ -212,18 +217,16 @@ I2cTransportMethodImpl::I2cTransportMethodImpl(
 
 I2cTransportMethodImpl::~I2cTransportMethodImpl() = default;
 
-uint32_t I2cTransportMethodImpl::regRead(char const* regName) {
-  HardwareRegister const& reg = regFileHelper()->findRegisterByName(regName);
+uint32_t I2cTransportMethodImpl::busRead(HardwareRegister const& reg) {
   int const i2cFd = i2cFd_.fd();
-  KIV_ASSERT(kTrace, i2cFd >= 0) << "I2C device of register " << regName << " is not open";
-  return read_(i2cFd, reg);
+  KIV_ASSERT(kTrace, i2cFd >= 0) << "I2C device of register " << reg.name << " is not open";
+  return ops_.read(i2cFd, reg);
 }
 
-void I2cTransportMethodImpl::regWrite(char const* regName, uint32_t value) {
-  HardwareRegister const& reg = regFileHelper()->findRegisterByName(regName);
+void I2cTransportMethodImpl::busWrite(HardwareRegister const& reg, uint32_t value) {
   int const i2cFd = i2cFd_.fd();
-  KIV_ASSERT(kTrace, i2cFd >= 0) << "I2C device of register " << regName << " is not open";
-  write_(i2cFd, reg, value);
+  KIV_ASSERT(kTrace, i2cFd >= 0) << "I2C device of register " << reg.name << " is not open";
+  ops_.write(i2cFd, reg, value);
 }
 
 }  // namespace TarnRegFile

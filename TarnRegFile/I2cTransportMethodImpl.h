@@ -1,6 +1,6 @@
 #pragma once
 /// @file I2cTransportMethodImpl.h
-/// @brief Register transport over a Linux I2C adapter node (i2c-dev), through SMBus ioctls.
+/// @brief Bus backend over a Linux I2C adapter node (i2c-dev), through SMBus ioctls.
 ///
 /// Two flavours move a register:
 ///  - block: one SMBus I2C block transfer carries a 16-bit register address (high
@@ -12,7 +12,9 @@
 ///  - word: one SMBus word transfer with an 8-bit register address and the low 16
 ///    bits of the value; no lock.
 ///
-/// Register numbers of the map are used as register addresses unchanged.
+/// Register numbers of the map are used as register addresses unchanged. A flavour is a
+/// small table of functions (I2cBusOps) chosen once, when the transport is built; the
+/// core resolves names and checks widths before either function is called.
 
 #include "Export.h"
 #include "HardwareRegisterFile.h"
@@ -25,8 +27,6 @@
 #include <linux/i2c.h>
 
 #include <cstdint>
-#include <functional>
-#include <unordered_map>
 
 namespace TarnRegFile {
 
@@ -37,7 +37,8 @@ enum class I2cFlavour : U8 {
 };
 
 /// @brief The flavour-specific register accesses, each on an open i2c-dev descriptor that
-/// has its peripheral address set. Failures throw std::runtime_error.
+/// has its peripheral address set. Failures throw TransportError: kind System with the
+/// errno of the failed ioctl, OutOfRange for a word address above 0xff.
 namespace i2cflavspec {
 
 using HardwareRegister = Hardware::TarnRegFile::HardwareRegister;
@@ -62,23 +63,20 @@ uint32_t blockReadValue(i2c_smbus_data const& data, HardwareRegister const& reg)
 
 }  // namespace i2cflavspec
 
+/// @brief What a flavour is: the address block size of its register map and its two accesses.
+struct I2cBusOps {
+  U8 addrBlockSize;
+  void (*write)(int fd, Hardware::TarnRegFile::HardwareRegister const& reg, uint32_t value);
+  uint32_t (*read)(int fd, Hardware::TarnRegFile::HardwareRegister const& reg);
+};
+
+/// @brief The functions of @p flavour.
+/// @throws std::out_of_range for a value that is no I2cFlavour.
+TARN_API I2cBusOps const& i2cBusOps(I2cFlavour flavour);
+
 /// @brief Reads and writes registers over an i2c-dev node in one of the I2cFlavour ways.
-class TARN_API I2cTransportMethodImpl : public BaseTransportMethodImpl {
+class TARN_API I2cTransportMethodImpl : public BusTransport<I2cTransportMethodImpl> {
 public:
-  using HardwareRegister = Hardware::TarnRegFile::HardwareRegister;
-  using ReadFn = std::function<uint32_t(int fd, HardwareRegister const& reg)>;
-  using WriteFn = std::function<void(int fd, HardwareRegister const& reg, uint32_t value)>;
-
-  /// @brief What a flavour needs: the address block size of its register map and its accesses.
-  struct FlavourEntry {
-    U8 addrBlockSize;
-    WriteFn write;
-    ReadFn read;
-  };
-  using FlavourTable = std::unordered_map<I2cFlavour, FlavourEntry>;
-
-  /// @brief The process-wide flavour table, built when the library is loaded.
-  static FlavourTable const& flavourTable();
 
   /// @brief Opens @p devNode and addresses the peripheral @p devId on it; registers come from
   /// the CSV map at @p csvPath, else from @p regFileModel.
@@ -91,18 +89,16 @@ public:
                          Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& regFileModel);
   ~I2cTransportMethodImpl() override;
 
-  /// @brief Reads the register called @p regName with the flavour's read.
-  uint32_t regRead(char const* regName) override;
-  /// @brief Writes the register called @p regName with the flavour's write.
-  void regWrite(char const* regName, uint32_t value) override;
-
   /// @brief The open device node's descriptor.
   int fd() const noexcept { return i2cFd_.fd(); }
 
+  /// @brief Address-level access of the core (the register is resolved and checked).
+  uint32_t busRead(HardwareRegister const& reg);
+  void busWrite(HardwareRegister const& reg, uint32_t value);
+
 private:
   Utils::UnixFdRes i2cFd_;
-  ReadFn read_;
-  WriteFn write_;
+  I2cBusOps const& ops_;
 };
 
 }  // namespace TarnRegFile

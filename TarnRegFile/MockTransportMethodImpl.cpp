@@ -2,6 +2,7 @@
 
 #include "Trace.h"
 
+#include "TarnRegFile/TransportMethod.h"
 #include "TarnRegFile/Utils.h"
 
 #include <fcntl.h>
@@ -25,17 +26,17 @@ constexpr U8 kAddrBlockSize = 4;
 // space skipped, trailing text ignored). The conversion is made 64 bits wide on
 // every architecture and then range-checked, so a value that does not fit in 32
 // bits (or a negative one) is refused the same way on i386 and amd64. Failures
-// carry the conversion's name, "stoul", as their text.
-uint32_t toU32(std::string const& text) {
+// carry the conversion's name, "stoul", as their text, and the file and line.
+uint32_t toU32(std::string const& text, std::string const& path, U32 line) {
   unsigned long long value;
   try {
     value = std::stoull(text, nullptr, 10);
   } catch (std::invalid_argument const&) {
-    throw std::invalid_argument("stoul");
+    throw DumpFileInvalid(path, line);
   } catch (std::out_of_range const&) {
-    throw std::out_of_range("stoul");
+    throw DumpFileOutOfRange(path, line);
   }
-  if (value > 0xFFFFFFFFull) throw std::out_of_range("stoul");
+  if (value > 0xFFFFFFFFull) throw DumpFileOutOfRange(path, line);
   return static_cast<uint32_t>(value);
 }
 
@@ -70,34 +71,45 @@ void appendDecimal(std::string& out, uint32_t value) {
   out.append(digits, r.ptr);
 }
 
+BaseTransportMethodImpl* createMockTransport(BaseTransportDescriptor const& descriptor,
+                                             TransportMethodRegFile const& regFile) {
+  auto const& mock =
+      transportDescriptorAs<MockTransportDescriptor>(descriptor, "TarnRegFile::MockTransportDescriptor");
+  return new MockTransportMethodImpl(regFile.csvPath().c_str(), regFile.regFileModel(), mock.dumpPath().str());
+}
+
+[[maybe_unused]] bool const kRegistered = [] {
+  TransportMethod::transportFactoryIs(kMockTransportKey, createMockTransport);
+  return true;
+}();
+
 }  // namespace
 
 MockTransportMethodImpl::MockTransportMethodImpl(
     char const* csvPath, Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& regFileModel,
     std::string dumpPath)
-    : BaseTransportMethodImpl(csvPath, kAddrBlockSize, regFileModel), dumpPath_(std::move(dumpPath)) {
+    : BusTransport(csvPath, kAddrBlockSize, regFileModel), dumpPath_(std::move(dumpPath)) {
   load();
 }
 
 MockTransportMethodImpl::~MockTransportMethodImpl() = default;
 
-uint32_t MockTransportMethodImpl::regRead(char const* regName) { return _regRWCommon(false, regName, 0); }
-
-void MockTransportMethodImpl::regWrite(char const* regName, uint32_t value) { _regRWCommon(true, regName, value); }
-
 uint32_t MockTransportMethodImpl::_regRWCommon(bool isWrite, char const* regName, uint32_t value) {
-  // An unknown name throws here, before anything is stored or written.
-  uint32_t const address = regFileHelper()->findRegisterByName(regName).address;
-  uint32_t result;
-  if (isWrite) {
-    values_[address] = value;
-    result = value;
-  } else {
-    // A register never written reads 0 and is listed in the dump from now on.
-    result = values_.try_emplace(address, 0).first->second;
-  }
+  if (!isWrite) return regRead(regName);
+  regWrite(regName, value);
+  return value;
+}
+
+uint32_t MockTransportMethodImpl::busRead(HardwareRegister const& reg) {
+  // A register never written reads 0 and is listed in the dump from now on.
+  uint32_t const result = values_.try_emplace(reg.address, 0).first->second;
   rewrite();
   return result;
+}
+
+void MockTransportMethodImpl::busWrite(HardwareRegister const& reg, uint32_t value) {
+  values_[reg.address] = value;
+  rewrite();
 }
 
 void MockTransportMethodImpl::load() {
@@ -118,19 +130,16 @@ void MockTransportMethodImpl::load() {
   }
 
   std::string_view rest(text);
-  bool header = true;
+  U32 lineNumber = 0;
   while (!rest.empty()) {
     size_t const eol = rest.find('\n');
     std::string_view const line = rest.substr(0, eol);
     rest.remove_prefix(eol == std::string_view::npos ? rest.size() : eol + 1);
-    if (header) {  // the first line is the header, whatever it says
-      header = false;
-      continue;
-    }
+    if (++lineNumber == 1) continue;  // the first line is the header, whatever it says
     size_t const comma = line.find(',');
     if (line.empty() || comma == std::string_view::npos) continue;
-    uint32_t const address = toU32(std::string(line.substr(0, comma)));
-    uint32_t const value = toU32(std::string(line.substr(comma + 1)));
+    uint32_t const address = toU32(std::string(line.substr(0, comma)), dumpPath_, lineNumber);
+    uint32_t const value = toU32(std::string(line.substr(comma + 1)), dumpPath_, lineNumber);
     values_.try_emplace(address, value);  // the first line of an address wins
   }
   kTrace.line(5, "Loaded {} values from {}", values_.size(), dumpPath_);

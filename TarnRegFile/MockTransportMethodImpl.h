@@ -1,6 +1,6 @@
 #pragma once
 /// @file MockTransportMethodImpl.h
-/// @brief The transport used without hardware: register values in memory, mirrored into a text file.
+/// @brief The bus backend used without hardware: register values in memory, mirrored into a text file.
 ///
 /// Values are kept per register address. After every access the whole set is
 /// written to the dump file ("Address, Value" header, then "<address>,<value>"
@@ -18,6 +18,7 @@
 #include "Types.h"
 
 #include "TarnRegFile/BaseTransportMethodImpl.h"
+#include "TarnRegFile/TransportDescriptor.h"
 
 #include <cstdint>
 #include <string>
@@ -25,32 +26,33 @@
 
 namespace TarnRegFile {
 
-class TARN_API MockTransportMethodImpl : public BaseTransportMethodImpl {
+class TARN_API MockTransportMethodImpl : public BusTransport<MockTransportMethodImpl> {
 public:
-  /// @brief The dump file every mock transport uses.
-  static constexpr char const* kDumpPath = "/tmp/MockTarnDebugReg.csv";
+  /// @brief The dump file of a mock descriptor that names none.
+  static constexpr char const* kDumpPath = MockTransportDescriptor::kDefaultDumpPath;
 
   /// @brief A mock over the CSV map at @p csvPath (else @p regFileModel), register numbers
   /// scaled by 4, starting from the values in @p dumpPath.
-  /// @throws the base's errors; std::invalid_argument / std::out_of_range "stoul" for a dump
-  ///         file line whose address or value is not a 32-bit decimal number.
+  /// @throws the base's errors; DumpFileInvalid / DumpFileOutOfRange (std::invalid_argument /
+  ///         std::out_of_range "stoul", with the file and line) for a dump file line whose
+  ///         address or value is not a 32-bit decimal number.
   MockTransportMethodImpl(char const* csvPath,
                           Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& regFileModel,
                           std::string dumpPath = kDumpPath);
   ~MockTransportMethodImpl() override;
 
-  /// @brief The stored value of the register (0 when never written, which then records it).
-  uint32_t regRead(char const* regName) override;
-  /// @brief Stores @p value for the register.
-  void regWrite(char const* regName, uint32_t value) override;
-
-  /// @brief The common access: resolves the name, reads or stores, rewrites the dump file.
+  /// @brief The common access through the core: reads (0 when never written, which then
+  /// records it) or stores, then rewrites the dump file.
   uint32_t _regRWCommon(bool isWrite, char const* regName, uint32_t value);
 
   /// @brief The dump file of this instance.
   std::string const& dumpPath() const noexcept { return dumpPath_; }
   /// @brief The simulated registers, by byte address.
   std::unordered_map<uint32_t, uint32_t> const& values() const noexcept { return values_; }
+
+  /// @brief Address-level access of the core (the register is resolved and checked).
+  uint32_t busRead(HardwareRegister const& reg);
+  void busWrite(HardwareRegister const& reg, uint32_t value);
 
 private:
   void load();

@@ -21,28 +21,26 @@ constexpr U8 kAddrBlockSize = 4;
 
 using HardwareRegister = Hardware::TarnRegFile::HardwareRegister;
 
-[[noreturn, gnu::cold, gnu::noinline]] void throwSizeNotSupported(char const* regName) {
-  throw std::runtime_error(std::string("Register ") + regName + " size not supported!");
+[[noreturn, gnu::cold, gnu::noinline]] void throwNoDevice(HardwareRegister const& reg, TransportOperation op) {
+  throw TransportError(fmt::format("No PCI device to access register '{}'", reg.name), TransportErrorKind::NoDevice,
+                       reg.name.str(), op);
 }
 
-[[noreturn, gnu::cold, gnu::noinline]] void throwNoDevice(char const* regName) {
-  throw std::runtime_error(fmt::format("No PCI device to access register '{}'", regName));
+// The access object refuses an offset outside its mapping or not 4-aligned with
+// std::out_of_range; for the transport that is a failed access like any other.
+[[noreturn, gnu::cold, gnu::noinline]] void throwOutside(std::out_of_range const& e, HardwareRegister const& reg,
+                                                         TransportOperation op) {
+  throw TransportError(e.what(), TransportErrorKind::OutOfRange, reg.name.str(), op);
 }
 
-// Keeps the low `width` bits of a value loaded with one access of `accessWidth` bits.
-inline uint32_t keepRegisterBits(uint32_t value, HardwareRegister const& reg) {
-  unsigned const unused = (reg.accessWidth - reg.width) % 32u;
-  return (value << unused) >> unused;
-}
-
-// The table's PCI row creates this transport through the hook registered here.
-BaseTransportMethodImpl* createPciTransport(Kiv::Ptr<Hardware::DovImpl> const& pciDov, char const* csvPath,
-                                            Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& model) {
-  return new PciTransportMethodImpl(pciDov, csvPath, model);
+BaseTransportMethodImpl* createPciTransport(BaseTransportDescriptor const& descriptor,
+                                            TransportMethodRegFile const& regFile) {
+  auto const& pci = transportDescriptorAs<PciTransportDescriptor>(descriptor, "TarnRegFile::PciTransportDescriptor");
+  return new PciTransportMethodImpl(pci.pciDov(), regFile.csvPath().c_str(), regFile.regFileModel());
 }
 
 [[maybe_unused]] bool const kRegistered = [] {
-  TransportMethod::pciImplementationIs(createPciTransport);
+  TransportMethod::transportFactoryIs(kPciTransportKey, createPciTransport);
   return true;
 }();
 
@@ -50,7 +48,7 @@ BaseTransportMethodImpl* createPciTransport(Kiv::Ptr<Hardware::DovImpl> const& p
 
 PciTransportMethodImpl::PciTransportMethodImpl(Kiv::Ptr<Hardware::DovImpl> const& dov, char const* csvPath,
                                                Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& model)
-    : BaseTransportMethodImpl(csvPath, kAddrBlockSize, model) {
+    : BusTransport(csvPath, kAddrBlockSize, model) {
   // Without an access object the transport still exists (its register map answers
   // name questions); accesses fail one by one.
   if (!dov) return;
@@ -71,38 +69,46 @@ PciTransportMethodImpl::~PciTransportMethodImpl() = default;
 
 bool PciTransportMethodImpl::hardwareReady() const noexcept { return pciDov_ && pciDov_->ready(); }
 
-uint32_t PciTransportMethodImpl::regRead(char const* regName) { return _regRWCommon(false, regName, 0xffffffff); }
-
-void PciTransportMethodImpl::regWrite(char const* regName, uint32_t value) { _regRWCommon(true, regName, value); }
-
-void PciTransportMethodImpl::deviceNotReady() {
-  kTrace.line(1, "Hardware not ready, {} SIGBUS", sigbusGuarded_ ? "throwing" : "raising");
-  if (sigbusGuarded_) throw Kiv::SigbusException();
-  // The access object's own bus-error handling decides what a gone device means.
-  // If the process lives on, the access is made anyway, as that handling expects.
-  std::raise(SIGBUS);
+uint32_t PciTransportMethodImpl::_regRWCommon(bool write, char const* regName, uint32_t value) {
+  if (!write) return regRead(regName);
+  regWrite(regName, value);
+  return value;
 }
 
-uint32_t PciTransportMethodImpl::_regRWCommon(bool write, char const* regName, uint32_t value) {
-  HardwareRegister const& reg = regFileHelper()->findRegisterByName(regName);
+Hardware::PciDovImpl& PciTransportMethodImpl::device(HardwareRegister const& reg, TransportOperation op) {
   Hardware::PciDovImpl* const dov = pciDov_.ptr();
   if (!dov) [[unlikely]]
-    throwNoDevice(regName);
-  if (!dov->ready()) [[unlikely]]
-    deviceNotReady();
-  if (reg.width > reg.accessWidth) [[unlikely]]
-    throwSizeNotSupported(regName);
+    throwNoDevice(reg, op);
+  if (!dov->ready()) [[unlikely]] {
+    kTrace.line(1, "Hardware not ready, {} SIGBUS", sigbusGuarded_ ? "throwing" : "raising");
+    if (sigbusGuarded_) throw Kiv::SigbusException();
+    // The access object's own bus-error handling decides what a gone device means.
+    // If the process lives on, the access is made anyway, as that handling expects.
+    std::raise(SIGBUS);
+  }
+  return *dov;
+}
 
-  if (write) {
+uint32_t PciTransportMethodImpl::busRead(HardwareRegister const& reg) {
+  Hardware::PciDovImpl& dov = device(reg, TransportOperation::Read);
+  try {
+    return sigbusGuarded_ ? dov.guardedRead32(reg.address) : dov.read32(reg.address);
+  } catch (std::out_of_range const& e) {
+    throwOutside(e, reg, TransportOperation::Read);
+  }
+}
+
+void PciTransportMethodImpl::busWrite(HardwareRegister const& reg, uint32_t value) {
+  Hardware::PciDovImpl& dov = device(reg, TransportOperation::Write);
+  try {
     // Stored whole: bits above the register's width go to the device as given.
     if (sigbusGuarded_)
-      dov->guardedWrite32(reg.address, value);
+      dov.guardedWrite32(reg.address, value);
     else
-      dov->write32(reg.address, value);
-    return value;
+      dov.write32(reg.address, value);
+  } catch (std::out_of_range const& e) {
+    throwOutside(e, reg, TransportOperation::Write);
   }
-  uint32_t const loaded = sigbusGuarded_ ? dov->guardedRead32(reg.address) : dov->read32(reg.address);
-  return keepRegisterBits(loaded, reg);
 }
 
 }  // namespace TarnRegFile

@@ -1,9 +1,12 @@
 #pragma once
 /// @file PciTransportMethodImpl.h
-/// @brief Register transport over a chip's memory-mapped PCI resource.
+/// @brief Bus backend over a chip's memory-mapped PCI resource.
 ///
 /// Register numbers of a CSV map are scaled by 4, so a register's address is its
-/// byte offset in the mapped region; every access is one 32-bit load or store.
+/// byte offset in the mapped region; every access is one 32-bit load or store, and
+/// the core keeps a read's low `width` bits. An address outside the mapping or not
+/// 4-aligned (a map that does not fit the BAR) fails the access with a
+/// TransportError of kind OutOfRange.
 ///
 /// Bus errors. A device that has dropped off the bus answers loads with SIGBUS.
 /// When the PCI access object does not deal with that itself, this transport
@@ -26,7 +29,8 @@
 
 namespace TarnRegFile {
 
-class TARN_API PciTransportMethodImpl : public BaseTransportMethodImpl {
+class TARN_API PciTransportMethodImpl
+    : public BusTransport<PciTransportMethodImpl, ReadBits::AccessWord> {
 public:
   /// @brief A transport over @p dov (may be null: the transport then has no device and every
   /// access fails) with the register map of @p csvPath, else of @p regFileModel.
@@ -39,16 +43,11 @@ public:
   /// @brief The PCI access object's ready flag (false when there is no access object).
   bool hardwareReady() const noexcept;
 
-  /// @brief The register's value, masked to its width.
-  uint32_t regRead(char const* regName) override;
-  /// @brief Stores @p value whole (not masked to the register's width).
-  void regWrite(char const* regName, uint32_t value) override;
-
-  /// @brief The common access: resolves the name, checks the device and the register's width,
-  /// then loads (returning the masked value) or stores @p value (returning it).
+  /// @brief The common access through the core: loads (returning the value cut to the
+  /// register's width) or stores @p value whole (returning it).
   /// @throws Kiv::SigbusException for a device that is not ready (guarded) or a bus error;
-  ///         std::runtime_error "Register <name> size not supported!", the register-file
-  ///         helper's error for an unknown name, and a runtime error when there is no device.
+  ///         TransportError for a register too wide (WidthUnsupported), outside the mapping
+  ///         (OutOfRange) or without a device (NoDevice); LookupError for an unknown name.
   uint32_t _regRWCommon(bool write, char const* regName, uint32_t value);
 
   /// @brief The PCI access object (null when none was given).
@@ -56,11 +55,15 @@ public:
   /// @brief True when this transport guards its accesses against bus errors itself.
   bool sigbusGuarded() const noexcept { return sigbusGuarded_; }
 
+  /// @brief Address-level access of the core (the register is resolved and checked).
+  uint32_t busRead(HardwareRegister const& reg);
+  void busWrite(HardwareRegister const& reg, uint32_t value);
+
 private:
-  void deviceNotReady();
+  Hardware::PciDovImpl& device(HardwareRegister const& reg, TransportOperation op);
 
   Kiv::Ptr<Hardware::PciDovImpl> pciDov_;
-  bool sigbusGuarded_ = false;
+  bool sigbusGuarded_ = false;  // fixed at construction: the guarded accessors when set
 };
 
 }  // namespace TarnRegFile

@@ -3,13 +3,16 @@
 #include "Assert.h"
 #include "Trace.h"
 
+#include "TarnRegFile/Errors.h"
 #include "TarnRegFile/Utils.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <stdexcept>
 
 namespace TarnRegFile {
@@ -110,31 +113,44 @@ Register::operator std::string() const {
 // ---------------------------------------------------------------- RegisterFile
 
 RegisterFile::RegisterFile(char const* csvPath, U8 addrBlockSize) {
-  if (csvPath == nullptr) throw std::runtime_error("Error opening CSV file (null)");
+  if (csvPath == nullptr) throw MapError("Error opening CSV file (null)", std::string(), 0, EINVAL);
   std::ifstream in(csvPath);
-  if (!in.is_open()) throw std::runtime_error(fmt::format("Error opening CSV file {}", csvPath));
+  if (!in.is_open()) throw MapError(fmt::format("Error opening CSV file {}", csvPath), csvPath, 0, errno);
+  // A directory opens as a stream and reads as nothing, so its "header" is wrong; the
+  // error also carries the reason, for a program to tell the user.
+  std::error_code statError;
+  if (std::filesystem::is_directory(csvPath, statError))
+    throw MapError("Encountered wrong CSV header!", csvPath, 1, EISDIR);
   std::error_code sizeUnknown;
   auto const bytes = std::filesystem::file_size(csvPath, sizeUnknown);  // a hint: no error if unknown
   if (!sizeUnknown) reserveFor(static_cast<std::intmax_t>(std::min<std::uintmax_t>(bytes, kMaxSizeHintBytes)));
-  _construct(in, addrBlockSize);
+  _construct(in, addrBlockSize, csvPath);
 }
 
-RegisterFile::RegisterFile(std::istream& in, U8 addrBlockSize) { _construct(in, addrBlockSize); }
+RegisterFile::RegisterFile(std::istream& in, U8 addrBlockSize) { _construct(in, addrBlockSize, std::string()); }
 
-void RegisterFile::_construct(std::istream& in, U8 addrBlockSize) {
+void RegisterFile::_construct(std::istream& in, U8 addrBlockSize, std::string const& path) {
   std::string buffer;
   std::string_view line;
   if (!Utils::getline_lea(in, buffer, line) || line != kCsvHeader)
-    throw std::runtime_error("Encountered wrong CSV header!");
+    throw MapError("Encountered wrong CSV header!", path, 1);
   // String streams (and small files) tell how many characters are left without
   // being read or moved; other streams report nothing and the maps grow as they go.
   if (in.rdbuf() != nullptr) reserveFor(in.rdbuf()->in_avail());
+  U32 lineNumber = 1;
   while (Utils::getline_lea(in, buffer, line)) {
-    Register reg(line, addrBlockSize);
-    U32 const address = reg.number;
+    ++lineNumber;
+    std::optional<Register> reg;
+    try {
+      reg.emplace(line, addrBlockSize);
+    } catch (std::runtime_error const& e) {
+      // The record parser says what is wrong; only the loader knows where.
+      throw MapError(e.what(), path, lineNumber);
+    }
+    U32 const address = reg->number;
     // The key is copied from reg.name before the record is moved into the node
     // (pair members are built in order); a duplicate name keeps the first record.
-    auto const named = registersByName_.try_emplace(reg.name, std::move(reg)).first;
+    auto const named = registersByName_.try_emplace(reg->name, std::move(*reg)).first;
     // Every line claims its address, also one whose name was a duplicate.
     namesByAddress_.try_emplace(address, named->first);
   }
@@ -153,14 +169,14 @@ void RegisterFile::reserveFor(std::intmax_t bytes) {
 
 // A null name is a name that no map has (the empty name may well exist: a blank line).
 Register const& RegisterFile::findRegisterByName(char const* name) const {
-  if (name == nullptr) throw std::runtime_error("RegisterFile does not have register '(null)'!");
+  if (name == nullptr) throw LookupError::noRegister("(null)");
   return findRegisterByName(std::string_view(name));
 }
 
 Register const& RegisterFile::findRegisterByName(std::string_view name) const {
   auto const it = registersByName_.find(name);
   if (it == registersByName_.end())
-    throw std::runtime_error(fmt::format("RegisterFile does not have register '{}'!", name));
+    throw LookupError::noRegister(std::string(name));
   return it->second;
 }
 
@@ -173,7 +189,7 @@ bool RegisterFile::hasRegName(std::string_view name) const { return registersByN
 std::string RegisterFile::findRegNameByAddr(U32 address) const {
   auto const it = namesByAddress_.find(address);
   if (it == namesByAddress_.end())
-    throw std::runtime_error(fmt::format("RegisterFile does not have address: {}!", address));
+    throw LookupError::noAddress(address);
   return it->second;
 }
 

@@ -73,20 +73,23 @@ public:
   using RegistersByName = std::unordered_map<std::string, Register, NameHash, std::equal_to<>>;
   using NamesByAddress = std::unordered_map<U32, std::string>;
 
-  /// @brief Loads the CSV file at @p csvPath; throws std::runtime_error "Error opening CSV file <path>" if it cannot be opened.
+  /// @brief Loads the CSV file at @p csvPath.
+  /// @throws MapError "Error opening CSV file <path>" (line 0, with the errno),
+  ///         "Encountered wrong CSV header!" (line 1; errno EISDIR for a directory) and the
+  ///         record parser's errors with the line that caused them; the path is @p csvPath.
   RegisterFile(char const* csvPath, U8 addrBlockSize);
-  /// @brief Loads from an open stream (which is left open).
+  /// @brief Loads from an open stream (which is left open); a MapError has an empty path.
   RegisterFile(std::istream& in, U8 addrBlockSize);
 
-  /// @brief The register called @p name; throws std::runtime_error if there is none.
+  /// @brief The register called @p name; throws LookupError if there is none.
   Register const& findRegisterByName(char const* name) const;
-  /// @brief The register called @p name; throws std::runtime_error if there is none.
+  /// @brief The register called @p name; throws LookupError if there is none.
   Register const& findRegisterByName(std::string_view name) const;
   /// @brief Whether a register called @p name exists.
   bool hasRegName(char const* name) const;
   /// @brief Whether a register called @p name exists.
   bool hasRegName(std::string_view name) const;
-  /// @brief The name at byte address @p address; throws std::runtime_error if there is none.
+  /// @brief The name at byte address @p address; throws LookupError if there is none.
   std::string findRegNameByAddr(U32 address) const;
 
   /// @brief Number of registers reachable by name.
@@ -97,7 +100,7 @@ public:
   NamesByAddress const& namesByAddress() const noexcept { return namesByAddress_; }
 
 private:
-  void _construct(std::istream& in, U8 addrBlockSize);
+  void _construct(std::istream& in, U8 addrBlockSize, std::string const& path);
   void reserveFor(std::intmax_t bytes);
 
   RegistersByName registersByName_;

@@ -2,6 +2,7 @@
 
 #include "Trace.h"
 
+#include "TarnRegFile/Errors.h"
 #include "TarnRegFile/RegisterFile.h"
 
 #include <fmt/format.h>
@@ -36,11 +37,11 @@ HardwareRegisterType hardwareTypeOf(RegisterType type) noexcept {
 }
 
 [[noreturn]] void throwNoRegister(std::string_view regName) {
-  throw std::runtime_error(fmt::format("RegisterFile does not have register '{}'!", regName));
+  throw LookupError::noRegister(std::string(regName));
 }
 
 [[noreturn]] void throwNoAddress(U32 addr) {
-  throw std::runtime_error(fmt::format("RegisterFile does not have address: {}!", addr));
+  throw LookupError::noAddress(addr);
 }
 
 }  // namespace

@@ -90,12 +90,12 @@ public:
   void handleDeletion();
 
   /// @brief The register called @p regName.
-  /// @throws std::runtime_error "RegisterFile does not have register '<name>'!"
+  /// @throws LookupError "RegisterFile does not have register '<name>'!"
   HardwareRegister const& findRegisterByName(Kiv::String const& regName) const;
   /// @brief The register called @p regName (no allocation when a CSV map answers).
   HardwareRegister const& findRegisterByName(char const* regName) const;
   /// @brief The name of the register at byte address @p addr.
-  /// @throws std::runtime_error "RegisterFile does not have address: <decimal>!"
+  /// @throws LookupError "RegisterFile does not have address: <decimal>!"
   Kiv::String findRegNameByAddr(U32 addr) const;
   /// @brief Whether a register called @p regName exists.
   bool hasRegName(Kiv::String const& regName) const;

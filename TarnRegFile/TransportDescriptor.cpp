@@ -81,17 +81,18 @@ Kiv::Ptr<I2cTransportDescriptor> i2cTransportDescriptorFactory(TransportFlavour 
 
 // ---------------------------------------------------------------- mock
 
-MockTransportDescriptor::MockTransportDescriptor()
-    : BaseTransportDescriptor(TransportType::mock, TransportProtocol::mockProtocol, TransportFlavour::mockFlavour) {}
+MockTransportDescriptor::MockTransportDescriptor(Kiv::String const& dumpPath)
+    : BaseTransportDescriptor(TransportType::mock, TransportProtocol::mockProtocol, TransportFlavour::mockFlavour),
+      dumpPath_(dumpPath) {}
 
 MockTransportDescriptor::~MockTransportDescriptor() = default;
 
-Kiv::Ptr<MockTransportDescriptor> MockTransportDescriptor::MockTransportDescriptorIs() {
-  return Kiv::create<MockTransportDescriptor>();
+Kiv::Ptr<MockTransportDescriptor> MockTransportDescriptor::MockTransportDescriptorIs(Kiv::String const& dumpPath) {
+  return Kiv::create<MockTransportDescriptor>(dumpPath);
 }
 
-Kiv::Ptr<MockTransportDescriptor> mockTransportDescriptorFactory() {
-  return MockTransportDescriptor::MockTransportDescriptorIs();
+Kiv::Ptr<MockTransportDescriptor> mockTransportDescriptorFactory(Kiv::String const& dumpPath) {
+  return MockTransportDescriptor::MockTransportDescriptorIs(dumpPath);
 }
 
 // ---------------------------------------------------------------- generic interface
@@ -188,9 +189,12 @@ bool const kRegistered = [] {
 
   auto& mock = registry.typeIs("TarnRegFile::MockTransportDescriptor");
   registerTripleReaders(mock);
+  mock.attributes["dumpPath"] = reader<MockTransportDescriptor>([](auto& d) { return d.dumpPath().str(); });
+  // () for the default dump file, or (path).
   mock.constructor = [](std::vector<std::string> const& args) -> Kiv::Ptr<Kiv::PtrInterface> {
-    expectArgs(args, 0);
-    return mockTransportDescriptorFactory();
+    if (args.empty()) return mockTransportDescriptorFactory();
+    expectArgs(args, 1);
+    return mockTransportDescriptorFactory(Kiv::fromText<Kiv::String>(args[0]));
   };
   return true;
 }();

@@ -136,16 +136,26 @@ private:
   U32 devId_;
 };
 
-/// @brief No hardware: ("mock", "mockProtocol", "mockFlavour").
+/// @brief No hardware: ("mock", "mockProtocol", "mockFlavour"), with the file the mock mirrors
+/// its registers into.
 class TARN_API MockTransportDescriptor : public BaseTransportDescriptor {
 public:
-  MockTransportDescriptor();
+  /// @brief The dump file when none is named.
+  static constexpr char const* kDefaultDumpPath = "/tmp/MockTarnDebugReg.csv";
+
+  explicit MockTransportDescriptor(Kiv::String const& dumpPath = kDefaultDumpPath);
   ~MockTransportDescriptor() override;
 
   /// @brief Allocates a descriptor with notifications active.
-  static Kiv::Ptr<MockTransportDescriptor> MockTransportDescriptorIs();
+  static Kiv::Ptr<MockTransportDescriptor> MockTransportDescriptorIs(Kiv::String const& dumpPath = kDefaultDumpPath);
+
+  /// @brief The file the mock loads its values from and rewrites after every access.
+  Kiv::String const& dumpPath() const noexcept { return dumpPath_; }
 
   char const* fwkType() const override { return "TarnRegFile::MockTransportDescriptor"; }
+
+private:
+  Kiv::String dumpPath_;
 };
 
 /// @brief Free factory of PciTransportDescriptor.
@@ -165,6 +175,7 @@ TARN_API Kiv::Ptr<I2cTransportDescriptor> i2cTransportDescriptorFactory(Transpor
                                                                         Kiv::String const& devNode, U32 devId);
 
 /// @brief Free factory of MockTransportDescriptor.
-TARN_API Kiv::Ptr<MockTransportDescriptor> mockTransportDescriptorFactory();
+TARN_API Kiv::Ptr<MockTransportDescriptor> mockTransportDescriptorFactory(
+    Kiv::String const& dumpPath = MockTransportDescriptor::kDefaultDumpPath);
 
 }  // namespace TarnRegFile

@@ -7,13 +7,12 @@
 #include "SigbusGuard.h"
 #include "Trace.h"
 
-#include "TarnRegFile/MockTransportMethodImpl.h"
-
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <ostream>
 #include <stdexcept>
+#include <unordered_map>
 
 namespace TarnRegFile {
 namespace {
@@ -25,95 +24,21 @@ using HardwareRegisterFile = Hardware::TarnRegFile::HardwareRegisterFile;
 constexpr uint32_t kFailedRead = 0xFFFFFFFF;
 constexpr char const* kNoImplementation = "TransportMethod implementation does not exist";
 
-// Constructor hooks of implementations in other units. Constant-initialised, so
-// a unit may register its hook from its own load-time initialiser whatever the
-// order in which units are initialised.
-constinit TransportMethod::PciImplementationFn gPciImplementation = nullptr;
-constinit TransportMethod::I2cImplementationFn gI2cImplementation = nullptr;
-constinit TransportMethod::I2cVormImplementationFn gI2cVormImplementation = nullptr;
+using Registry = std::unordered_map<TransportKey, TransportMethod::TransportFactory, TransportKeyHash>;
 
-constexpr TransportKey kPciKey{TransportType::pci, TransportProtocol::DirectAccess, TransportFlavour::PciDov};
-constexpr TransportKey kI2cVormKey{TransportType::i2c, TransportProtocol::I2cVorm, TransportFlavour::I2cSmbusVorm};
-constexpr TransportKey kI2cBlockKey{TransportType::i2c, TransportProtocol::I2cSmbusIoctl,
-                                    TransportFlavour::I2cSmbusDataBlock};
-constexpr TransportKey kI2cWordKey{TransportType::i2c, TransportProtocol::I2cSmbusIoctl,
-                                   TransportFlavour::I2cSmbusDataWord};
-constexpr TransportKey kMockKey{TransportType::mock, TransportProtocol::mockProtocol, TransportFlavour::mockFlavour};
-
-// The i2c-dev implementation's own flavour numbers.
-constexpr U8 kI2cFlavourBlockData = 1;
-constexpr U8 kI2cFlavourWordData = 2;
-
-std::string keyText(TransportKey const& key) {
-  return fmt::format("{}/{}/{}", key.type, key.protocol, key.flavour);
-}
-
-// The descriptor of a row must be of the row's class. Building a base descriptor
-// with a row's triple is a caller's mistake, reported like every transport error.
-template <class D>
-D const& descriptorAs(Kiv::Ptr<BaseTransportDescriptor> const& descriptor, TransportKey const& key,
-                      char const* expected) {
-  auto const* concrete = dynamic_cast<D const*>(descriptor.ptr());
-  if (!concrete)
-    throw std::runtime_error(fmt::format("descriptor of transport '{}' is a {}, not a {}", keyText(key),
-                                         descriptor->fwkType(), expected));
-  return *concrete;
-}
-
-template <class Fn>
-Fn hookOf(Fn fn, TransportKey const& key) {
-  if (!fn)
-    throw std::runtime_error(
-        fmt::format("transport implementation '{}' is not available in this build", keyText(key)));
-  return fn;
-}
-
-BaseTransportMethodImpl* createPci(Kiv::Ptr<BaseTransportDescriptor> const& descriptor, Kiv::String const& csvPath,
-                                   Kiv::Ptr<HardwareRegisterFile> const& regFileModel) {
-  auto const& pci = descriptorAs<PciTransportDescriptor>(descriptor, kPciKey, "TarnRegFile::PciTransportDescriptor");
-  return hookOf(gPciImplementation, kPciKey)(pci.pciDov(), csvPath.c_str(), regFileModel);
-}
-
-BaseTransportMethodImpl* createI2cVorm(Kiv::Ptr<BaseTransportDescriptor> const& descriptor,
-                                       Kiv::String const& csvPath,
-                                       Kiv::Ptr<HardwareRegisterFile> const& regFileModel) {
-  auto const& vorm =
-      descriptorAs<I2cVormTransportDescriptor>(descriptor, kI2cVormKey, "TarnRegFile::I2cVormTransportDescriptor");
-  return hookOf(gI2cVormImplementation, kI2cVormKey)(vorm, csvPath.c_str(), regFileModel);
-}
-
-BaseTransportMethodImpl* createI2c(TransportKey const& key, U8 i2cFlavour,
-                                   Kiv::Ptr<BaseTransportDescriptor> const& descriptor, Kiv::String const& csvPath,
-                                   Kiv::Ptr<HardwareRegisterFile> const& regFileModel) {
-  auto const& i2c = descriptorAs<I2cTransportDescriptor>(descriptor, key, "TarnRegFile::I2cTransportDescriptor");
-  return hookOf(gI2cImplementation, key)(i2c.devNode().c_str(), static_cast<int>(i2c.devId()), csvPath.c_str(),
-                                         i2cFlavour, regFileModel);
-}
-
-BaseTransportMethodImpl* createMock(Kiv::Ptr<BaseTransportDescriptor> const&, Kiv::String const& csvPath,
-                                    Kiv::Ptr<HardwareRegisterFile> const& regFileModel) {
-  return new MockTransportMethodImpl(csvPath.c_str(), regFileModel);
-}
-
-TransportMethod::ImplementationTable const& table() {
-  static TransportMethod::ImplementationTable const t{
-      {kPciKey, createPci},
-      {kI2cVormKey, createI2cVorm},
-      {kI2cBlockKey,
-       [](auto const& d, auto const& csv, auto const& model) {
-         return createI2c(kI2cBlockKey, kI2cFlavourBlockData, d, csv, model);
-       }},
-      {kI2cWordKey,
-       [](auto const& d, auto const& csv, auto const& model) {
-         return createI2c(kI2cWordKey, kI2cFlavourWordData, d, csv, model);
-       }},
-      {kMockKey, createMock},
+// The process-wide registry. Built on first use, so that a backend may register its
+// rows from its own load-time initialiser whatever the order in which units are
+// initialised; only read once the library is loaded. The asynchronous I2C row
+// exists without a factory until that backend registers one.
+Registry& registry() {
+  static Registry r{
+      {kPciTransportKey, nullptr},      {kI2cVormTransportKey, nullptr}, {kI2cBlockTransportKey, nullptr},
+      {kI2cWordTransportKey, nullptr}, {kMockTransportKey, nullptr},
   };
-  return t;
+  return r;
 }
 
-// Builds the table when the library is loaded; afterwards it is only read.
-[[maybe_unused]] TransportMethod::ImplementationTable const& kTableBuiltAtLoad = table();
+[[maybe_unused]] Registry const& kRegistryBuiltAtLoad = registry();
 
 }  // namespace
 
@@ -161,6 +86,17 @@ void TransportMethodError::errorIs(bool error) {
   notify<Notifiee>([](Notifiee& n) { n.onError(); });
 }
 
+void TransportMethodError::lastFailureIs(std::string_view regName, TransportOperation operation,
+                                         TransportErrorKind kind, int errnum, std::string_view reason) {
+  // Assigned in place, so the strings reuse what they hold: a transport that keeps
+  // failing allocates nothing more per failure.
+  lastFailure_.regName.assign(regName);
+  lastFailure_.operation = operation;
+  lastFailure_.kind = kind;
+  lastFailure_.errnum = errnum;
+  lastFailure_.reason.assign(reason);
+}
+
 void TransportMethodError::errorSignal() {
   error_ = true;
   notify<Notifiee>([](Notifiee& n) { n.onError(); });
@@ -176,21 +112,28 @@ size_t TransportKeyHash::operator()(TransportKey const& k) const noexcept {
       .result();
 }
 
-// ---------------------------------------------------------------- TransportMethod: table
+// ---------------------------------------------------------------- registry
 
-TransportMethod::ImplementationTable const& TransportMethod::implementationTable() { return table(); }
-
-TransportMethod::PciImplementationFn TransportMethod::pciImplementationIs(PciImplementationFn fn) noexcept {
-  return std::exchange(gPciImplementation, fn);
+std::string transportKeyText(TransportKey const& key) {
+  return fmt::format("{}/{}/{}", key.type, key.protocol, key.flavour);
 }
 
-TransportMethod::I2cImplementationFn TransportMethod::i2cImplementationIs(I2cImplementationFn fn) noexcept {
-  return std::exchange(gI2cImplementation, fn);
+void throwDescriptorMismatch(BaseTransportDescriptor const& descriptor, char const* expected) {
+  TransportKey const key{descriptor.type(), descriptor.protocol(), descriptor.flavour()};
+  throw std::runtime_error(fmt::format("descriptor of transport '{}' is a {}, not a {}", transportKeyText(key),
+                                       descriptor.fwkType(), expected));
 }
 
-TransportMethod::I2cVormImplementationFn TransportMethod::i2cVormImplementationIs(
-    I2cVormImplementationFn fn) noexcept {
-  return std::exchange(gI2cVormImplementation, fn);
+TransportMethod::TransportFactory TransportMethod::transportFactoryIs(TransportKey const& key,
+                                                                      TransportFactory factory) {
+  return std::exchange(registry()[key], factory);
+}
+
+TransportMethod::TransportFactory TransportMethod::transportFactory(TransportKey const& key) {
+  auto const& rows = registry();
+  auto const row = rows.find(key);
+  if (row == rows.end()) throw std::runtime_error(fmt::format("Unknown transport type '{}'", key.type));
+  return row->second;
 }
 
 // ---------------------------------------------------------------- TransportMethod: creation
@@ -259,13 +202,16 @@ void TransportMethod::fullInit(Kiv::Ptr<BaseTransportDescriptor> const& descript
   descriptorIs(descriptor);
   if (!descriptor) throw std::runtime_error("TransportDescriptor is null!");
 
-  auto const& rows = table();
-  auto const row = rows.find(TransportKey{descriptor->type(), descriptor->protocol(), descriptor->flavour()});
-  if (row == rows.end()) throw std::runtime_error(fmt::format("Unknown transport type '{}'", descriptor->type()));
+  TransportKey const key{descriptor->type(), descriptor->protocol(), descriptor->flavour()};
+  TransportFactory const factory = transportFactory(key);
+  if (!factory)
+    throw std::runtime_error(
+        fmt::format("transport implementation '{}' is not available in this build", transportKeyText(key)));
 
   // The CSV map wins: the model is deliberately not handed on when both are given.
-  BaseTransportMethodImpl* const created = csvPath_.empty() ? row->second(descriptor, Kiv::String(), regFileModel_)
-                                                            : row->second(descriptor, csvPath_, nullptr);
+  BaseTransportMethodImpl* const created =
+      factory(*descriptor, csvPath_.empty() ? TransportMethodRegFile(Kiv::String(), regFileModel_)
+                                            : TransportMethodRegFile(csvPath_, nullptr));
   implPtrIs(created);
   if (!created) throw std::runtime_error("TransportMethod implementation init failed");
   errorNotifierIs(name());
@@ -309,56 +255,67 @@ bool TransportMethod::hasRegName(Kiv::String const& regName) const {
 
 // ---------------------------------------------------------------- TransportMethod: access
 
+// Returns true when the access succeeded. On failure the last failure is recorded
+// (and, unless it is a callback form, traced) before the caller reports it.
 template <class Access>
-void TransportMethod::tryPerformIO(Kiv::String const& regName, Access&& access) {
+bool TransportMethod::tryPerformIO(Kiv::String const& regName, TransportOperation op, bool traced,
+                                   Access&& access) {
   BaseTransportMethodImpl& implementation = impl();
   try {
     access(implementation);
-    return;
-  } catch (Kiv::SigbusException const&) {
-    kTrace.lineIn(0, "tryPerformIO", "Got SIGBUS when performing operation on register '{}'", regName);
+    return true;
+  } catch (Kiv::SigbusException const& e) {
+    if (traced) kTrace.lineIn(0, "tryPerformIO", "Got SIGBUS when performing operation on register '{}'", regName);
+    failed(regName, op, TransportErrorKind::BusError, 0, e.what());
+  } catch (TransportError const& e) {
+    if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName, e.what());
+    failed(regName, op, e.kind(), e.errnum(), e.what());
+  } catch (LookupError const& e) {
+    if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName, e.what());
+    failed(regName, op, TransportErrorKind::UnknownRegister, 0, e.what());
   } catch (std::runtime_error const& e) {
-    kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName, e.what());
+    if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName, e.what());
+    failed(regName, op, TransportErrorKind::Other, 0, e.what());
   }
-  // Outside the handlers: observers of the notifier run no code inside a catch block.
-  handleExceptionGeneric();
+  return false;
 }
 
-template <class Access, class Fail>
-void TransportMethod::tryWithCallback(Access&& access, Fail&& fail) {
-  BaseTransportMethodImpl& implementation = impl();
-  try {
-    access(implementation);
-    return;
-  } catch (std::runtime_error const&) {
-    // Kiv::SigbusException is a std::runtime_error: both end here, without a trace line.
-  }
-  fail();
-  handleExceptionGeneric();
+void TransportMethod::failed(Kiv::String const& regName, TransportOperation op, TransportErrorKind kind, int errnum,
+                             char const* reason) {
+  if (!errorNotifier_) return;
+  errorNotifier_->lastFailureIs(regName.view(), op, kind, errnum, reason);
 }
 
 uint32_t TransportMethod::regRead(Kiv::String const& regName) {
   uint32_t result = kFailedRead;
-  tryPerformIO(regName, [&](BaseTransportMethodImpl& i) { result = i.regRead(regName.c_str()); });
+  // Outside the handlers: observers of the notifier run no code inside a catch block.
+  if (!tryPerformIO(regName, TransportOperation::Read, true,
+                    [&](BaseTransportMethodImpl& i) { result = i.regRead(regName.c_str()); }))
+    handleExceptionGeneric();
   return result;
 }
 
 void TransportMethod::regWrite(Kiv::String const& regName, uint32_t value) {
-  tryPerformIO(regName, [&](BaseTransportMethodImpl& i) { i.regWrite(regName.c_str(), value); });
+  if (!tryPerformIO(regName, TransportOperation::Write, true,
+                    [&](BaseTransportMethodImpl& i) { i.regWrite(regName.c_str(), value); }))
+    handleExceptionGeneric();
 }
 
+// The callback forms write no trace line of their own: the callback is the report.
 void TransportMethod::regReadWithCallback(Kiv::String const& regName, RegReadCallback const& cb) {
-  tryWithCallback([&](BaseTransportMethodImpl& i) { i.regReadWithCallback(regName.c_str(), cb); },
-                  [&] {
-                    if (cb) cb(regName.c_str(), RegCallbackStatusFailure, kFailedRead);
-                  });
+  if (tryPerformIO(regName, TransportOperation::Read, false,
+                   [&](BaseTransportMethodImpl& i) { i.regReadWithCallback(regName.c_str(), cb); }))
+    return;
+  if (cb) cb(regName.c_str(), RegCallbackStatusFailure, kFailedRead);
+  handleExceptionGeneric();
 }
 
 void TransportMethod::regWriteWithCallback(Kiv::String const& regName, uint32_t value, RegWriteCallback const& cb) {
-  tryWithCallback([&](BaseTransportMethodImpl& i) { i.regWriteWithCallback(regName.c_str(), value, cb); },
-                  [&] {
-                    if (cb) cb(regName.c_str(), RegCallbackStatusFailure);
-                  });
+  if (tryPerformIO(regName, TransportOperation::Write, false,
+                   [&](BaseTransportMethodImpl& i) { i.regWriteWithCallback(regName.c_str(), value, cb); }))
+    return;
+  if (cb) cb(regName.c_str(), RegCallbackStatusFailure);
+  handleExceptionGeneric();
 }
 
 void TransportMethod::handleExceptionGeneric() {

@@ -3,11 +3,12 @@
 /// @brief The entity through which a chip's registers are read and written by name.
 ///
 /// A `TransportMethod` is configured with a transport descriptor and a register-map
-/// source, builds the matching implementation from the process-wide implementation
-/// table and forwards accesses to it. It is the place where I/O failures stop: a
+/// source, builds the matching implementation through the process-wide transport
+/// registry and forwards accesses to it. It is the place where I/O failures stop: a
 /// bus error or a driver's runtime error becomes a failure result (0xFFFFFFFF for
-/// reads, status 2 for callbacks), a trace line and a signal on the error
-/// notifier that the owning agent watches.
+/// reads, status 2 for callbacks), a trace line, the error notifier's last failure
+/// (register, operation, kind, errno, reason) and a signal on that notifier, which
+/// the owning agent watches.
 
 #include "Export.h"
 #include "HardwareRegisterFile.h"
@@ -17,6 +18,7 @@
 #include "Types.h"
 
 #include "TarnRegFile/BaseTransportMethodImpl.h"
+#include "TarnRegFile/Errors.h"
 #include "TarnRegFile/RegisterFileHelper.h"
 #include "TarnRegFile/TransportDescriptor.h"
 #include "TarnRegFile/TransportDescriptorEnum.h"
@@ -25,7 +27,7 @@
 #include <functional>
 #include <iosfwd>
 #include <string>
-#include <unordered_map>
+#include <string_view>
 #include <vector>
 
 namespace TarnRegFile {
@@ -87,18 +89,24 @@ public:
   void errorIs(bool error);
   /// @brief Sets `error` to true and notifies every time: each failure is a signal of its own.
   void errorSignal();
+  /// @brief The last failed access (empty register name before the first failure).
+  TransportFailure const& lastFailure() const noexcept { return lastFailure_; }
+  /// @brief Records the last failure (no notification: errorSignal() follows).
+  void lastFailureIs(std::string_view regName, TransportOperation operation, TransportErrorKind kind, int errnum,
+                     std::string_view reason);
 
   char const* fwkType() const override { return "TarnRegFile::TransportMethodError"; }
 
 private:
   Kiv::String chipName_;
   bool error_ = false;
+  TransportFailure lastFailure_;
 };
 
 /// @brief Free factory of TransportMethodError.
 TARN_API Kiv::Ptr<TransportMethodError> transportMethodErrorFactory(Kiv::String const& chipName);
 
-/// @brief Key of the implementation table.
+/// @brief Key of the transport registry: the descriptor's triple.
 struct TARN_API TransportKey {
   TransportType type;
   TransportProtocol protocol;
@@ -110,6 +118,33 @@ struct TARN_API TransportKey {
 struct TARN_API TransportKeyHash {
   size_t operator()(TransportKey const& k) const noexcept;
 };
+
+/// @brief The rows of the transport registry.
+inline constexpr TransportKey kPciTransportKey{TransportType::pci, TransportProtocol::DirectAccess,
+                                               TransportFlavour::PciDov};
+inline constexpr TransportKey kI2cVormTransportKey{TransportType::i2c, TransportProtocol::I2cVorm,
+                                                   TransportFlavour::I2cSmbusVorm};
+inline constexpr TransportKey kI2cBlockTransportKey{TransportType::i2c, TransportProtocol::I2cSmbusIoctl,
+                                                    TransportFlavour::I2cSmbusDataBlock};
+inline constexpr TransportKey kI2cWordTransportKey{TransportType::i2c, TransportProtocol::I2cSmbusIoctl,
+                                                   TransportFlavour::I2cSmbusDataWord};
+inline constexpr TransportKey kMockTransportKey{TransportType::mock, TransportProtocol::mockProtocol,
+                                                TransportFlavour::mockFlavour};
+
+/// @brief "<type>/<protocol>/<flavour>", as transport errors name a row.
+TARN_API std::string transportKeyText(TransportKey const& key);
+
+[[noreturn]] TARN_API void throwDescriptorMismatch(BaseTransportDescriptor const& descriptor, char const* expected);
+
+/// @brief The descriptor of a registry row as its concrete class @p D (fwkType @p expected).
+/// A base descriptor built with a row's triple is a caller's mistake, reported like every
+/// transport error: std::runtime_error "descriptor of transport '<key>' is a <class>, not a <expected>".
+template <class D>
+D const& transportDescriptorAs(BaseTransportDescriptor const& descriptor, char const* expected) {
+  auto const* concrete = dynamic_cast<D const*>(&descriptor);
+  if (!concrete) throwDescriptorMismatch(descriptor, expected);
+  return *concrete;
+}
 
 /// @brief Reads and writes one chip's registers by name through a transport implementation.
 class TARN_API TransportMethod : public Kiv::Entity {
@@ -124,44 +159,23 @@ public:
     virtual void onDescriptor() {}
   };
 
-  // ------------------------------------------------------------ implementation table
+  // ------------------------------------------------------------ transport registry
 
-  /// @brief Creates an implementation: (descriptor, CSV path, model) -> new implementation.
-  using CreateFn = std::function<BaseTransportMethodImpl*(Kiv::Ptr<BaseTransportDescriptor> const& descriptor,
-                                                           Kiv::String const& csvPath,
-                                                           Kiv::Ptr<HardwareRegisterFile> const& regFileModel)>;
-  using ImplementationTable = std::unordered_map<TransportKey, CreateFn, TransportKeyHash>;
+  /// @brief Builds the implementation of a registry row from the descriptor (of the row's
+  /// class) and the register-map source (a CSV path, or else a model: the CSV map wins and
+  /// the model is then not handed on).
+  using TransportFactory = BaseTransportMethodImpl* (*)(BaseTransportDescriptor const& descriptor,
+                                                        TransportMethodRegFile const& regFile);
 
-  /// @brief The process-wide table, built when the library is loaded.
-  static ImplementationTable const& implementationTable();
-
-  /// @brief Constructor hooks of the implementations that live in other units. Each unit
-  /// registers its hook from a load-time initialiser; the table's rows down-cast the
-  /// descriptor and call the hook with these arguments. A row whose hook is not
-  /// registered throws std::runtime_error "transport implementation '<type>/<protocol>/<flavour>'
-  /// is not available in this build".
-  ///
-  /// `new PciTransportMethodImpl(pciDov, csvPath, regFileModel)`
-  using PciImplementationFn = BaseTransportMethodImpl* (*)(Kiv::Ptr<Hardware::DovImpl> const& pciDov,
-                                                           char const* csvPath,
-                                                           Kiv::Ptr<HardwareRegisterFile> const& regFileModel);
-  /// `new I2cTransportMethodImpl(devNode, devId, csvPath, I2cFlavour(i2cFlavour), regFileModel)`;
-  /// @p i2cFlavour is 1 (SMBus I2C block data) or 2 (SMBus word data).
-  using I2cImplementationFn = BaseTransportMethodImpl* (*)(char const* devNode, int devId, char const* csvPath,
-                                                           U8 i2cFlavour,
-                                                           Kiv::Ptr<HardwareRegisterFile> const& regFileModel);
-  /// `new I2cTransportVormImpl(descriptor.vorm(), descriptor.devId(), csvPath, regFileModel)`;
-  /// the descriptor is passed whole because the manager's type is not known here.
-  using I2cVormImplementationFn = BaseTransportMethodImpl* (*)(I2cVormTransportDescriptor const& descriptor,
-                                                               char const* csvPath,
-                                                               Kiv::Ptr<HardwareRegisterFile> const& regFileModel);
-
-  /// @brief Registers the PCI hook; returns the previous one (null when none).
-  static PciImplementationFn pciImplementationIs(PciImplementationFn fn) noexcept;
-  /// @brief Registers the i2c-dev hook (both SMBus flavours); returns the previous one.
-  static I2cImplementationFn i2cImplementationIs(I2cImplementationFn fn) noexcept;
-  /// @brief Registers the asynchronous I2C hook; returns the previous one.
-  static I2cVormImplementationFn i2cVormImplementationIs(I2cVormImplementationFn fn) noexcept;
+  /// @brief Sets the factory of the row @p key (adding the row if need be); returns the
+  /// previous one. Each backend registers its rows from a load-time initialiser. The rows of
+  /// the five triples exist from the start; one without a factory fails with
+  /// std::runtime_error "transport implementation '<type>/<protocol>/<flavour>' is not
+  /// available in this build".
+  static TransportFactory transportFactoryIs(TransportKey const& key, TransportFactory factory);
+  /// @brief The factory of the row @p key; null when the row has none.
+  /// @throws std::runtime_error "Unknown transport type '<type>'" when there is no such row.
+  static TransportFactory transportFactory(TransportKey const& key);
 
   // ------------------------------------------------------------ creation
 
@@ -198,8 +212,9 @@ public:
 
   /// @brief Builds the implementation for @p descriptor over the map of @p regFile.
   /// @throws std::runtime_error "CSV and KIV Ptr cannot be both empty.", "TransportDescriptor is null!",
-  ///         "Unknown transport type '<type>'", "TransportMethod implementation init failed" and
-  ///         the implementation's construction errors.
+  ///         "Unknown transport type '<type>'", "transport implementation '<key>' is not
+  ///         available in this build", "TransportMethod implementation init failed" and the
+  ///         implementation's construction errors (MapError for the register map).
   void fullInit(Kiv::Ptr<BaseTransportDescriptor> const& descriptor, TransportMethodRegFile const& regFile);
   /// @brief fullInit() over a CSV map.
   void init(Kiv::Ptr<BaseTransportDescriptor> const& descriptor, Kiv::String const& csvPath);
@@ -234,9 +249,9 @@ public:
 private:
   BaseTransportMethodImpl& impl() const;
   template <class Access>
-  void tryPerformIO(Kiv::String const& regName, Access&& access);
-  template <class Access, class Fail>
-  void tryWithCallback(Access&& access, Fail&& fail);
+  bool tryPerformIO(Kiv::String const& regName, TransportOperation op, bool traced, Access&& access);
+  void failed(Kiv::String const& regName, TransportOperation op, TransportErrorKind kind, int errnum,
+              char const* reason);
 
   Kiv::Ptr<TransportMethodError> errorNotifier_;
   Kiv::String csvPath_;

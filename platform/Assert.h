@@ -8,7 +8,13 @@
 /// condition text, the message, the source unit (the trace handle's name) and
 /// the function's full signature are printed to stderr, followed by the recent
 /// lines of the trace ring buffer, and the process aborts (SIGABRT).
-/// The macro is the one place where a macro is needed: only the preprocessor
+/// The unconditional form is for places that must never be reached (a case a
+/// caller's mistake made possible, a table found inconsistent). It prints the
+/// same report with a text saying what went wrong in place of the condition:
+///
+///     KIV_FATAL(kTrace, "tableConsistent") << fwkType() << " " << name() << ": " << operation;
+///
+/// The macros are the one place where a macro is needed: only the preprocessor
 /// can turn the condition into text and name the enclosing function.
 
 #include "Export.h"
@@ -47,3 +53,7 @@ private:
   if (__builtin_expect(static_cast<bool>(condition), 1)) { \
   } else                                                   \
     ::Kiv::FatalAssertion((traceHandle), #condition, __PRETTY_FUNCTION__, __FILE__, __LINE__)
+
+/// Never returns: the report is printed and the process aborts at the end of the statement.
+#define KIV_FATAL(traceHandle, what) \
+  ::Kiv::FatalAssertion((traceHandle), (what), __PRETTY_FUNCTION__, __FILE__, __LINE__)

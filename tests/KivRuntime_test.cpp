@@ -284,11 +284,16 @@ TEST(KivTrace, CapturesSeeEnabledLevelsAndTheRingKeepsLevelZero) {
 }
 
 void failingCheck(Kiv::String const& who, U32 n) { KIV_ASSERT(kTrace, n < 3) << "too many for " << who << ": " << n; }
+int unreachable(int n) { KIV_FATAL(kTrace, "tableConsistent") << "row " << n << " lost"; }
 
 TEST(KivAssertDeathTest, PrintsConditionMessageUnitAndSignature) {
   EXPECT_DEATH(failingCheck("chipA", 5),
                "condition: n < 3\n  message:   too many for chipA: 5\n  unit:      Test/KivRuntime\n"
                "  function:  void \\{anonymous\\}::failingCheck\\(const Kiv::String&, U32\\)");
+  // The unconditional form prints the same report with its text in the condition's place.
+  EXPECT_DEATH(unreachable(4),
+               "condition: tableConsistent\n  message:   row 4 lost\n  unit:      Test/KivRuntime\n"
+               "  function:  int \\{anonymous\\}::unreachable\\(int\\)\n.*last [0-9]+ trace lines:");
 }
 
 class Picky : public Kiv::Entity {

@@ -19,6 +19,7 @@
 
 namespace {
 
+using TarnRegFile::DumpFileError;
 using TarnRegFile::MockTransportMethodImpl;
 using TarnRegFile::RegCallbackStatus;
 using Lines = std::set<std::string>;
@@ -115,7 +116,11 @@ TEST_F(MockTransport, CorruptDumpLineStopsConstruction) {
       ADD_FAILURE() << "constructed";
     } catch (std::logic_error const& e) {
       EXPECT_STREQ(e.what(), "stoul");
-      EXPECT_TRUE(typeid(e) == (outOfRange ? typeid(std::out_of_range) : typeid(std::invalid_argument)));
+      EXPECT_EQ(dynamic_cast<std::out_of_range const*>(&e) != nullptr, outOfRange);
+      auto const* dumpError = dynamic_cast<DumpFileError const*>(&e);
+      ASSERT_NE(dumpError, nullptr);
+      EXPECT_EQ(dumpError->path(), dump);
+      EXPECT_EQ(dumpError->line(), 2u);
     }
   }
 }

@@ -183,7 +183,7 @@ TEST_F(PciTransport, BusErrorsBecomeFailedAccessesAndTheProcessLivesOn) {
   auto tm = TransportMethod::TransportMethodIs("pcichip");
   tm->init(PciTransportDescriptor::PciTransportDescriptorIs(dov(false)), Kiv::String(csv_));
   auto* pci = dynamic_cast<PciTransportMethodImpl*>(tm->implPtr());
-  ASSERT_NE(nullptr, pci) << "the table's PCI row builds the PCI transport";
+  ASSERT_NE(nullptr, pci) << "the registry's PCI row builds the PCI transport";
   ASSERT_TRUE(pci->sigbusGuarded());
   EXPECT_EQ(Kiv::String("far"), tm->regAddrToName(kFarOffset));
   ErrorCounter counter;
@@ -207,6 +207,29 @@ TEST_F(PciTransport, BusErrorsBecomeFailedAccessesAndTheProcessLivesOn) {
   EXPECT_TRUE(tm->errorNotifier()->error());
 }
 
+TEST_F(PciTransport, MapBeyondTheBarOrMisalignedFailsAsAnAccess) {
+  auto model = HardwareRegisterFile::HardwareRegisterFileIs("beyond");
+  model->registerIs({"outside", HardwareRegisterType::sts, false, kOutsideOffset, 32, 32});
+  model->registerIs({"odd", HardwareRegisterType::sts, false, 0x6, 32, 32});
+  auto tm = TransportMethod::TransportMethodIs("pcichip");
+  tm->fullInit(PciTransportDescriptor::PciTransportDescriptorIs(dov()), TransportMethodRegFile("", model));
+  ErrorCounter counter;
+  counter.notifierIs(tm->errorNotifier());
+  Kiv::TraceCapture cap("TarnRegFile/TransportMethod");
+  for (auto op : {TransportOperation::Read, TransportOperation::Write}) {
+    for (char const* name : {"outside", "odd"}) {
+      if (op == TransportOperation::Read) EXPECT_EQ(0xFFFFFFFFu, tm->regRead(name));
+      else tm->regWrite(name, 1);
+      auto const& last = tm->errorNotifier()->lastFailure();
+      EXPECT_EQ(last.regName, name);
+      EXPECT_EQ(last.operation, op);
+      EXPECT_EQ(last.kind, TransportErrorKind::OutOfRange);
+    }
+  }
+  EXPECT_EQ(4, counter.signals);
+  EXPECT_EQ(4u, cap.count("TransportMethod error on register"));
+}
+
 TEST_F(PciTransport, AccessObjectOfAnotherKindOrNoneAtAll) {
   struct OtherDov : Hardware::DovImpl {};
   Kiv::Ptr<Hardware::DovImpl> other(new OtherDov);
@@ -227,6 +250,7 @@ TEST_F(PciTransport, AccessObjectOfAnotherKindOrNoneAtAll) {
   tm->regWrite("id", 1);
   EXPECT_EQ(2, counter.signals);
   EXPECT_TRUE(cap.contains("TransportMethod error on register 'id': No PCI device to access register 'id'", 0));
+  EXPECT_EQ(tm->errorNotifier()->lastFailure().kind, TransportErrorKind::NoDevice);
 }
 
 }  // namespace

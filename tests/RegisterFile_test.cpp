@@ -1,3 +1,4 @@
+#include "TarnRegFile/Errors.h"
 #include "TarnRegFile/RegisterFile.h"
 
 #include "Trace.h"
@@ -5,13 +6,18 @@
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
+#include <sys/stat.h>
+
+#include <cerrno>
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
+using TarnRegFile::MapError;
 using TarnRegFile::Register;
 using TarnRegFile::RegisterFile;
 using TarnRegFile::RegisterType;
@@ -19,6 +25,17 @@ using TarnRegFile::RegisterType;
 namespace {
 
 constexpr char kHeader[] = "number,name,type,writeable,width\n";
+
+// The MapError that @p fn throws (its text in what).
+template <class Fn>
+MapError mapErrorOf(Fn&& fn) {
+  try {
+    fn();
+  } catch (MapError const& e) {
+    return e;
+  }
+  return MapError("<no exception>", "", 0);
+}
 
 // The exact what() of the std::runtime_error that @p fn throws, or a marker when it does not throw.
 template <class Fn>
@@ -167,7 +184,10 @@ TEST(RegisterFileLoad, ABadLineAbandonsTheWholeLoad) {
                                {"2,b,cfg,true,wide", "Invalid width token"},
                                {"2,b,cfg,true,64", "Unsupported register width"}}) {
     std::string const csv = std::string(kHeader) + "1,a,cfg,true,32\n" + line + "\n3,c,cfg,true,32\n";
-    EXPECT_EQ(runtimeErrorOf([&] { load(csv); }), message) << line;
+    MapError const e = mapErrorOf([&] { load(csv); });
+    EXPECT_STREQ(e.what(), message) << line;
+    EXPECT_EQ(e.line(), 3u);
+    EXPECT_EQ(e.path(), "");
   }
 }
 
@@ -207,9 +227,24 @@ TEST(RegisterFilePath, LoadsLargeFilesAndNamesMissingOnes) {
     EXPECT_EQ(file.findRegNameByAddr(i * 4), "reg_" + std::to_string(i));
     EXPECT_EQ(file.findRegisterByName(("reg_" + std::to_string(i)).c_str()).width, 16u);
   }
-  EXPECT_EQ(runtimeErrorOf([&] { RegisterFile((dir + "/absent.csv").c_str(), 4); }),
-            "Error opening CSV file " + dir + "/absent.csv");
-  EXPECT_EQ(runtimeErrorOf([&] { RegisterFile(dir.c_str(), 4); }), "Encountered wrong CSV header!");
+  std::string const absent = dir + "/absent.csv";
+  MapError const missing = mapErrorOf([&] { RegisterFile(absent.c_str(), 4); });
+  EXPECT_EQ(missing.what(), "Error opening CSV file " + absent);
+  EXPECT_EQ(missing.path(), absent);
+  EXPECT_EQ(missing.line(), 0u);
+  EXPECT_EQ(missing.errnum(), ENOENT);
+  MapError const directory = mapErrorOf([&] { RegisterFile(dir.c_str(), 4); });
+  EXPECT_STREQ(directory.what(), "Encountered wrong CSV header!");
+  EXPECT_EQ(directory.errnum(), EISDIR);
+  // Through a pipe, which cannot be read twice: the loader itself knows the line.
+  std::string const fifo = dir + "/map.fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  std::thread writer([&] { std::ofstream(fifo) << kHeader << "0,a,cfg,true,8\n1,b,cfg,true,x8\n"; });
+  MapError const piped = mapErrorOf([&] { RegisterFile(fifo.c_str(), 4); });
+  writer.join();
+  EXPECT_STREQ(piped.what(), "Invalid width token");
+  EXPECT_EQ(piped.path(), fifo);
+  EXPECT_EQ(piped.line(), 3u);
   std::filesystem::remove_all(dir);
 }
 

@@ -172,9 +172,17 @@ TEST_F(Tarnreg, UnknownRegistersMapsAndDevicesAreOneLineAndCreateNothing) {
     writeFile(bad, text);
     expectFailure(runTool({"--map", bad, "list"}), 1, "map " + bad + ", " + expected);
   }
+  // Through a pipe, which cannot be read a second time: the loader's own line number.
+  std::string const fifo = dir_ + "/map.fifo";
+  ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+  pid_t const pid = spawn({"--map", fifo, "list"});
+  writeFile(fifo, "number,name,type,writeable,width\n0,a,cfg,true,8\n1,b,cfg,true,x8\n");
+  int wstatus = 0;
+  ASSERT_GT(::waitpid(pid, &wstatus, 0), 0);
+  expectFailure(outcome(wstatus), 1, "map " + fifo + ", line 3: Invalid width token");
   expectFailure(runTool({"--map", dir_ + "/absent.csv", "list"}), 1,
                 "cannot open map " + dir_ + "/absent.csv: No such file or directory");
-  expectFailure(runTool({"--map", dir_, "list"}), 1, "it is a directory");
+  expectFailure(runTool({"--map", dir_, "list"}), 1, "cannot open map " + dir_ + ": Is a directory");
 
   std::string const node = dir_ + "/i2c-404";
   expectFailure(runTool({"--map", map_, "--i2c", node, "--addr", "0x50", "read", "scratch"}), 1,

@@ -102,7 +102,11 @@ TEST(TransportDescriptor, GenericConstructionAndAttributeReads) {
   auto const pci = build("TarnRegFile::PciTransportDescriptor", {"None"});
   ASSERT_TRUE(pci);
   EXPECT_EQ(registry.attribute(*pci, "pciDov"), "None");
-  EXPECT_TRUE(build("TarnRegFile::MockTransportDescriptor", {}));
+  auto const mock = build("TarnRegFile::MockTransportDescriptor", {});
+  ASSERT_TRUE(mock);
+  EXPECT_EQ(registry.attribute(*mock, "dumpPath"), "/tmp/MockTarnDebugReg.csv");
+  EXPECT_EQ(registry.attribute(*build("TarnRegFile::MockTransportDescriptor", {"/tmp/chip0.csv"}), "dumpPath"),
+            "/tmp/chip0.csv");
 
   std::pair<char const*, std::vector<std::string>> const refused[] = {
       {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0"}},

@@ -1,5 +1,6 @@
-// The transport entity: configuration from the implementation table, the name service,
-// and the failure path that turns I/O errors into results, traces and notifications.
+// The transport entity: configuration through the transport registry, the name service,
+// and the failure path that turns I/O errors into results, traces, the last failure and
+// notifications.
 #include "KivGeneric.h"
 #include "SigbusGuard.h"
 #include "Trace.h"
@@ -9,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -47,29 +49,32 @@ Kiv::Ptr<HardwareRegisterFile> smallModel() {
   return model;
 }
 
-// An implementation over a one-register model whose accesses fail on demand.
-class FakeImpl : public BaseTransportMethodImpl {
+// A bus backend over a one-register model whose accesses fail on demand.
+class FakeImpl : public BusTransport<FakeImpl> {
 public:
-  enum class Fail { none, runtime, sigbus, other };
-  explicit FakeImpl(int* destroyed = nullptr) : BaseTransportMethodImpl(nullptr, 4, smallModel()), destroyed_(destroyed) {}
+  enum class Fail { none, runtime, system, sigbus, other };
+  explicit FakeImpl(int* destroyed = nullptr) : BusTransport(nullptr, 4, smallModel()), destroyed_(destroyed) {}
   ~FakeImpl() override {
     if (destroyed_) ++*destroyed_;
-  }
-  uint32_t regRead(char const* regName) override {
-    fail(regName);
-    return 0x1234;
-  }
-  void regWrite(char const* regName, uint32_t value) override {
-    lastWrite = value;
-    fail(regName);
   }
 
   Fail mode = Fail::none;
   uint32_t lastWrite = 0;
 
+  uint32_t busRead(HardwareRegister const& reg) {
+    fail(reg, TransportOperation::Read);
+    return 0x1234;
+  }
+  void busWrite(HardwareRegister const& reg, uint32_t value) {
+    lastWrite = value;
+    fail(reg, TransportOperation::Write);
+  }
+
 private:
-  void fail(char const* regName) const {
-    if (mode == Fail::runtime) throw std::runtime_error(std::string("bus timeout on ") + regName);
+  void fail(HardwareRegister const& reg, TransportOperation op) const {
+    std::string const text = "bus timeout on " + reg.name.str();
+    if (mode == Fail::runtime) throw std::runtime_error(text);
+    if (mode == Fail::system) throw TransportError(text, TransportErrorKind::System, reg.name.str(), op, EIO);
     if (mode == Fail::sigbus) throw Kiv::SigbusException();
     if (mode == Fail::other) throw std::logic_error("not an I/O failure");
   }
@@ -115,6 +120,10 @@ TEST(TransportMethod, FullInitWithMockDescriptorBuildsTheMockAndAFreshNotifier) 
   auto* mock = dynamic_cast<MockTransportMethodImpl*>(tm->implPtr());
   ASSERT_NE(mock, nullptr);
   EXPECT_EQ(mock->dumpPath(), "/tmp/MockTarnDebugReg.csv");
+  // The descriptor names the dump file.
+  auto other = transportMethodFactory("chip1");
+  other->init(mockTransportDescriptorFactory("/nonexistent-dir/dump.csv"), kDemoCsv);
+  EXPECT_EQ(dynamic_cast<MockTransportMethodImpl&>(*other->implPtr()).dumpPath(), "/nonexistent-dir/dump.csv");
   ASSERT_TRUE(tm->errorNotifier());
   EXPECT_EQ(tm->errorNotifier()->chipName(), "chip0");
   EXPECT_FALSE(tm->errorNotifier()->error());
@@ -126,6 +135,7 @@ TEST(TransportMethod, FullInitWithMockDescriptorBuildsTheMockAndAFreshNotifier) 
       "TransportMethod error on register 'no_such_register': RegisterFile does not have register 'no_such_register'!",
       0));
   EXPECT_TRUE(tm->errorNotifier()->error());
+  EXPECT_EQ(tm->errorNotifier()->lastFailure().kind, TransportErrorKind::UnknownRegister);
 
   auto const first = tm->errorNotifier();
   tm->init(descriptor, kDemoCsv);
@@ -169,28 +179,26 @@ TEST(TransportMethod, NothingWorksBeforeAnImplementationExists) {
   EXPECT_FALSE(called);
 }
 
-// ---------------------------------------------------------------- the implementation table
+// ---------------------------------------------------------------- the transport registry
 
-// The asynchronous I2C row has no implementation in this library (its hook is the
-// agent's), so this test installs one that records what the row hands on.
+// The asynchronous I2C row has no backend in this library, so these tests register a
+// factory there that records what the row hands on.
 void const* gHookDescriptor = nullptr;
-std::string gHookCsvPath;
-bool gHookModel = false;
+TransportMethodRegFile gHookRegFile;
 bool gHookReturnsNull = false;
 
-BaseTransportMethodImpl* recordingVorm(I2cVormTransportDescriptor const& d, char const* csv,
-                                       Kiv::Ptr<HardwareRegisterFile> const& model) {
+BaseTransportMethodImpl* recordingVorm(BaseTransportDescriptor const& d, TransportMethodRegFile const& regFile) {
   gHookDescriptor = &d;
-  gHookCsvPath = csv;
-  gHookModel = static_cast<bool>(model);
+  gHookRegFile = regFile;
   return gHookReturnsNull ? nullptr : new FakeImpl;
 }
 
-// Installs a hook of the asynchronous I2C row for the scope.
+// Registers a factory for the asynchronous I2C row for the scope.
 struct VormHook {
-  explicit VormHook(TransportMethod::I2cVormImplementationFn fn) : previous(TransportMethod::i2cVormImplementationIs(fn)) {}
-  ~VormHook() { TransportMethod::i2cVormImplementationIs(previous); }
-  TransportMethod::I2cVormImplementationFn previous;
+  explicit VormHook(TransportMethod::TransportFactory fn)
+      : previous(TransportMethod::transportFactoryIs(kI2cVormTransportKey, fn)) {}
+  ~VormHook() { TransportMethod::transportFactoryIs(kI2cVormTransportKey, previous); }
+  TransportMethod::TransportFactory previous;
 };
 
 TEST(TransportMethodTable, RowHandsItsDescriptorAndTheCsvPathOrElseTheModel) {
@@ -200,11 +208,10 @@ TEST(TransportMethodTable, RowHandsItsDescriptorAndTheCsvPathOrElseTheModel) {
   // Both sources given: the CSV path goes on, the model does not.
   tm->fullInit(vorm, TransportMethodRegFile(kDemoCsv, smallModel()));
   EXPECT_EQ(gHookDescriptor, vorm.ptr());
-  EXPECT_EQ(gHookCsvPath, kDemoCsv);
-  EXPECT_FALSE(gHookModel);
-  tm->fullInit(vorm, TransportMethodRegFile("", smallModel()));
-  EXPECT_EQ(gHookCsvPath, "");
-  EXPECT_TRUE(gHookModel);
+  EXPECT_EQ(gHookRegFile, TransportMethodRegFile(kDemoCsv));
+  auto const model = smallModel();
+  tm->fullInit(vorm, TransportMethodRegFile("", model));
+  EXPECT_EQ(gHookRegFile, TransportMethodRegFile("", model));
 }
 
 TEST(TransportMethodTable, MissingHookWrongDescriptorClassAndNullResultAreErrors) {
@@ -252,17 +259,33 @@ TEST(TransportMethod, SuccessfulAccessesPassValuesThroughAlsoByName) {
   EXPECT_EQ(rig.watcher.calls, 0);
 }
 
-TEST(TransportMethod, IoFailureBecomesAllOnesItsTraceAndANotificationEveryTime) {
-  for (auto [mode, line] : {std::pair{FakeImpl::Fail::runtime, "TransportMethod error on register 'ctrl': bus timeout on ctrl"},
-                            std::pair{FakeImpl::Fail::sigbus, "Got SIGBUS when performing operation on register 'ctrl'"}}) {
-    Rig rig(mode);
+TEST(TransportMethod, IoFailureBecomesAllOnesItsTraceTheLastFailureAndANotificationEveryTime) {
+  struct Case {
+    FakeImpl::Fail mode;
+    char const* line;
+    TransportErrorKind kind;
+    int errnum;
+  };
+  for (auto const& c : {Case{FakeImpl::Fail::runtime, "TransportMethod error on register 'ctrl': bus timeout on ctrl",
+                             TransportErrorKind::Other, 0},
+                        Case{FakeImpl::Fail::system, "TransportMethod error on register 'ctrl': bus timeout on ctrl",
+                             TransportErrorKind::System, EIO},
+                        Case{FakeImpl::Fail::sigbus, "Got SIGBUS when performing operation on register 'ctrl'",
+                             TransportErrorKind::BusError, 0}}) {
+    Rig rig(c.mode);
     Kiv::TraceCapture cap("TarnRegFile/TransportMethod");
     EXPECT_EQ(rig.tm->regRead("ctrl"), 0xFFFFFFFFu);
+    auto const& last = rig.tm->errorNotifier()->lastFailure();
+    EXPECT_EQ(last.operation, TransportOperation::Read);
     rig.tm->regWrite("ctrl", 1);  // already latched: still a notification
-    std::string const failed = std::string("0 tryPerformIO: ") + line;
+    std::string const failed = std::string("0 tryPerformIO: ") + c.line;
     EXPECT_EQ(traced(cap), (Lines{failed, kNotified, failed, kNotified}));
     EXPECT_EQ(rig.watcher.calls, 2);
     EXPECT_TRUE(rig.tm->errorNotifier()->error());
+    EXPECT_EQ(last.regName, "ctrl");
+    EXPECT_EQ(last.operation, TransportOperation::Write);
+    EXPECT_EQ(last.kind, c.kind);
+    EXPECT_EQ(last.errnum, c.errnum);
   }
 }
 
@@ -274,7 +297,7 @@ TEST(TransportMethod, OtherExceptionsPropagateWithoutNotification) {
   EXPECT_EQ(rig.watcher.calls, 0);
 }
 
-TEST(TransportMethod, FailedCallbackAccessCallsBackOnceWithStatusTwoAndNoTrace) {
+TEST(TransportMethod, FailedCallbackAccessCallsBackOnceWithStatusTwoAndNoTraceEvenWithoutCallback) {
   for (auto mode : {FakeImpl::Fail::runtime, FakeImpl::Fail::sigbus}) {
     Rig rig(mode);
     Kiv::TraceCapture cap("TarnRegFile/TransportMethod");
@@ -284,14 +307,12 @@ TEST(TransportMethod, FailedCallbackAccessCallsBackOnceWithStatusTwoAndNoTrace) 
     EXPECT_EQ(calls, (Lines{"ctrl:2", "ctrl:2:4294967295"}));
     EXPECT_EQ(rig.watcher.calls, 2);
     EXPECT_EQ(traced(cap), (Lines{kNotified, kNotified}));
+    EXPECT_EQ(rig.tm->errorNotifier()->lastFailure().operation, TransportOperation::Read);
+    // Without a callback the write is still made, and still signalled.
+    rig.tm->regWriteWithCallback("ctrl", 4, nullptr);
+    EXPECT_EQ(rig.fake->lastWrite, 4u);
+    EXPECT_EQ(rig.watcher.calls, 3);
   }
-}
-
-TEST(TransportMethod, EmptyCallbacksStillRaiseTheNotification) {
-  Rig rig(FakeImpl::Fail::runtime);
-  rig.tm->regWriteWithCallback("ctrl", 9, nullptr);
-  EXPECT_EQ(rig.fake->lastWrite, 9u);  // the write form writes without a callback
-  EXPECT_EQ(rig.watcher.calls, 1);
 }
 
 TEST(TransportMethod, NotifierMayBeAbsentOrDroppedByItsObserver) {

@@ -242,7 +242,7 @@ std::string const& usageText() {
     tarnreg --map chip.csv lookup 0x8
     tarnreg shadow show TarnRegFile/shadowFieldsStatus/chip0
 )",
-      TarnRegFile::MockTransportMethodImpl::kDumpPath, Kiv::Shm::Root::kDefaultDir);
+      TarnRegFile::MockTransportDescriptor::kDefaultDumpPath, Kiv::Shm::Root::kDefaultDir);
   return text;
 }
 

@@ -3,7 +3,6 @@
 /// @brief One chip reached through a TransportMethod, with failed accesses turned into ToolError.
 
 #include "KivPtr.h"
-#include "Trace.h"
 #include "Types.h"
 
 #include "TarnRegFile/TransportMethod.h"
@@ -18,8 +17,8 @@ namespace Tarnreg {
 ///
 /// The transport never throws for a failed access: it returns 0xFFFFFFFF (which is also
 /// a valid register value) and signals its error notifier. The session watches that
-/// notifier to learn that an access failed, and keeps the transport's level-0 trace
-/// lines so that it can say why.
+/// notifier to learn that an access failed, and reads the notifier's last failure to
+/// say why.
 class DeviceSession {
 public:
   /// @brief Opens the transport of @p choice (not None) over the map at @p mapPath, for
@@ -44,11 +43,8 @@ private:
   };
 
   void open(TransportChoice const& choice, std::string const& mapPath);
-  void openMock(std::string const& dumpFile, std::string const& mapPath);
-  void failIfSignalled(U32 signalsBefore, char const* access, std::string const& regName) const;
+  void failIfSignalled(U32 signalsBefore) const;
 
-  // Declared first so that it outlives the transport and sees every line it writes.
-  Kiv::TraceCapture capture_;
   Kiv::Ptr<TarnRegFile::TransportMethod> transport_;
   ErrorWatcher watcher_;
 };

@@ -4,7 +4,7 @@
 
 #include "Types.h"
 
-#include "TarnRegFile/MockTransportMethodImpl.h"
+#include "TarnRegFile/TransportDescriptor.h"
 
 #include <string>
 
@@ -16,7 +16,7 @@ enum class TransportKind { None, Mock, Pci, I2c };
 /// @brief A transport and its arguments, as given on the command line.
 struct TransportChoice {
   TransportKind kind = TransportKind::None;
-  std::string mockFile = TarnRegFile::MockTransportMethodImpl::kDumpPath;  ///< --mock-file
+  std::string mockFile = TarnRegFile::MockTransportDescriptor::kDefaultDumpPath;  ///< --mock-file
   std::string pciResource;                                               ///< --pci
   std::string i2cDevNode;                                                ///< --i2c
   U32 i2cAddress = 0;                                                    ///< --addr

@@ -74,9 +74,9 @@ protected:
     if (!csv_.empty()) unlink(csv_.c_str());
   }
 
-  Kiv::Ptr<TransportMethod> transport(TransportFlavour flavour) {
+  Kiv::Ptr<TransportMethod> transport(TransportFlavour flavour, U32 chip = kChip) {
     auto tm = TransportMethod::TransportMethodIs("stubchip");
-    tm->init(I2cTransportDescriptor::I2cTransportDescriptorIs(flavour, Kiv::String(node_), kChip),
+    tm->init(I2cTransportDescriptor::I2cTransportDescriptorIs(flavour, Kiv::String(node_), chip),
              Kiv::String(csv_));
     EXPECT_NE(nullptr, dynamic_cast<I2cTransportMethodImpl*>(tm->implPtr()));
     return tm;
@@ -116,6 +116,19 @@ TEST_F(I2cTransportVm, WordFlavourRefusesAddressesAboveEightBits) {
   EXPECT_EQ(0xFFFFFFFFu, tm->regRead("reg0104"));
   EXPECT_TRUE(cap.contains("Register address 0x104 is out of range!", 0));
   EXPECT_TRUE(tm->errorNotifier()->error());
+  EXPECT_EQ(TransportErrorKind::OutOfRange, tm->errorNotifier()->lastFailure().kind);
+}
+
+TEST_F(I2cTransportVm, AccessToAnAddressWithoutAChipFailsWithTheDriversErrno) {
+  for (auto flavour : {TransportFlavour::I2cSmbusDataWord, TransportFlavour::I2cSmbusDataBlock}) {
+    auto tm = transport(flavour, kChip + 1);  // nothing answers there
+    EXPECT_EQ(0xFFFFFFFFu, tm->regRead("word10"));
+    auto const& failure = tm->errorNotifier()->lastFailure();
+    EXPECT_EQ(TransportErrorKind::System, failure.kind);
+    EXPECT_NE(0, failure.errnum);
+    EXPECT_NE(std::string::npos, failure.reason.find(std::strerror(failure.errnum))) << failure.reason;
+    EXPECT_EQ("word10", failure.regName);
+  }
 }
 
 TEST_F(I2cTransportVm, BlockFlavourPutsAddressAndValueIntoConsecutiveCells) {

@@ -76,10 +76,11 @@ TEST_F(PciTransportVm, ReadsTheIdentificationAndInvertsWritesWithAndWithoutTheGu
   }
 }
 
-TEST_F(PciTransportVm, NarrowRegistersOfAModelAreMaskedOnReadOnly) {
+TEST_F(PciTransportVm, NarrowRegistersOfAModelAreMaskedOnReadOnlyAndOnesBeyondTheBarFail) {
   auto model = HardwareRegisterFile::HardwareRegisterFileIs("edu");
   model->registerIs({"ident16", HardwareRegisterType::constant, false, 0x0, 16, 32});
   model->registerIs({"liveness8", HardwareRegisterType::cfg, true, 0x4, 8, 32});
+  model->registerIs({"beyond", HardwareRegisterType::sts, false, 0x100000, 32, 32});  // BAR 0 is 1 MiB
   auto tm = transport(TransportMethodRegFile(Kiv::String(), model), false);
   EXPECT_EQ(0x00edu, tm->regRead("ident16"));
   // The write reaches the device whole: the inverse of all 32 bits comes back, cut to 8 on read.
@@ -87,6 +88,9 @@ TEST_F(PciTransportVm, NarrowRegistersOfAModelAreMaskedOnReadOnly) {
   EXPECT_EQ(0x5au, tm->regRead("liveness8"));
   auto raw = Hardware::pciDovImplFactory(resource_);
   EXPECT_EQ(~0x123456a5u, raw->read32(0x4));
+  // A map that does not fit the BAR: a failed access, not an exception.
+  EXPECT_EQ(0xFFFFFFFFu, tm->regRead("beyond"));
+  EXPECT_EQ(TransportErrorKind::OutOfRange, tm->errorNotifier()->lastFailure().kind);
 }
 
 TEST_F(PciTransportVm, ADeviceMarkedGoneFailsAccessesWithoutTouchingIt) {
