@@ -16,9 +16,12 @@ namespace TarnTest {
 
 using namespace TarnRegFile;
 
+CountingPciTransport::CountingPciTransport(std::string const& window, std::string const& csv)
+    : BaseTransportMethodImpl(csv.c_str(), 4, nullptr), pci_(Hardware::pciDovImplFactory(window), csv.c_str(), nullptr) {}
+
 void CountingPciTransport::regWrite(char const* regName, uint32_t value) {
   ++writes[regName];
-  PciTransportMethodImpl::regWrite(regName, value);
+  pci_.regWrite(regName, value);
 }
 
 int CountingPciTransport::totalWrites() const {
@@ -65,7 +68,7 @@ Kiv::Ptr<LogicalChip> ChipRig::mountedChip(Kiv::Ptr<Kiv::Shm::EntityManager> con
 
 Kiv::Ptr<TransportMethod> ChipRig::transport(CountingPciTransport** counter) const {
   auto transport = TransportMethod::TransportMethodIs(Kiv::String(chipName_));
-  auto* impl = new CountingPciTransport(Hardware::pciDovImplFactory(window_), csv_.c_str(), nullptr);
+  auto* impl = new CountingPciTransport(window_, csv_);
   transport->implPtrIs(impl);
   if (counter) *counter = impl;
   return transport;

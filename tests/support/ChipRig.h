@@ -19,13 +19,17 @@
 
 namespace TarnTest {
 
-/// A PCI transport over the window file that counts the writes per register name.
-class CountingPciTransport : public TarnRegFile::PciTransportMethodImpl {
+/// The PCI transport over the window file, counting the writes it passes on per register name.
+class CountingPciTransport : public TarnRegFile::BaseTransportMethodImpl {
 public:
-  using PciTransportMethodImpl::PciTransportMethodImpl;
+  CountingPciTransport(std::string const& window, std::string const& csv);
+  uint32_t regRead(char const* regName) override { return pci_.regRead(regName); }
   void regWrite(char const* regName, uint32_t value) override;
   std::map<std::string, int> writes;
   int totalWrites() const;
+
+private:
+  TarnRegFile::PciTransportMethodImpl pci_;
 };
 
 class ChipRig {
