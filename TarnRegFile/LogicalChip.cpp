@@ -211,14 +211,18 @@ void LogicalChip::populateLogicalField(Kiv::String const& reg, Kiv::String const
 void LogicalChip::fieldWrite(Kiv::String const& reg, Kiv::String const& field, U32 value) {
   kTrace.printf(5, "LogicalChip::fieldWrite reg: %s field: %s value: %s", reg, field, value);
   KIV_ASSERT(kTrace, ready()) << "LogicalChip " << name() << " is not populated yet!";
-  LogicalFieldNameParts const names(name(), reg, field);
+  LogicalFieldNameParts names(name(), reg, field);
   LogicalRegister* const lRegEntry = regColl_.find(names.asRegister());
   if (!lRegEntry) {
     LogicalRegisterName const lrName = names.registerName();
     KIV_ASSERT(kTrace, regCollHas( lrName )) << "LogicalRegister " << lrName.fullName << " is not populated yet!";
   }
   LogicalRegister& lReg = *lRegEntry;
+  // From here on the parts compare with the stored names, which share their strings
+  // with the keys of the other caches: the next lookups compare pointers, not text.
+  names.registerIs(lReg.name);
   LogicalField* const lField = logicalField_.find(names.asField());
+  if (lField) names.fieldIs(lField->name);
   if (!lField || !lReg.fieldHas(names.asField())) {
     LogicalFieldName const lfName = names.fieldName();
     KIV_ASSERT(kTrace, lReg.fieldHas( lfName ) && logicalFieldHas( lfName ))
@@ -237,12 +241,14 @@ void LogicalChip::fieldWrite(Kiv::String const& reg, Kiv::String const& field, U
       LogicalField updated = *lField;
       updated.value = value;
       notify<Notifiee>([&](Notifiee& n) { n.onRegColl(lrName); });
-      kTrace.printf(0, "Write field: %s value: %s", names.fullName(), value);
+      kTrace.printf(0, "Write field: %s value: %s", updated.name.fullName, value);
       logicalFieldIs(updated);
       return;
     }
   }
-  kTrace.printf(0, "Write field: %s value: %s", names.fullName(), value);
+  // The stored name equals the parts (the lookup compared them): its full name is the
+  // one to trace, and the ring copies its characters without composing anything.
+  kTrace.printf(0, "Write field: %s value: %s", lField->name.fullName, value);
   // The field keeps all 32 bits as given, although the register took only its width.
   if (lField->value == value) return;
   lField->value = value;
@@ -292,14 +298,16 @@ U64 LogicalChip::regGetLastWritten(Kiv::String const& reg) {
 U32 LogicalChip::fieldGetLastWritten(Kiv::String const& reg, Kiv::String const& field) {
   kTrace.printf(5, "LogicalChip::fieldGetLastWritten reg: %s field: %s", reg, field);
   KIV_ASSERT(kTrace, ready()) << "LogicalChip " << name() << " is not populated yet!";
-  LogicalFieldNameParts const names(name(), reg, field);
+  LogicalFieldNameParts names(name(), reg, field);
   LogicalRegister const* const lRegEntry = regColl_.find(names.asRegister());
   if (!lRegEntry) {
     LogicalRegisterName const lrName = names.registerName();
     KIV_ASSERT(kTrace, regCollHas( lrName )) << "LogicalRegister " << lrName.fullName << " is not populated yet!";
   }
   LogicalRegister const& lReg = *lRegEntry;
+  names.registerIs(lReg.name);
   LogicalField const* const lField = logicalField_.find(names.asField());
+  if (lField) names.fieldIs(lField->name);
   if (!lField || !lReg.fieldHas(names.asField())) {
     LogicalFieldName const lfName = names.fieldName();
     KIV_ASSERT(kTrace, lReg.fieldHas( lfName ) && logicalFieldHas( lfName ))
