@@ -18,6 +18,7 @@
 /// literals, which a checked "{}" format and a printf format written at the call
 /// site are. Arguments of other types (the library's value types, enumerations)
 /// are formatted at once, as are lines that also go to text output or a capture.
+
 #include "Export.h"
 
 #include <fmt/format.h>
@@ -95,6 +96,7 @@ TraceArg traceArg(A const& a) noexcept {
   constexpr TraceArgKind kind = traceArgKind<T>();
   TraceArg arg;
   arg.kind = kind;
+  arg.u = 0;  // the record copies 8 bytes whatever the kind
   if constexpr (kind == TraceArgKind::Bool) arg.b = a;
   else if constexpr (kind == TraceArgKind::Char) arg.c = a;
   else if constexpr (kind == TraceArgKind::Signed) arg.i = a;
