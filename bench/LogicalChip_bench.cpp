@@ -1,5 +1,7 @@
-// Cost of a logical field write on a ready chip with nothing attached: the path a
-// client pays per field change before the write state machine takes over.
+// Cost of the logical chip's per-field entry points on a ready chip with no observer
+// attached: a field write that changes the value, one that writes the value the field
+// already holds (it still records the level-0 "Write field" line in the trace ring), and
+// reading a field back. Each call looks the register and the field up by name.
 
 #include "TarnRegFile/LogicalChip.h"
 
