@@ -144,13 +144,6 @@ inline bool isJoined(std::string_view full, std::string_view first, std::string_
 
 }  // namespace
 
-LogicalFieldNameParts::LogicalFieldNameParts(Kiv::String const& chipName, Part regName, Part fieldName) noexcept
-    : chipName_(chipName),
-      reg_(regName),
-      field_(fieldName),
-      regHash_(logicalRegisterNameHash(chipName.hash(), regName.hash)),
-      hash_(logicalFieldNameHash(chipName.hash(), regName.hash, fieldName.hash)) {}
-
 bool LogicalFieldNameParts::sameRegister(LogicalRegisterName const& n) const noexcept {
   // The part hashes are cached in both: compare them before any characters.
   return n.name.hash() == reg_.hash && n.chipName == chipName_ && sameText(n.name.view(), reg_.text) &&

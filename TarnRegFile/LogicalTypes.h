@@ -119,7 +119,13 @@ public:
     U32 hash;
   };
 
-  LogicalFieldNameParts(Kiv::String const& chipName, Part regName, Part fieldName) noexcept;
+  // Inline: the parts are then built in place rather than passed through memory.
+  LogicalFieldNameParts(Kiv::String const& chipName, Part regName, Part fieldName) noexcept
+      : chipName_(chipName),
+        reg_(regName),
+        field_(fieldName),
+        regHash_(logicalRegisterNameHash(chipName.hash(), regName.hash)),
+        hash_(logicalFieldNameHash(chipName.hash(), regName.hash, fieldName.hash)) {}
   LogicalFieldNameParts(LogicalFieldNameParts const&) = delete;
   LogicalFieldNameParts& operator=(LogicalFieldNameParts const&) = delete;
 
