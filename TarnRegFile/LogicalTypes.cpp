@@ -6,6 +6,7 @@
 #include "KivValueText.h"
 #include "Trace.h"
 
+#include <cstring>
 #include <ostream>
 
 namespace TarnRegFile {
@@ -115,39 +116,55 @@ std::string LogicalFieldName::valueToStrep() const {
 
 // ---- LogicalFieldNameParts
 
-LogicalFieldNameParts::LogicalFieldNameParts(Kiv::String const& chipName, std::string_view regName,
-                                             std::string_view fieldName)
-    : chipName_(chipName), regName_(regName), fieldName_(fieldName) {
-  text_.append(chipName.view());
-  text_.push_back('-');
-  text_.append(regName);
-  regFullSize_ = text_.size();
-  text_.push_back('-');
-  text_.append(fieldName);
-  // The field's full name starts with the register's: hash the whole 4-byte blocks they
-  // share once, then finish each. The hash consumes 4-byte blocks from the start, so
-  // both results equal the string hash of the whole text.
-  std::string_view const full = fullName();
-  size_t const shared = regFullSize_ & ~size_t{3};
-  Kiv::Hash prefix(Kiv::Hash::stringSeed);
-  prefix.mixBytes(full.substr(0, shared));
-  regHash_ = Kiv::Hash(prefix).mixBytes(full.substr(shared, regFullSize_ - shared)).result();
-  hash_ = prefix.mixBytes(full.substr(shared)).result();
+namespace {
+
+// Names are short: comparing them inline beats a call into the C library.
+inline bool sameBytes(char const* a, char const* b, size_t n) noexcept {
+  for (; n >= 8; n -= 8, a += 8, b += 8) {
+    uint64_t x, y;
+    std::memcpy(&x, a, 8);
+    std::memcpy(&y, b, 8);
+    if (x != y) return false;
+  }
+  for (; n > 0; --n)
+    if (*a++ != *b++) return false;
+  return true;
 }
 
+inline bool sameText(std::string_view a, std::string_view b) noexcept {
+  return a.size() == b.size() && sameBytes(a.data(), b.data(), a.size());
+}
+
+// Whether @p full reads first + "-" + second, without composing it.
+inline bool isJoined(std::string_view full, std::string_view first, std::string_view second) noexcept {
+  return full.size() == first.size() + 1 + second.size() && full[first.size()] == '-' &&
+         sameBytes(full.data(), first.data(), first.size()) &&
+         sameBytes(full.data() + first.size() + 1, second.data(), second.size());
+}
+
+}  // namespace
+
 bool LogicalFieldNameParts::sameRegister(LogicalRegisterName const& n) const noexcept {
-  return n.fullName.hash() == regHash_ && n.chipName == chipName_ && n.name.view() == regName_ &&
-         n.fullName.view() == regFullName();
+  // The part hashes are cached in both: compare them before any characters.
+  return n.name.hash() == reg_.hash && n.chipName == chipName_ && sameText(n.name.view(), reg_.text) &&
+         isJoined(n.fullName.view(), chipName_.view(), reg_.text);
 }
 
 bool LogicalFieldNameParts::sameField(LogicalFieldName const& n) const noexcept {
-  return n.fullName.hash() == hash_ && n.name.view() == fieldName_ && n.fullName.view() == fullName() &&
-         sameRegister(n.regName);
+  if (fieldName_) return n == *fieldName_;
+  if (n.name.hash() != field_.hash || !sameText(n.name.view(), field_.text)) return false;
+  if (register_ ? !(n.regName == *register_) : !sameRegister(n.regName)) return false;
+  // The register's own full name was just found equal to the parts.
+  return isJoined(n.fullName.view(), n.regName.fullName.view(), field_.text);
 }
 
-LogicalRegisterName LogicalFieldNameParts::registerName() const { return LogicalRegisterName(chipName_, regName_); }
+LogicalRegisterName LogicalFieldNameParts::registerName() const {
+  return LogicalRegisterName(chipName_, Kiv::String(reg_.text));
+}
 
-LogicalFieldName LogicalFieldNameParts::fieldName() const { return LogicalFieldName(registerName(), fieldName_); }
+LogicalFieldName LogicalFieldNameParts::fieldName() const {
+  return LogicalFieldName(registerName(), Kiv::String(field_.text));
+}
 
 // ---- LogicalField
 

@@ -7,6 +7,7 @@
 /// select that parser, so pass names as Kiv::String (literals are fine).
 
 #include "Export.h"
+#include "KivHash.h"
 #include "KivString.h"
 #include "Types.h"
 
@@ -83,29 +84,69 @@ struct std::hash<TarnRegFile::LogicalFieldName> {
 
 namespace TarnRegFile {
 
+/// @brief Hash of the register name made of @p chipHash and @p nameHash (the string hashes of its parts).
+///
+/// Name-keyed collections hash names by their parts' hashes, which every Kiv::String
+/// keeps cached: hashing a name costs no pass over its characters, and a lookup by
+/// parts needs no composed full name. Equal names have equal parts, hence equal hashes.
+/// The parts' hashes are well mixed already: one multiply and rotate per part spreads
+/// every bit of the earlier parts over the low bits that pick a slot.
+constexpr U32 logicalRegisterNameHash(U32 chipHash, U32 nameHash) noexcept {
+  U32 const c = chipHash * 0x9e3779b1u;
+  return nameHash ^ ((c << 16) | (c >> 16));
+}
+/// @brief Hash of the field name made of a register's parts and @p nameHash.
+constexpr U32 logicalFieldNameHash(U32 chipHash, U32 regNameHash, U32 nameHash) noexcept {
+  U32 const r = logicalRegisterNameHash(chipHash, regNameHash) * 0x85ebca6bu;
+  return nameHash ^ ((r << 16) | (r >> 16));
+}
+
 /// @brief The names of one logical field given by their parts, for looking registers and
 /// fields up on the per-write path without building (allocating) the name values.
 ///
-/// Composes "chip-register-field" once into an inline buffer and hashes both full
-/// names in one pass, exactly as the name types do. Refers to its arguments: it lives
-/// on the stack of one call.
+/// Keeps the three parts and their string hashes (cached ones for Kiv::String parts);
+/// the full names "chip-register" and "chip-register-field" are never composed, only
+/// compared piece by piece. Refers to its arguments: it lives on the stack of one call.
 class TARN_API LogicalFieldNameParts {
 public:
-  LogicalFieldNameParts(Kiv::String const& chipName, std::string_view regName, std::string_view fieldName);
+  /// @brief One part: its characters and their string hash.
+  struct Part {
+    Part(Kiv::String const& s) noexcept : text(s.view()), hash(s.hash()) {}
+    Part(std::string_view s) noexcept : text(s), hash(Kiv::stringHash(s)) {}
+    Part(std::string const& s) noexcept : Part(std::string_view(s)) {}
+    Part(char const* s) noexcept : Part(std::string_view(s)) {}
+    std::string_view text;
+    U32 hash;
+  };
+
+  // Inline: the parts are then built in place rather than passed through memory.
+  LogicalFieldNameParts(Kiv::String const& chipName, Part regName, Part fieldName) noexcept
+      : chipName_(chipName),
+        reg_(regName),
+        field_(fieldName),
+        regHash_(logicalRegisterNameHash(chipName.hash(), regName.hash)),
+        hash_(logicalFieldNameHash(chipName.hash(), regName.hash, fieldName.hash)) {}
   LogicalFieldNameParts(LogicalFieldNameParts const&) = delete;
   LogicalFieldNameParts& operator=(LogicalFieldNameParts const&) = delete;
 
-  /// @brief What LogicalRegisterName(chipName, regName).fullName would hold.
-  std::string_view regFullName() const noexcept { return {text_.data(), regFullSize_}; }
-  /// @brief What the field name's fullName would hold.
-  std::string_view fullName() const noexcept { return {text_.data(), text_.size()}; }
+  /// @brief The hash name-keyed collections give LogicalRegisterName(chipName, regName).
   U32 regHash() const noexcept { return regHash_; }
+  /// @brief The hash name-keyed collections give the field name.
   U32 hash() const noexcept { return hash_; }
 
   /// @brief True when @p n equals LogicalRegisterName(chipName, regName), member by member.
   bool sameRegister(LogicalRegisterName const& n) const noexcept;
   /// @brief True when @p n equals the field name these parts describe, member by member.
   bool sameField(LogicalFieldName const& n) const noexcept;
+
+  /// @brief Tells the parts that @p stored, a name that sameRegister() accepted, is their
+  /// register: field comparisons then compare register names with it, which for names
+  /// sharing their strings (as the names of one chip do) is a pointer comparison.
+  /// @p stored must outlive the parts.
+  void registerIs(LogicalRegisterName const& stored) noexcept { register_ = &stored; }
+  /// @brief Likewise for the field: @p stored, a name that sameField() accepted, is the
+  /// field's name; later field comparisons compare with it.
+  void fieldIs(LogicalFieldName const& stored) noexcept { fieldName_ = &stored; }
 
   /// @brief Builds the register name value.
   LogicalRegisterName registerName() const;
@@ -125,18 +166,20 @@ public:
 
 private:
   Kiv::String const& chipName_;
-  std::string_view regName_;
-  std::string_view fieldName_;
-  fmt::basic_memory_buffer<char, 128> text_;
-  size_t regFullSize_ = 0;
-  U32 regHash_ = 0;
-  U32 hash_ = 0;
+  Part reg_;
+  Part field_;
+  U32 regHash_;
+  U32 hash_;
+  LogicalRegisterName const* register_ = nullptr;
+  LogicalFieldName const* fieldName_ = nullptr;
 };
 
-/// @brief Hash of register names (their fullName's string hash), also over lookup parts.
+/// @brief Hash of register names (from their parts' hashes), also over lookup parts.
 struct LogicalRegisterNameHash {
   using is_transparent = void;
-  size_t operator()(LogicalRegisterName const& n) const noexcept { return n.fullName.hash(); }
+  size_t operator()(LogicalRegisterName const& n) const noexcept {
+    return logicalRegisterNameHash(n.chipName.hash(), n.name.hash());
+  }
   size_t operator()(LogicalFieldNameParts::Register r) const noexcept { return r.parts.regHash(); }
 };
 /// @brief Equality of register names, also against lookup parts.
@@ -150,10 +193,12 @@ struct LogicalRegisterNameEqual {
     return r.parts.sameRegister(n);
   }
 };
-/// @brief Hash of field names (their fullName's string hash), also over lookup parts.
+/// @brief Hash of field names (from their parts' hashes), also over lookup parts.
 struct LogicalFieldNameHash {
   using is_transparent = void;
-  size_t operator()(LogicalFieldName const& n) const noexcept { return n.fullName.hash(); }
+  size_t operator()(LogicalFieldName const& n) const noexcept {
+    return logicalFieldNameHash(n.regName.chipName.hash(), n.regName.name.hash(), n.name.hash());
+  }
   size_t operator()(LogicalFieldNameParts::Field f) const noexcept { return f.parts.hash(); }
 };
 /// @brief Equality of field names, also against lookup parts.
@@ -173,42 +218,81 @@ struct LogicalFieldNameEqual {
 /// The same operations as Kiv::KeyedCollection, plus lookups by LogicalFieldNameParts
 /// and mutable lookups for owners that change a stored value in place (and notify
 /// for it themselves).
+///
+/// Entries live in an unordered map (stable addresses, iteration); lookups go through a
+/// flat index beside it: open addressing over a power-of-two table of (hash, entry)
+/// pairs with linear probing. A lookup is then one mask, one probe of contiguous slots
+/// and one name comparison, where the map would divide by its prime bucket count and
+/// walk a chain of nodes.
 template <class K, class V, class Hash, class Equal>
 class LogicalNameCollection {
 public:
   using Map = std::unordered_map<K, V, Hash, Equal>;
   using const_iterator = typename Map::const_iterator;
 
+  LogicalNameCollection() = default;
+  LogicalNameCollection(LogicalNameCollection const& o) : map_(o.map_) { reindex(); }
+  LogicalNameCollection(LogicalNameCollection&& o) noexcept
+      : map_(std::move(o.map_)), slots_(std::move(o.slots_)), mask_(o.mask_) {  // nodes move with the map
+    o.clear();
+  }
+  LogicalNameCollection& operator=(LogicalNameCollection const& o) {
+    if (this != &o) {
+      map_ = o.map_;
+      reindex();
+    }
+    return *this;
+  }
+  LogicalNameCollection& operator=(LogicalNameCollection&& o) noexcept {
+    if (this != &o) {
+      map_ = std::move(o.map_);
+      slots_ = std::move(o.slots_);
+      mask_ = o.mask_;
+      o.clear();
+    }
+    return *this;
+  }
+
   /// @brief The entry for @p key (a name or lookup parts), or null.
   template <class Key>
   V const* find(Key const& key) const {
-    auto it = map_.find(key);
-    return it == map_.end() ? nullptr : &it->second;
+    Slot const* slot = lookup(key);
+    return slot ? &slot->entry->second : nullptr;
   }
   template <class Key>
   V* find(Key const& key) {
-    auto it = map_.find(key);
-    return it == map_.end() ? nullptr : &it->second;
+    Slot const* slot = lookup(key);
+    return slot ? &slot->entry->second : nullptr;
   }
   /// @brief The entry for @p key, or @p fallback.
   V get(K const& key, V const& fallback = V()) const {
-    auto it = map_.find(key);
-    return it == map_.end() ? fallback : it->second;
+    V const* found = find(key);
+    return found ? *found : fallback;
   }
   template <class Key>
   bool has(Key const& key) const {
-    return map_.find(key) != map_.end();
+    return lookup(key) != nullptr;
   }
   /// @brief Inserts or replaces; true when the stored value changed (compared with ==).
   bool set(K const& key, V const& value) {
     auto [it, inserted] = map_.try_emplace(key, value);
-    if (inserted) return true;
+    if (inserted) {
+      indexInsert(static_cast<U32>(Hash()(it->first)), &*it);
+      return true;
+    }
     if (it->second == value) return false;
     it->second = value;
     return true;
   }
   /// @brief Removes @p key; true when it was present.
-  bool erase(K const& key) { return map_.erase(key) != 0; }
+  bool erase(K const& key) {
+    Slot const* slot = lookup(key);
+    if (!slot) return false;
+    auto* entry = slot->entry;
+    indexErase(static_cast<size_t>(slot - slots_.data()));
+    map_.erase(map_.find(entry->first));  // by iterator: the key lives in the node being erased
+    return true;
+  }
   /// @brief A snapshot of the keys: safe to iterate while entries are changed.
   std::vector<K> keys() const {
     std::vector<K> out;
@@ -221,10 +305,70 @@ public:
   const_iterator begin() const noexcept { return map_.begin(); }
   const_iterator end() const noexcept { return map_.end(); }
   bool operator==(LogicalNameCollection const& o) const { return map_ == o.map_; }
-  void clear() noexcept { map_.clear(); }
+  void clear() noexcept {
+    map_.clear();
+    slots_.clear();
+    mask_ = 0;
+  }
 
 private:
+  using Entry = typename Map::value_type;
+  struct Slot {
+    U32 hash = 0;
+    Entry* entry = nullptr;  // null: free
+  };
+
+  template <class Key>
+  Slot const* lookup(Key const& key) const {
+    if (slots_.empty()) return nullptr;
+    U32 const hash = static_cast<U32>(Hash()(key));
+    for (size_t i = hash & mask_;; i = (i + 1) & mask_) {
+      Slot const& slot = slots_[i];
+      if (!slot.entry) return nullptr;
+      if (slot.hash == hash && Equal()(key, slot.entry->first)) return &slot;
+    }
+  }
+
+  void indexInsert(U32 hash, Entry* entry) {
+    if ((map_.size() + 1) * 4 > slots_.size() * 3) {  // keep at least a quarter free: probes stay short
+      reindex();
+      return;  // the new entry is in the map already
+    }
+    place(hash, entry);
+  }
+
+  void place(U32 hash, Entry* entry) noexcept {
+    size_t i = hash & mask_;
+    while (slots_[i].entry) i = (i + 1) & mask_;
+    slots_[i] = Slot{hash, entry};
+  }
+
+  // Backward-shift deletion: moves later entries of the probe run into the hole, so
+  // that lookups need no tombstones.
+  void indexErase(size_t hole) noexcept {
+    for (size_t j = hole;;) {
+      j = (j + 1) & mask_;
+      if (!slots_[j].entry) break;
+      size_t const home = slots_[j].hash & mask_;
+      bool const stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
+      if (stays) continue;
+      slots_[hole] = slots_[j];
+      hole = j;
+    }
+    slots_[hole] = Slot{};
+  }
+
+  void reindex() {
+    size_t capacity = 8;
+    while (capacity * 3 < (map_.size() + 1) * 4) capacity *= 2;
+    slots_.assign(capacity, Slot{});
+    mask_ = capacity - 1;
+    for (auto& kv : map_) place(static_cast<U32>(Hash()(kv.first)), &kv);
+  }
+
   Map map_;
+  std::vector<Slot> slots_;
+  size_t mask_ = 0;
 };
 
 /// @brief A bit slice of a 64-bit logical register with its 32-bit value.

@@ -1,9 +1,10 @@
 // The logical chip's two costs:
-//  - a logical field write (and read-back) on a ready chip with nothing attached: the path a
-//    client pays per field change before the write state machine takes over;
+//  - its per-field entry points on a ready chip with no observer attached: a field write that
+//    changes the value, one that writes the value the field already holds (it still records the
+//    level-0 "Write field" line in the trace ring), and reading a field back; each call looks the
+//    register and the field up by name;
 //  - describing a chip of 16,384 fields (physical field, logical field and translation pair
-//    per field, as a chip-creation hook does): time and process memory per field. A switch
-//    brings up 64 such chips within a second, with the shadow tables and state machines on top.
+//    per field, as a chip-creation hook does): time and process memory per field.
 
 #include "TarnRegFile/LogicalChip.h"
 

@@ -91,6 +91,10 @@ private:
   Rep* rep_ = nullptr;
 };
 
+/// @brief A string's text form in traces is its characters: the trace ring copies them
+/// rather than formatting the line at once.
+inline std::string_view traceText(String const& s) noexcept { return s.view(); }
+
 /// @brief Writes the characters as they are.
 TARN_API std::ostream& operator<<(std::ostream& os, String const& s);
 

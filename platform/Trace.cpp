@@ -1,5 +1,6 @@
 #include "Trace.h"
 
+#include <fmt/args.h>
 #include <fnmatch.h>
 #include <time.h>
 
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <new>
 
 namespace Kiv {
 namespace {
@@ -18,14 +20,72 @@ struct Rule {
 };
 
 // Fixed-size slots: recording a line never allocates once the ring exists.
-constexpr size_t kRingSlots = 1024;
-constexpr size_t kSlotBytes = 240;
+constexpr size_t kRingSlots = Trace::ringCapacity;
+// A line as read back (unit, level, function and text, after the time stamp) is cut
+// to this many bytes.
+constexpr size_t kLineBytes = 239;
+// Copied string arguments: a few bytes more than a line can show, so that cutting
+// a long string at a character boundary never shortens what the line shows.
+constexpr size_t kStringBytes = kLineBytes + 9;
+constexpr size_t kMaxArgs = TraceHandle::kMaxRecordedArgs;
 
+// One argument as recorded: a raw value, or where its bytes lie in RingSlot::bytes.
+union RingValue {
+  bool b;
+  char c;
+  int64_t i;
+  uint64_t u;
+  float f;
+  double d;
+  void const* p;
+  struct {
+    uint16_t offset;
+    uint16_t size;
+  } s;
+};
+
+// A recorded line. With `unit` set it is a format and its arguments, formatted when
+// the ring is read; without, `bytes` hold the finished line (a line that was
+// formatted anyway for text output or a capture, or that outlived its unit).
 struct RingSlot {
   uint64_t sequence = 0;
   timespec when{};  // formatted only when the ring is read: recording stays cheap
-  char text[kSlotBytes] = {};
+  char const* unit = nullptr;
+  char const* function = nullptr;
+  char const* format = nullptr;
+  uint32_t formatSize = 0;
+  uint16_t bytesUsed = 0;
+  uint8_t level = 0;
+  detail::TraceStyle style{};
+  uint8_t argCount = 0;
+  detail::TraceArgKind kinds[kMaxArgs] = {};
+  RingValue values[kMaxArgs] = {};
+  char bytes[kStringBytes] = {};
 };
+
+std::string lineOf(RingSlot const& slot);
+
+// Stands for a null C string argument: formatting it fails as formatting the pointer would.
+struct NullText {};
+
+}  // namespace
+}  // namespace Kiv
+
+template <>
+struct fmt::formatter<Kiv::NullText> {
+  constexpr auto parse(format_parse_context& ctx) {
+    auto it = ctx.begin();
+    while (it != ctx.end() && *it != '}') ++it;
+    return it;
+  }
+  template <class Ctx>
+  auto format(Kiv::NullText, Ctx&) const -> decltype(std::declval<Ctx&>().out()) {
+    throw format_error("string pointer is null");
+  }
+};
+
+namespace Kiv {
+namespace {
 
 struct Registry {
   std::mutex mutex;  // guards configuration changes, never taken on the line path when disabled
@@ -111,6 +171,19 @@ TraceHandle::~TraceHandle() {
   auto& r = registry();
   std::lock_guard lock(r.mutex);
   r.handles.erase(std::remove(r.handles.begin(), r.handles.end(), this), r.handles.end());
+  // This unit's records point at its literals (unit name, formats, function names),
+  // which go away with it when its library is unloaded: finish them as text now.
+  for (auto& slot : r.ring) {
+    if (slot.sequence == 0 || slot.unit != unit_) continue;
+    try {
+      std::string const line = lineOf(slot);
+      std::memcpy(slot.bytes, line.data(), line.size());
+      slot.bytesUsed = static_cast<uint16_t>(line.size());
+    } catch (std::bad_alloc const&) {
+      slot.bytesUsed = 0;  // out of memory while the process ends: an empty line rather than a dangling one
+    }
+    slot.unit = nullptr;
+  }
 }
 
 void TraceHandle::refresh() {
@@ -120,52 +193,55 @@ void TraceHandle::refresh() {
   uint32_t captureMask = 0;
   for (auto* c : r.captures)
     if (c->matches(unit_)) captureMask |= c->levelMask();
+  ringOnly_.store(ringMask_ & ~textMask_ & ~captureMask, std::memory_order_relaxed);
   mask_.store(ringMask_ | textMask_ | captureMask, std::memory_order_relaxed);
 }
 
 void TraceHandle::vline(unsigned level, char const* function, fmt::string_view format, fmt::format_args args) {
-  auto& r = registry();
-  bool const ringOnly = ((textMask_ >> level) & 1u) == 0 && r.captures.empty();
-  if (ringOnly) {
-    // The common case (a level-0 line nobody prints): format once into a stack
-    // buffer, then copy the pieces into the ring slot with plain memcpy.
-    fmt::memory_buffer text;
-    try {
-      fmt::vformat_to(fmt::appender(text), format, args);
-    } catch (fmt::format_error const& e) {
-      text.clear();
-      fmt::format_to(fmt::appender(text), "<bad trace format: {}>", e.what());
-    }
-    uint64_t seq = r.ringNext.fetch_add(1, std::memory_order_relaxed);
-    RingSlot& slot = r.ring[seq % kRingSlots];
-    slot.sequence = seq + 1;
-    slot.when = now();
-    char* out = slot.text;
-    char* const last = slot.text + kSlotBytes - 1;
-    auto put = [&](std::string_view piece) {
-      size_t const n = std::min(piece.size(), static_cast<size_t>(last - out));
-      std::memcpy(out, piece.data(), n);
-      out += n;
-    };
-    char const levelText[4] = {' ', 'L', static_cast<char>('0' + level % 10), ' '};
-    put(unit_);
-    put(std::string_view(levelText, 4));
-    if (function) {
-      put(function);
-      put(": ");
-    }
-    put(std::string_view(text.data(), text.size()));
-    *out = '\0';
-    return;
-  }
   fmt::memory_buffer text;  // inline storage: short lines never allocate
   try {
-    fmt::vformat_to(std::back_inserter(text), format, args);
+    fmt::vformat_to(fmt::appender(text), format, args);
   } catch (fmt::format_error const& e) {
     text.clear();
-    fmt::format_to(std::back_inserter(text), "<bad trace format: {}>", e.what());
+    fmt::format_to(fmt::appender(text), "<bad trace format: {}>", e.what());
   }
   emit(level, function, std::string_view(text.data(), text.size()));
+}
+
+void TraceHandle::record(unsigned level, char const* function, detail::TraceStyle style, char const* format,
+                         size_t formatSize, detail::TraceArg const* args, size_t count) noexcept {
+  auto& r = registry();
+  uint64_t const seq = r.ringNext.fetch_add(1, std::memory_order_relaxed);
+  RingSlot& slot = r.ring[seq % kRingSlots];
+  slot.sequence = seq + 1;
+  slot.when = now();
+  slot.unit = unit_;
+  slot.function = function;
+  slot.format = format;
+  slot.formatSize = static_cast<uint32_t>(formatSize);
+  slot.level = static_cast<uint8_t>(level);
+  slot.style = style;
+  slot.argCount = static_cast<uint8_t>(count);
+  size_t used = 0;
+  for (size_t i = 0; i < count; ++i) {
+    detail::TraceArg const& arg = args[i];
+    slot.kinds[i] = arg.kind;
+    RingValue& value = slot.values[i];
+    if (arg.kind != detail::TraceArgKind::String) {
+      static_assert(sizeof(value.u) == sizeof(RingValue));
+      std::memcpy(&value, &arg.u, sizeof value);  // whichever member the kind names
+      continue;
+    }
+    size_t n = std::min(arg.s.size, kStringBytes - used);
+    if (n < arg.s.size) {
+      // Cut before a UTF-8 continuation byte, never inside a character.
+      while (n > 0 && (static_cast<unsigned char>(arg.s.data[n]) & 0xC0u) == 0x80u) --n;
+    }
+    std::memcpy(slot.bytes + used, arg.s.data, n);
+    value.s = {static_cast<uint16_t>(used), static_cast<uint16_t>(n)};
+    used += n;
+  }
+  slot.bytesUsed = static_cast<uint16_t>(used);
 }
 
 namespace {
@@ -213,6 +289,50 @@ std::string translatePrintf(char const* format) {
   return translated;
 }
 
+// The line a ring record stands for, as text output would print it after the time
+// stamp, cut to kLineBytes. A record read while another thread rewrites its slot may
+// mix two lines, but every index and size is checked: it never reads out of bounds.
+std::string lineOf(RingSlot const& slot) {
+  if (!slot.unit) return std::string(slot.bytes, std::min<size_t>(slot.bytesUsed, kLineBytes));
+  fmt::memory_buffer line;
+  fmt::format_to(fmt::appender(line), "{} L{} ", slot.unit, slot.level);
+  if (slot.function) fmt::format_to(fmt::appender(line), "{}: ", slot.function);
+  size_t const prefix = line.size();
+  try {
+    fmt::dynamic_format_arg_store<fmt::format_context> args;
+    bool intact = slot.format && slot.argCount <= kMaxArgs;
+    for (size_t i = 0; intact && i < slot.argCount; ++i) {
+      RingValue const& v = slot.values[i];
+      switch (slot.kinds[i]) {
+        case detail::TraceArgKind::Bool: args.push_back(v.b); break;
+        case detail::TraceArgKind::Char: args.push_back(v.c); break;
+        case detail::TraceArgKind::Signed: args.push_back(static_cast<long long>(v.i)); break;
+        case detail::TraceArgKind::Unsigned: args.push_back(static_cast<unsigned long long>(v.u)); break;
+        case detail::TraceArgKind::Float: args.push_back(v.f); break;
+        case detail::TraceArgKind::Double: args.push_back(v.d); break;
+        case detail::TraceArgKind::Pointer: args.push_back(v.p); break;
+        case detail::TraceArgKind::NullString: args.push_back(NullText{}); break;
+        case detail::TraceArgKind::String:
+          intact = size_t{v.s.offset} + v.s.size <= kStringBytes;
+          if (intact) args.push_back(std::string_view(slot.bytes + v.s.offset, v.s.size));
+          break;
+        default: intact = false; break;
+      }
+    }
+    if (!intact) throw fmt::format_error("damaged ring record");
+    if (slot.style == detail::TraceStyle::Printf) {
+      fmt::vformat_to(fmt::appender(line), translatePrintf(slot.format), args);
+    } else {
+      // strnlen: the format is a literal, so its terminator bounds it even in a mixed record.
+      fmt::vformat_to(fmt::appender(line), fmt::string_view(slot.format, strnlen(slot.format, slot.formatSize)), args);
+    }
+  } catch (fmt::format_error const& e) {
+    line.resize(prefix);
+    fmt::format_to(fmt::appender(line), "<bad trace format: {}>", e.what());
+  }
+  return std::string(line.data(), std::min(line.size(), kLineBytes));
+}
+
 }  // namespace
 
 void TraceHandle::vprintf(unsigned level, char const* format, fmt::format_args args) {
@@ -228,9 +348,9 @@ void TraceHandle::emit(unsigned level, char const* function, std::string_view te
     RingSlot& slot = r.ring[seq % kRingSlots];
     slot.sequence = seq + 1;
     slot.when = when;
-    auto end = fmt::format_to_n(slot.text, kSlotBytes - 1, "{} L{} {}{}{}", unit_, level, fn,
-                                fn.empty() ? "" : ": ", text);
-    *end.out = '\0';
+    slot.unit = nullptr;
+    auto end = fmt::format_to_n(slot.bytes, kLineBytes, "{} L{} {}{}{}", unit_, level, fn, fn.empty() ? "" : ": ", text);
+    slot.bytesUsed = static_cast<uint16_t>(end.out - slot.bytes);
   }
   if ((textMask_ >> level) & 1u) {
     std::lock_guard lock(r.mutex);
@@ -273,8 +393,8 @@ std::vector<std::string> ringLines() {
   uint64_t next = r.ringNext.load(std::memory_order_relaxed);
   uint64_t first = next > kRingSlots ? next - kRingSlots : 0;
   for (uint64_t seq = first; seq < next; ++seq) {
-    RingSlot const& slot = r.ring[seq % kRingSlots];
-    if (slot.sequence == seq + 1) lines.push_back(fmt::format("{} {}", Stamp(slot.when).text, slot.text));
+    RingSlot const slot = r.ring[seq % kRingSlots];  // a copy: the writer may reuse the slot meanwhile
+    if (slot.sequence == seq + 1) lines.push_back(fmt::format("{} {}", Stamp(slot.when).text, lineOf(slot)));
   }
   return lines;
 }

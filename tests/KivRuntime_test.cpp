@@ -11,9 +11,13 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
+#include <regex>
 #include <stdexcept>
+#include <string>
 #include <unordered_set>
+#include <utility>
 
 namespace {
 
@@ -283,13 +287,90 @@ TEST(KivTrace, CapturesSeeEnabledLevelsAndTheRingKeepsLevelZero) {
   EXPECT_NE(lines.back().find("Test/KivRuntime L0 ring line"), std::string::npos);
 }
 
+// The ring line of `emit` as recorded (formatted when read) and as formatted at once
+// (a capture makes the line go through the formatting path); both without the time stamp.
+template <class F>
+std::pair<std::string, std::string> recordedAndFormatted(F const& emit) {
+  auto const lastLine = [] {
+    auto const lines = Kiv::Trace::ringLines();
+    std::string line = lines.empty() ? "" : lines.back();
+    EXPECT_TRUE(std::regex_search(line, std::regex("^\\d\\d:\\d\\d:\\d\\d\\.\\d{6} "))) << line;
+    return line.size() < 16 ? line : line.substr(16);
+  };
+  emit();
+  std::string recorded = lastLine();
+  Kiv::TraceCapture cap("Test/KivRuntime");
+  emit();
+  return {recorded, lastLine()};
+}
+
+TEST(KivTrace, RingRecordsReadBackAsTheFormattedLine) {
+  int const local = 0;
+  std::string const longText(1000, 'x');
+  std::string utf8;
+  for (int i = 0; i < 200; ++i) utf8 += "\xc3\xa9";  // U+00E9, two bytes each
+  char const* const nullText = nullptr;
+  std::pair<std::function<void()>, std::string> const cases[] = {
+      {[] { kTrace.printf(0, "Write field: %s value: %s", Kiv::String("chip0-r-f"), 511u); },
+       "Test/KivRuntime L0 Write field: chip0-r-f value: 511"},
+      {[] { kTrace.printf(2, "%s|%s|%s|%d|%u|%x|%#X|%c|%%", std::string("std"), std::string_view("view"), "lit", -5,
+                          U8{200}, U64{0xdeadbeefcafeull}, 255, 'q'); },
+       "Test/KivRuntime L2 std|view|lit|-5|200|deadbeefcafe|0XFF|q|%"},
+      {[] { kTrace.line(1, "{} {:d} {} {} {:>6}|{:<4}|{:08.3f}", true, false, 1.5, 0.1f, "pad", 'c', -2.25); },
+       "Test/KivRuntime L1 true 0 1.5 0.1    pad|c   |-002.250"},
+      {[] { kTrace.lineIn(0, "tryPerformIO", "error on register '{}': {}", Kiv::String("ctl"), "bus"); },
+       "Test/KivRuntime L0 tryPerformIO: error on register 'ctl': bus"},
+      {[&] { kTrace.line(0, "{}", static_cast<void const*>(&local)); }, fmt::format("Test/KivRuntime L0 {}", fmt::ptr(&local))},
+      {[&] { kTrace.line(0, "null {}", nullText); }, "Test/KivRuntime L0 <bad trace format: string pointer is null>"},
+      {[] { kTrace.line(0, "{} {} {} {} {} {} {} {} {}", 1, 2, 3, 4, 5, 6, 7, 8, 9); },  // more than a record keeps
+       "Test/KivRuntime L0 1 2 3 4 5 6 7 8 9"},
+      // Strings longer than the line: cut, and the line as long as ever.
+      {[&] { kTrace.printf(0, "%s then %s and %u", longText, longText, 7u); },
+       ("Test/KivRuntime L0 " + longText).substr(0, 239)},
+      {[&] { kTrace.line(0, "{}{}", utf8, "tail"); }, ("Test/KivRuntime L0 " + utf8).substr(0, 239)},
+  };
+  for (auto const& [emit, expected] : cases) {
+    auto const [recorded, formatted] = recordedAndFormatted(emit);
+    EXPECT_EQ(recorded, expected);
+    EXPECT_EQ(formatted, expected);
+  }
+}
+
+TEST(KivTrace, RingKeepsTheNewestLinesAndOutlivesItsUnits) {
+  Kiv::Trace::ringClear();
+  size_t const total = Kiv::Trace::ringCapacity + 5;
+  for (size_t i = 0; i < total; ++i) kTrace.printf(0, "line %u", i);
+  auto lines = Kiv::Trace::ringLines();
+  ASSERT_EQ(lines.size(), Kiv::Trace::ringCapacity);
+  EXPECT_TRUE(lines.front().ends_with(" line 5")) << lines.front();
+  EXPECT_TRUE(lines.back().ends_with(fmt::format(" line {}", total - 1))) << lines.back();
+
+  // A record refers to its unit's name and format; a unit that goes away (its library
+  // unloaded) leaves its lines behind as text.
+  char unit[] = "Test/Gone";
+  char format[] = "gone with %s";
+  {
+    Kiv::TraceHandle gone(unit);
+    gone.printf(0, format, "its unit");
+  }
+  unit[0] = format[0] = '?';
+  EXPECT_TRUE(Kiv::Trace::ringLines().back().ends_with(" Test/Gone L0 gone with its unit"));
+}
+
 void failingCheck(Kiv::String const& who, U32 n) { KIV_ASSERT(kTrace, n < 3) << "too many for " << who << ": " << n; }
 int unreachable(int n) { KIV_FATAL(kTrace, "tableConsistent") << "row " << n << " lost"; }
 
-TEST(KivAssertDeathTest, PrintsConditionMessageUnitAndSignature) {
-  EXPECT_DEATH(failingCheck("chipA", 5),
-               "condition: n < 3\n  message:   too many for chipA: 5\n  unit:      Test/KivRuntime\n"
-               "  function:  void \\{anonymous\\}::failingCheck\\(const Kiv::String&, U32\\)");
+TEST(KivAssertDeathTest, PrintsConditionMessageUnitSignatureAndTheLastRingLines) {
+  auto const fail = [] {
+    kTrace.printf(0, "checking %s", Kiv::String("chipA"));
+    failingCheck("chipA", 5);
+  };
+  std::string const stamp = "[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\\.[0-9]{6} ";
+  EXPECT_DEATH(fail(), "condition: n < 3\n  message:   too many for chipA: 5\n  unit:      Test/KivRuntime\n"
+                       "  function:  void \\{anonymous\\}::failingCheck\\(const Kiv::String&, U32\\)\n"
+                       "(.|\n)*trace lines:\n(.|\n)*    " +
+                           stamp + "Test/KivRuntime L0 checking chipA\n    " + stamp +
+                           "Test/KivRuntime L0 FATAL: assertion \"n < 3\" failed: too many for chipA: 5\n");
   // The unconditional form prints the same report with its text in the condition's place.
   EXPECT_DEATH(unreachable(4),
                "condition: tableConsistent\n  message:   row 4 lost\n  unit:      Test/KivRuntime\n"

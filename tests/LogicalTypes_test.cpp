@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <sstream>
 #include <string>
 
@@ -168,17 +169,18 @@ TEST(LogicalTypesDeathTest, RegisterHasNoTextParser) {
 
 TEST(LogicalTypes, NamePartsHashAndMatchExactlyLikeTheNamesTheyStandFor) {
   Kiv::String const chip("chip0"), x("x");  // the parts refer to the chip name
-  // Every length residue of the shared prefix, and names longer than the inline buffer.
-  std::string const regs[] = {"", "r", "rg", "reg", "regs", "regis", std::string(300, 'q')};
-  std::string const fields[] = {"", "f", "fi", "fie", "fiel", std::string(200, 'z')};
+  std::string const regs[] = {"", "r", "regis", std::string(300, 'q')};
+  std::string const fields[] = {"", "f", "fiel", std::string(200, 'z')};
   for (auto const& reg : regs) {
     for (auto const& field : fields) {
       SCOPED_TRACE(reg.size() * 1000 + field.size());
       LogicalFieldNameParts const parts(chip, reg, field);
       LogicalFieldName const name = fieldName(chip, Kiv::String(reg), Kiv::String(field));
-      EXPECT_EQ(parts.regHash(), name.regName.fullName.hash());
-      EXPECT_EQ(parts.hash(), name.fullName.hash());
+      EXPECT_EQ(parts.regHash(), LogicalRegisterNameHash()(name.regName));
+      EXPECT_EQ(parts.hash(), LogicalFieldNameHash()(name));
       EXPECT_TRUE(parts.sameField(name));
+      LogicalFieldNameParts const fromStrings(chip, name.regName.name, name.name);  // cached hashes
+      EXPECT_EQ(fromStrings.hash(), parts.hash());
     }
   }
   LogicalFieldNameParts const parts(x, "a-b", "c");
@@ -192,4 +194,45 @@ TEST(LogicalTypes, NamePartsHashAndMatchExactlyLikeTheNamesTheyStandFor) {
   EXPECT_FALSE(reg.fieldHas(parts.asField()));
   reg.fieldIs(fieldName("x", "a-b", "c"), true);
   EXPECT_TRUE(reg.fieldHas(parts.asField()));
+}
+
+TEST(LogicalTypes, NameCollectionsFindEveryEntryThroughInsertsRemovalsAndCopies) {
+  // Few distinct hashes: long probe runs that wrap around the index and removals that
+  // must move later entries back.
+  struct FewHashes {
+    size_t operator()(LogicalFieldName const& n) const noexcept { return n.name.size() % 3 * 7; }
+  };
+  using Coll = LogicalNameCollection<LogicalFieldName, U32, FewHashes, LogicalFieldNameEqual>;
+  Coll coll;
+  std::map<std::string, U32> expected;
+  auto const name = [](unsigned i) { return fieldName("c", "r", std::string(1 + i % 7, 'a' + i % 5)); };
+  auto const check = [&](Coll const& c) {
+    ASSERT_EQ(c.size(), expected.size());
+    for (unsigned i = 0; i < 40; ++i) {
+      auto const it = expected.find(name(i).fullName.str());
+      U32 const* found = c.find(name(i));
+      ASSERT_EQ(found != nullptr, it != expected.end()) << i;
+      if (found) {
+        EXPECT_EQ(*found, it->second) << i;
+      }
+    }
+  };
+  for (unsigned i = 0; i < 200; ++i) {
+    unsigned const k = (i * 17) % 40;
+    if (i % 3 == 2) {
+      EXPECT_EQ(coll.erase(name(k)), expected.erase(name(k).fullName.str()) == 1);
+    } else {
+      bool const changed = !expected.count(name(k).fullName.str()) || expected[name(k).fullName.str()] != i;
+      expected[name(k).fullName.str()] = i;
+      EXPECT_EQ(coll.set(name(k), i), changed);
+    }
+    check(coll);
+  }
+  Coll copy(coll);
+  coll.clear();
+  check(copy);
+  Coll moved(std::move(copy));
+  check(moved);
+  EXPECT_TRUE(copy.empty());
+  EXPECT_EQ(copy.find(name(0)), nullptr);
 }
