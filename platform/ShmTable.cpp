@@ -596,7 +596,21 @@ void Table::followReplacement() const {
         if (image.computed != image.check || image.state > kDeleted) [[unlikely]]
           corrupt(bucket, image.computed != image.check ? std::string("check mismatch")
                                                         : fmt::format("unknown state {}", image.state));
-        return Entry{image.state, image.hash};
+        // A complete journal record of this entry's next write counts already, although the
+        // entry does not show it yet (its writer is between the two steps, or died there and
+        // the next writer will apply it): read the entry as that writer will.
+        U32 const* const journal = map.journal();
+        U32 const journalSeq = loadAcquire(journal[kJournalSeq]);
+        if (journalSeq == 0 || (journalSeq & 1u) != 0 || loadRelaxed(journal[kJournalBucket]) != bucket ||
+            loadRelaxed(journal[kJournalImage + kSeq]) != seq + 2u) [[likely]]
+          return Entry{image.state, image.hash};
+        Image const next = readImage(map.geo, bucket, seq + 2u, journal + kJournalImage, out);
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (loadRelaxed(journal[kJournalSeq]) == journalSeq && loadRelaxed(entry[kSeq]) == seq) {
+          if (next.computed != next.check || next.state > kDeleted) [[unlikely]]
+            corrupt(bucket, "the journal's record of its next write is damaged");
+          return Entry{next.state, next.hash};
+        }
       }
     } else {
       // Being written, or its writer died while writing it: the journal holds

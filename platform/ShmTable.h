@@ -23,10 +23,13 @@
 /// which readers use meanwhile and the next writer applies when it attaches.
 ///
 /// Reader protocol. An even seq that is the same before and after reading the
-/// entry gives a whole value. An odd seq means step 2 is under way (or its
-/// writer died in it): then the journal is complete and stable and holds the
-/// entry, so the reader takes it from there; it never waits for the writer,
-/// dead or alive. A seq that changed during the read means the writer made
+/// entry gives a whole value, unless the journal is complete and holds this
+/// entry's next write (tag = seq + 2: its writer finished step 1 and has not
+/// started step 2, or died between them): that write counts, so the reader
+/// takes the journal's record, as the next writer will apply it. An odd seq
+/// means step 2 is under way (or its writer died in it): then the journal is
+/// complete and stable and holds the entry, so the reader takes it from there;
+/// it never waits for the writer, dead or alive. A seq that changed during the read means the writer made
 /// progress and the read is retried (bounded, yielding after a few tries).
 /// Anything else (a check that does not match, an unknown state, an odd seq
 /// the journal does not explain) is damage and raises CorruptionException.

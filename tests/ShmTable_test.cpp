@@ -455,7 +455,7 @@ TEST_F(ShmTableTest, WriterKilledAtRandomInstantsLosesAndTearsNothing) {
 // The states a writer killed inside a write leaves are made exactly from a real
 // write of value 2 over value 1, by rolling parts of the file back (header:
 // bucket bytes at offset 28, journal at 36, first bucket at 40; seq words first).
-TEST_F(ShmTableTest, WriteCutOffInTheEntryIsCompletedAndInTheJournalNeverHappened) {
+TEST_F(ShmTableTest, WriteCutOffAfterTheJournalCountsForReadersAndWritersAndInTheJournalNeverHappened) {
   std::string const path = file("cut/t");
   std::vector<unsigned char> before, after;
   {
@@ -483,6 +483,16 @@ TEST_F(ShmTableTest, WriteCutOffInTheEntryIsCompletedAndInTheJournalNeverHappene
     std::vector<unsigned char> const repaired = readFile(path);  // and completed by the next writer
     EXPECT_TRUE(std::equal(after.begin() + entry, after.begin() + entry + bucketBytes, repaired.begin() + entry));
     EXPECT_EQ(t.size(), 1u);
+  }
+  // Between the two steps: the journal's record complete, the entry untouched. The write
+  // counts for a reader as it will for the next writer.
+  patch(path, 0, before.data(), before.size());
+  std::size_t const firstBucket = wordAt(after, 40);
+  patch(path, journal, after.data() + journal, firstBucket - journal);
+  EXPECT_EQ(get(reader, 1), 2u);
+  {
+    Table t = Table::openWriter(root(), "cut/t", shape(4));
+    EXPECT_EQ(get(t, 1), 2u);
   }
   // Inside the journal: the state before the write, with the journal half written over.
   patch(path, 0, before.data(), before.size());
