@@ -256,7 +256,7 @@ void VormRequest::stateIs(U8 state) {
     }
     return;
   }
-  if (status_ == kStatusIssued)
+  if (status_ == kStatusIssued && link_->vorm != nullptr)
     throw std::runtime_error("VormRequest: still in flight; it can be made idle once it has finished");
   state_ = 0;
   notify<Notifiee>([](Notifiee& n) { n.onState(); });

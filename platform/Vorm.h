@@ -155,7 +155,8 @@ public:
   /// @brief Issues the request (1) or makes a finished one idle again (0) for another operation.
   /// @throws Kiv::RangeException for a value above 1
   /// @throws std::runtime_error when issuing without an operation or after the manager
-  ///         has gone, or when making a request idle that has not finished yet.
+  ///         has gone, or when making a request idle that is still in flight (a request
+  ///         left in flight by a manager that has gone can be made idle).
   void stateIs(U8 state);
 
   /// @brief The manager's status of the request (see the class comment).
