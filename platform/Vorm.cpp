@@ -370,9 +370,10 @@ void Vorm::issue(VormRequest& request) {
   Impl& m = *impl_;
   VormOp const& op = request.op_;
   U64 const ticket = m.nextTicket;
-  Clock::time_point const deadline = Clock::now() + timeout_;
+  Clock::time_point const now = Clock::now();
+  Clock::time_point const deadline = now + timeout_;
   // The requester's word is read here, on its thread; the worker sees only the copy.
-  Job job{ticket, VormTransfer{op.opcode, op.address, op.opcode == VormOp::Opcode::write ? *op.data : 0}};
+  Job job{ticket, VormTransfer{op.opcode, op.address, op.opcode == VormOp::Opcode::write ? *op.data : 0, now}};
   // Room first, so that a job once queued always has its book entry.
   m.inFlight.reserveOne();
   {

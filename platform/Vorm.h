@@ -209,6 +209,7 @@ struct VormTransfer {
   VormOp::Opcode opcode = VormOp::Opcode::read;
   SmbusAddress address;
   U32 value = 0;  ///< in: the value to write; out: the value read
+  std::chrono::steady_clock::time_point issued;  ///< when the requester issued it
 };
 
 /// @brief A bus. `transfer` runs on the manager's worker thread only, one call at a time;

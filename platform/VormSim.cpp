@@ -1,5 +1,6 @@
 #include "VormSim.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
@@ -103,6 +104,7 @@ VormOutcome VormSimBackend::transfer(VormTransfer& t) noexcept {
     U64 const generation = hangGeneration_;
     released_.wait(lock, [&] { return hangGeneration_ != generation; });
     --hanging_;
+    busFreeAt_ = std::max(busFreeAt_, Clock::now());
   }
   bool nack = false;
   if (nackNext_ > 0) {
@@ -115,9 +117,9 @@ VormOutcome VormSimBackend::transfer(VormTransfer& t) noexcept {
   if (latencyMax_ > latencyMin_)
     latency = Duration(std::uniform_int_distribution<Duration::rep>(latencyMin_.count(), latencyMax_.count())(random_));
   if (latency > Duration::zero()) {
-    // Back to back with the previous transaction when the worker went straight on.
-    Clock::time_point const now = Clock::now();
-    Clock::time_point const start = now - busFreeAt_ < latency ? busFreeAt_ : now;
+    // A bus serving its queue: the transaction starts when it was issued or when the
+    // previous one ended, whichever is later, however late the worker woke.
+    Clock::time_point const start = std::max(t.issued, busFreeAt_);
     busFreeAt_ = start + latency;
     Clock::time_point const end = busFreeAt_;
     lock.unlock();

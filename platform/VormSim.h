@@ -9,11 +9,13 @@
 /// no chip is NACKed (ENXIO, as i2c-dev reports an address nobody answers).
 ///
 /// Time. Every transaction occupies the bus for a latency drawn uniformly from
-/// [min, max] (0 by default). The worker sleeps until the transaction's end, which
-/// is counted from the end of the previous transaction when that was less than one
-/// transaction time ago (from now otherwise), so wake-up delays of a busy machine
-/// do not add bus time: a bus of 100 us transactions performs 10,000 a second
-/// while it has work.
+/// [min, max] (0 by default). The simulated bus serves its queue as a real one does:
+/// a transaction starts when it was issued or when the previous one ended, whichever
+/// is later, and ends one latency after that; the worker sleeps until that end (not
+/// at all if it is already past). So the worker's wake-up delays on a busy machine
+/// delay when results are reported, not the bus: a bus of 100 us transactions with
+/// work queued performs 10,000 a second, and a worker that woke late catches up. A
+/// hung transaction starts when it is released.
 ///
 /// Faults, decided per transaction in this order: a pending hang (hangNextIs), then
 /// a pending NACK (nackNextIs), then a random NACK (failureRateIs, from a seeded
