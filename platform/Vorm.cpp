@@ -246,14 +246,27 @@ void VormRequest::stateIs(U8 state) {
     if (vorm == nullptr)
       throw std::runtime_error("VormRequest: its hardware-access manager is gone; the request cannot be issued");
     if (!hasOp_) throw std::runtime_error("VormRequest: issued without an operation (opIs first)");
+    vorm->issue(*this);  // queued, or an exception with nothing changed
+    // Both attributes change before anyone hears of either; a throwing observer does
+    // not keep the other attribute's observers uninformed.
+    bool const statusChanges = status_ != kStatusIssued;
     state_ = 1;
-    notify<Notifiee>([](Notifiee& n) { n.onState(); });
+    status_ = kStatusIssued;
+    error_ = 0;
+    std::exception_ptr first;
     try {
-      vorm->issue(*this);
+      notify<Notifiee>([](Notifiee& n) { n.onState(); });
     } catch (...) {
-      state_ = 0;  // not queued: the requester may try again
-      throw;
+      first = std::current_exception();
     }
+    if (statusChanges) {
+      try {
+        notify<Notifiee>([](Notifiee& n) { n.onStatus(); });
+      } catch (...) {
+        if (!first) first = std::current_exception();
+      }
+    }
+    if (first) std::rethrow_exception(first);
     return;
   }
   if (status_ == kStatusIssued && link_->vorm != nullptr)
@@ -384,8 +397,6 @@ void Vorm::issue(VormRequest& request) {
   m.inFlight.push(InFlight{ticket, deadline, Kiv::Ptr<VormRequest>(&request)});
   ++m.nextTicket;
   if (!m.timerArmed) m.armTimer(deadline, true);
-  request.error_ = 0;
-  request.statusIs(VormRequest::kStatusIssued);
 }
 
 U32 Vorm::dispatch() {
