@@ -6,7 +6,7 @@
 ///
 /// Chips are added by peripheral address; each has 65536 32-bit registers (one per
 /// register offset), all 0 at first and kept sparsely. An access to an address with
-/// no chip is NACKed (ENXIO, as i2c-dev reports an address nobody answers).
+/// no chip is NACKed (ENXIO, what most i2c-dev adapters report for an address nobody answers).
 ///
 /// Time. Every transaction occupies the bus for a latency drawn uniformly from
 /// [min, max] (0 by default). The simulated bus serves its queue as a real one does:
