@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -275,6 +276,18 @@ protected:
     return chip->shadowFieldsStatus()->field(key).value;
   }
 
+  // What `tarnreg shadow show` prints for the table at @p path of this test's root.
+  std::string shadowShow(std::string const& path) const {
+    std::string const command =
+        std::string(TARN_BINARY_DIR "/tools/tarnreg shadow show --root ") + base_ + "/root " + path;
+    std::FILE* const out = ::popen(command.c_str(), "r");
+    std::string text;
+    char buffer[256];
+    for (size_t n; out && (n = std::fread(buffer, 1, sizeof buffer, out)) > 0;) text.append(buffer, n);
+    EXPECT_TRUE(out && ::pclose(out) == 0) << command;
+    return text;
+  }
+
   std::string base_;
   int fd_ = -1;
   Environment env;
@@ -299,6 +312,11 @@ TEST_F(SystemChipStatus, NewChipGetsItsObjectsInOrderAndItsValuesReachTheHardwar
   // From now on a logical write reaches the register without further help.
   logical->chip("c0")->fieldWrite("lreg", "a", 0x7);
   EXPECT_EQ(reg(0), 0x7u);
+  // Another process reads what was applied, while this one keeps the tables as their writer.
+  EXPECT_EQ(shadowShow("TarnRegFile/shadowFieldsStatus/c0"),
+            "address     start  size  value\n"
+            "0x00000000      0     8  0x00000007\n"
+            "0x00000004      8     8  0x00000005\n");
   // Changes inside a chip status, and a repeated chipStatusIs, do not reach the state machine.
   env.events.clear();
   status->chipStatus("c0")->devIdIs(Hardware::DevId(9));
