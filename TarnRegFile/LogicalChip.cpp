@@ -1038,8 +1038,13 @@ void LogicalChip::shadowFieldsStatusIs(Kiv::Ptr<ShadowFieldsStatus> const& statu
 void LogicalChip::mountShadowFields(Kiv::Ptr<Kiv::Shm::EntityManager> const& entityManager,
                                     Kiv::String const& configPath, Kiv::String const& statusPath) {
   kTrace.line(5, "LogicalChip::mountShadowFields chip: {} config: {} status: {}", name(), configPath, statusPath);
-  // One table row per physical field populated so far.
-  auto const description = Kiv::Shm::MountDescription().collectionIs("field", physicalFieldCount_);
+  // The capacity follows the shadow addresses handed out so far (a describer may set the count
+  // to register addresses); the tables are sized for the fields at once, not grown to them.
+  U32 fields = 0;
+  for (auto const& record : physical_) fields += record.present ? 1u : 0u;
+  auto const description = Kiv::Shm::MountDescription()
+                               .collectionIs("field", physicalFieldCount_)
+                               .expectedEntriesIs("field", std::min(fields, physicalFieldCount_));
   auto group = entityManager->mountGroup();
   group.mount(configPath.str(), "TarnRegFile::ShadowFieldsConfig", description);
   shadowFieldsConfigIs(Kiv::ptr_cast<ShadowFieldsConfig>(entityManager->entity(configPath.view())));

@@ -213,12 +213,13 @@ void ShadowFields::mountStatusIs(Kiv::Shm::MountStatus status) {
 // ---------------------------------------------------------------------------------------------- attachment
 
 void ShadowFields::attachTo(Kiv::Shm::Root const& root, std::string const& path, Kiv::Shm::MountMode mode,
-                            U32 capacity) {
+                            U32 capacity, U32 expectedEntries) {
   detach();
   mountStatusIs(Kiv::Shm::MountStatus::mounting);
   try {
     if (mode == Kiv::Shm::MountMode::writer)
-      field_.emplace(ShadowFieldCollection::openWriter(root, path, std::max<U32>(capacity, 1)));
+      field_.emplace(ShadowFieldCollection::openWriter(root, path, std::max<U32>(capacity, 1),
+                                                       Kiv::Shm::GroupMode::Private, expectedEntries));
     else
       field_.emplace(ShadowFieldCollection::openReader(root, path));
   } catch (...) {
@@ -259,7 +260,8 @@ void ShadowFields::handleParent(Kiv::Entity* parent) {
     std::string const path = up.empty() ? name().str() : up + "/" + name().str();
     Kiv::Shm::MountMode const mode = manager->modeOf(path);
     U32 const capacity = mode == Kiv::Shm::MountMode::writer ? manager->capacityOf(path, kFieldCollection) : 0;
-    attachTo(manager->root(), path, mode, capacity);
+    attachTo(manager->root(), path, mode, capacity,
+             mode == Kiv::Shm::MountMode::writer ? manager->expectedEntriesOf(path, kFieldCollection) : 0);
   } catch (...) {
     mountStatusIs(Kiv::Shm::MountStatus::failed);
     throw;

@@ -197,7 +197,9 @@ protected:
   void onZeroReferences() const noexcept override;
 
   /// @brief Attaches the `field` collection to the table at @p path (capacity used by writers only).
-  void attachTo(Kiv::Shm::Root const& root, std::string const& path, Kiv::Shm::MountMode mode, U32 capacity);
+  /// A new table is sized for @p expectedEntries at once.
+  void attachTo(Kiv::Shm::Root const& root, std::string const& path, Kiv::Shm::MountMode mode, U32 capacity,
+                U32 expectedEntries = 0);
   /// @brief Detaches from the table, if attached.
   void detach() noexcept;
 

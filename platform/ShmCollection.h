@@ -85,8 +85,9 @@ public:
 
   /// @brief Creates or attaches to the table of @p path as its writer (see Table::openWriter).
   static Collection openWriter(Root const& root, std::string_view path, U32 capacity,
-                               GroupMode group = GroupMode::Private) {
-    return Collection(Table::openWriter(root, path, TableSpec{Traits::valueSize, Traits::keySize, capacity}, group));
+                               GroupMode group = GroupMode::Private, U32 expectedEntries = 0) {
+    return Collection(Table::openWriter(
+        root, path, TableSpec{Traits::valueSize, Traits::keySize, capacity, expectedEntries}, group));
   }
 
   /// @brief Maps the existing table of @p path read-only; its value and key sizes must be the Traits'.

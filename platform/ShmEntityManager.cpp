@@ -118,6 +118,16 @@ std::optional<U32> MountDescription::capacity(std::string_view name) const {
   return it->second;
 }
 
+MountDescription& MountDescription::expectedEntriesIs(std::string const& name, U32 entries) {
+  expectedEntries_[name] = entries;
+  return *this;
+}
+
+U32 MountDescription::expectedEntries(std::string_view name) const {
+  auto const it = expectedEntries_.find(name);
+  return it == expectedEntries_.end() ? 0 : it->second;
+}
+
 Directory::Directory(Kiv::String name) : Kiv::Entity(std::move(name)) {}
 
 // ---------------------------------------------------------------------------------------------- mount groups
@@ -264,6 +274,11 @@ U32 EntityManager::capacityOf(std::string_view path, std::string_view collection
     throw std::invalid_argument(
         fmt::format("the mount description of '{}' gives no capacity for collection '{}'", path, collectionName));
   return *capacity;
+}
+
+U32 EntityManager::expectedEntriesOf(std::string_view path, std::string_view collectionName) const {
+  Node const* const n = node(path);
+  return n && !n->typeName.empty() ? n->description.expectedEntries(collectionName) : 0;
 }
 
 std::vector<std::string> EntityManager::mountedPaths() const {

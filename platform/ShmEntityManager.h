@@ -153,11 +153,17 @@ public:
   MountDescription& collectionIs(std::string const& name, U32 capacity);
   /// @brief The capacity of collection @p name, or nothing when it is not described.
   std::optional<U32> capacity(std::string_view name) const;
+  /// @brief Says that collection @p name will soon hold @p entries, so that a table created for it
+  /// is sized for them at once (a hint: the capacity stays the limit).
+  MountDescription& expectedEntriesIs(std::string const& name, U32 entries);
+  /// @brief The entries expected in collection @p name (0 when not said).
+  U32 expectedEntries(std::string_view name) const;
   /// @brief Every described collection, by name.
   std::map<std::string, U32, std::less<>> const& collections() const noexcept { return collections_; }
 
 private:
   std::map<std::string, U32, std::less<>> collections_;
+  std::map<std::string, U32, std::less<>> expectedEntries_;
 };
 
 /// @brief The entity at an intermediate component of a mount path.
@@ -242,6 +248,8 @@ public:
   ///
   /// Throws std::invalid_argument when nothing is mounted there or its description lacks the collection.
   U32 capacityOf(std::string_view path, std::string_view collectionName) const;
+  /// @brief The entries the mount description of @p path expects in @p collectionName (0: none said).
+  U32 expectedEntriesOf(std::string_view path, std::string_view collectionName) const;
   /// @brief Paths of every mounted entity (directories excluded), sorted.
   std::vector<std::string> mountedPaths() const;
 

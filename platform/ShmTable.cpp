@@ -433,7 +433,8 @@ Table Table::openWriter(Root const& root, std::string_view path, TableSpec shape
     Fd fd = root.openFile(where, true);
     if (!fd) {
       table.limitIs(shape);
-      auto fresh = createFile(root, where, group, shape, bucketsFor(0, table.ceiling_), randomSeed());
+      auto fresh = createFile(root, where, group, shape,
+                              bucketsFor(std::min(shape.expectedEntries, shape.capacity), table.ceiling_), randomSeed());
       if (!root.linkAs(where, fresh->fd.get(), where.leaf))
         continue;  // created by someone else meanwhile: attach to theirs
       table.adopt(std::move(fresh));
@@ -747,6 +748,9 @@ void Table::write(std::byte const* value, U32 hash) {
   requireWriter("write");
   Probe where = probe(*map_, value, hash, scratch_.data());
   std::shared_ptr<Mapping> keep;  // @p value may point into the writer slot of a file a rebuild replaces
+  // The same bytes again change nothing: no journal, no change counted, no reader woken.
+  if (where.found && std::memcmp(scratch_.data(), value, map_->geo.valueSize) == 0)
+    return;
   if (!where.found) {
     if (used_ >= limit_)
       throw std::runtime_error(fmt::format("shared-memory table '{}' is full (capacity {})", path_, limit_));

@@ -97,6 +97,9 @@ struct TableSpec {
   U32 valueSize = 0;
   U32 keySize = 0;
   U32 capacity = 0;
+  /// Entries a writer that creates the table expects to hold soon: the new file is sized for them
+  /// at once instead of growing step by step (a chip mounting all its fields). 0: start small.
+  U32 expectedEntries = 0;
 };
 
 class TARN_API Table {
@@ -139,7 +142,8 @@ public:
   Table& operator=(Table&&) noexcept;
   ~Table();
 
-  /// @brief Inserts @p value (valueSize() bytes) or replaces the entry with its key.
+  /// @brief Inserts @p value (valueSize() bytes) or replaces the entry with its key. Writing the
+  /// bytes an entry already holds changes nothing (not even the change counter).
   ///
   /// A new key may grow the table (a rebuild). Throws std::runtime_error
   /// "shared-memory table '<path>' is full (capacity N)" when a new key would

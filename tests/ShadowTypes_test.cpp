@@ -92,10 +92,10 @@ TEST_F(ShadowTypesTest, EveryWriteAndRemovalNotifiesItsKeyButDelAllOnlyWhatWasTh
   config_->fieldIs(ShadowFieldValue(a, 1));
   config_->fieldIs(ShadowFieldValue(a, 2));  // replaces
   config_->fieldIs(ShadowFieldValue(b, 7));
-  config_->fieldIs(ShadowFieldValue(b, 7));  // no change detection
+  config_->fieldIs(ShadowFieldValue(b, 7));  // announced again, but the table does not change
   config_->fieldNotify(a);                   // announces without a change
   EXPECT_EQ(recorder_.taken(), (Keys{a, a, b, b, a}));
-  EXPECT_EQ(config_->fieldChangeCounter(), changes + 4);
+  EXPECT_EQ(config_->fieldChangeCounter(), changes + 3) << "other processes are not woken for the same value";
   EXPECT_EQ(config_->field(a), ShadowFieldValue(a, 2));
   EXPECT_EQ(config_->fieldCount(), 2u);
 
