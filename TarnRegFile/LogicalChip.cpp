@@ -384,27 +384,37 @@ size_t nextMapped(std::vector<ChipNames::Id> const& to, size_t pos) noexcept {
 
 }  // namespace
 
+template <>
 size_t LogicalToPhysicalSource::positions() const noexcept { return owner->forward_.size(); }
+template <>
 size_t LogicalToPhysicalSource::next(size_t pos) const noexcept { return nextMapped(owner->forward_, pos); }
+template <>
 size_t LogicalToPhysicalSource::size() const noexcept { return owner->forwardCount_; }
+template <>
 std::pair<LogicalFieldName, PhysicalFieldName> LogicalToPhysicalSource::entry(size_t pos) const {
   ChipNames const& names = owner->names();
   return {names.fieldName<LogicalFieldName>(static_cast<ChipNames::Id>(pos)),
           names.fieldName<PhysicalFieldName>(owner->forward_[pos])};
 }
+template <>
 std::optional<PhysicalFieldName> LogicalToPhysicalSource::find(LogicalFieldName const& key) const {
   if (!owner->logicalToPhysicalHas(key)) return std::nullopt;
   return owner->logicalToPhysical(key);
 }
 
+template <>
 size_t PhysicalToLogicalSource::positions() const noexcept { return owner->reverse_.size(); }
+template <>
 size_t PhysicalToLogicalSource::next(size_t pos) const noexcept { return nextMapped(owner->reverse_, pos); }
+template <>
 size_t PhysicalToLogicalSource::size() const noexcept { return owner->reverseCount_; }
+template <>
 std::pair<PhysicalFieldName, LogicalFieldName> PhysicalToLogicalSource::entry(size_t pos) const {
   ChipNames const& names = owner->names();
   return {names.fieldName<PhysicalFieldName>(static_cast<ChipNames::Id>(pos)),
           names.fieldName<LogicalFieldName>(owner->reverse_[pos])};
 }
+template <>
 std::optional<LogicalFieldName> PhysicalToLogicalSource::find(PhysicalFieldName const& key) const {
   if (!owner->physicalToLogicalHas(key)) return std::nullopt;
   return owner->physicalToLogical(key);
@@ -806,68 +816,88 @@ void LogicalChip::initializedIs(bool initialized) {
 
 // ---- views
 
+template <>
 size_t RegCollSource::positions() const noexcept { return owner->registers_.size(); }
+template <>
 size_t RegCollSource::next(size_t pos) const noexcept {
   while (pos < owner->registers_.size() && !owner->registers_[pos].present) ++pos;
   return pos;
 }
+template <>
 size_t RegCollSource::size() const noexcept { return owner->registerCount_; }
+template <>
 std::pair<LogicalRegisterName, LogicalRegister> RegCollSource::entry(size_t pos) const {
   auto name = owner->names().registerName<LogicalRegisterName>(owner->registers_[pos].name);
   auto reg = owner->registerValue(static_cast<U32>(pos), name);
   return {std::move(name), std::move(reg)};
 }
+template <>
 std::optional<LogicalRegister> RegCollSource::find(LogicalRegisterName const& key) const {
   if (!owner->regCollHas(key)) return std::nullopt;
   return owner->regColl(key);
 }
 
+template <>
 size_t LogicalFieldSource::positions() const noexcept { return owner->logical_.size(); }
+template <>
 size_t LogicalFieldSource::next(size_t pos) const noexcept {
   while (pos < owner->logical_.size() && !(owner->logical_[pos].flags & LogicalChip::kPresent)) ++pos;
   return pos;
 }
+template <>
 size_t LogicalFieldSource::size() const noexcept { return owner->logicalCount_; }
+template <>
 std::pair<LogicalFieldName, LogicalField> LogicalFieldSource::entry(size_t pos) const {
   auto const id = static_cast<ChipNames::Id>(pos);
   auto name = owner->names().fieldName<LogicalFieldName>(id);
   auto field = owner->logicalFieldValueOf(id, name);
   return {std::move(name), std::move(field)};
 }
+template <>
 std::optional<LogicalField> LogicalFieldSource::find(LogicalFieldName const& key) const {
   ChipNames::Id const id = owner->names().findField(key);
   if (!owner->logicalFieldValue(id)) return std::nullopt;
   return owner->logicalFieldValueOf(id, key);
 }
 
+template <>
 size_t PhysicalFieldSource::positions() const noexcept { return owner->physical_.size(); }
+template <>
 size_t PhysicalFieldSource::next(size_t pos) const noexcept {
   while (pos < owner->physical_.size() && !owner->physical_[pos].present) ++pos;
   return pos;
 }
+template <>
 size_t PhysicalFieldSource::size() const noexcept { return owner->physicalCount_; }
+template <>
 std::pair<PhysicalFieldName, PhysicalField> PhysicalFieldSource::entry(size_t pos) const {
   auto const id = static_cast<ChipNames::Id>(pos);
   auto name = owner->names().fieldName<PhysicalFieldName>(id);
   auto field = owner->physicalFieldValueOf(id, name);
   return {std::move(name), std::move(field)};
 }
+template <>
 std::optional<PhysicalField> PhysicalFieldSource::find(PhysicalFieldName const& key) const {
   ChipNames::Id const id = owner->names().findField(key);
   if (!owner->physicalFieldKey(id)) return std::nullopt;
   return owner->physicalFieldValueOf(id, key);
 }
 
+template <>
 size_t ShadowToPhysicalNameSource::positions() const noexcept { return owner->shadow_.size(); }
+template <>
 size_t ShadowToPhysicalNameSource::next(size_t pos) const noexcept {
   while (pos < owner->shadow_.size() && owner->shadow_[pos].field == ChipNames::none) ++pos;
   return pos;
 }
+template <>
 size_t ShadowToPhysicalNameSource::size() const noexcept { return owner->shadowCount_; }
+template <>
 std::pair<ShadowFieldKey, PhysicalFieldName> ShadowToPhysicalNameSource::entry(size_t pos) const {
   auto const& slot = owner->shadow_[pos];
   return {slot.key, owner->names().fieldName<PhysicalFieldName>(slot.field)};
 }
+template <>
 std::optional<PhysicalFieldName> ShadowToPhysicalNameSource::find(ShadowFieldKey const& key) const {
   if (!owner->shadowToPhysicalNameHas(key)) return std::nullopt;
   return owner->shadowToPhysicalName(key);

@@ -234,67 +234,26 @@ private:
 class Translation;
 class LogicalChip;
 
-/// @brief Sources of the entity collections' views (see CompactEntries).
-struct TARN_API LogicalToPhysicalSource {
-  using Key = LogicalFieldName;
-  using Value = PhysicalFieldName;
-  Translation const* owner;
+/// @brief How a view (CompactEntries) reaches one compact collection of @p Owner: the positions
+/// of its storage, the next position in use, the number of entries, the entry at a position
+/// built as values, and a lookup. Each collection defines these in LogicalChip.cpp.
+template <class Owner, class K, class V>
+struct TARN_API CompactSource {
+  using Key = K;
+  using Value = V;
+  Owner const* owner;
   size_t positions() const noexcept;
   size_t next(size_t pos) const noexcept;
   size_t size() const noexcept;
   std::pair<Key, Value> entry(size_t pos) const;
   std::optional<Value> find(Key const& key) const;
 };
-struct TARN_API PhysicalToLogicalSource {
-  using Key = PhysicalFieldName;
-  using Value = LogicalFieldName;
-  Translation const* owner;
-  size_t positions() const noexcept;
-  size_t next(size_t pos) const noexcept;
-  size_t size() const noexcept;
-  std::pair<Key, Value> entry(size_t pos) const;
-  std::optional<Value> find(Key const& key) const;
-};
-struct TARN_API RegCollSource {
-  using Key = LogicalRegisterName;
-  using Value = LogicalRegister;
-  LogicalChip const* owner;
-  size_t positions() const noexcept;
-  size_t next(size_t pos) const noexcept;
-  size_t size() const noexcept;
-  std::pair<Key, Value> entry(size_t pos) const;
-  std::optional<Value> find(Key const& key) const;
-};
-struct TARN_API LogicalFieldSource {
-  using Key = LogicalFieldName;
-  using Value = LogicalField;
-  LogicalChip const* owner;
-  size_t positions() const noexcept;
-  size_t next(size_t pos) const noexcept;
-  size_t size() const noexcept;
-  std::pair<Key, Value> entry(size_t pos) const;
-  std::optional<Value> find(Key const& key) const;
-};
-struct TARN_API PhysicalFieldSource {
-  using Key = PhysicalFieldName;
-  using Value = PhysicalField;
-  LogicalChip const* owner;
-  size_t positions() const noexcept;
-  size_t next(size_t pos) const noexcept;
-  size_t size() const noexcept;
-  std::pair<Key, Value> entry(size_t pos) const;
-  std::optional<Value> find(Key const& key) const;
-};
-struct TARN_API ShadowToPhysicalNameSource {
-  using Key = ShadowFieldKey;
-  using Value = PhysicalFieldName;
-  LogicalChip const* owner;
-  size_t positions() const noexcept;
-  size_t next(size_t pos) const noexcept;
-  size_t size() const noexcept;
-  std::pair<Key, Value> entry(size_t pos) const;
-  std::optional<Value> find(Key const& key) const;
-};
+using LogicalToPhysicalSource = CompactSource<Translation, LogicalFieldName, PhysicalFieldName>;
+using PhysicalToLogicalSource = CompactSource<Translation, PhysicalFieldName, LogicalFieldName>;
+using RegCollSource = CompactSource<LogicalChip, LogicalRegisterName, LogicalRegister>;
+using LogicalFieldSource = CompactSource<LogicalChip, LogicalFieldName, LogicalField>;
+using PhysicalFieldSource = CompactSource<LogicalChip, PhysicalFieldName, PhysicalField>;
+using ShadowToPhysicalNameSource = CompactSource<LogicalChip, ShadowFieldKey, PhysicalFieldName>;
 
 /// @brief Per-chip dictionary between logical and physical field names, in both directions.
 ///
@@ -370,8 +329,8 @@ protected:
 
 private:
   friend class LogicalChip;
-  friend struct LogicalToPhysicalSource;
-  friend struct PhysicalToLogicalSource;
+  friend LogicalToPhysicalSource;
+  friend PhysicalToLogicalSource;
 
   static void map(std::vector<FieldId>& to, size_t& count, FieldId from, FieldId target);
   static void unmap(std::vector<FieldId>& to, size_t& count, FieldId from) noexcept;
@@ -581,10 +540,10 @@ protected:
   friend Kiv::Ptr<T> Kiv::create(A&&...);
 
 private:
-  friend struct RegCollSource;
-  friend struct LogicalFieldSource;
-  friend struct PhysicalFieldSource;
-  friend struct ShadowToPhysicalNameSource;
+  friend RegCollSource;
+  friend LogicalFieldSource;
+  friend PhysicalFieldSource;
+  friend ShadowToPhysicalNameSource;
 
   using Id = ChipNames::Id;
   static constexpr Id none = ChipNames::none;
