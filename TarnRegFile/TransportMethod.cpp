@@ -276,6 +276,10 @@ bool TransportMethod::tryPerformIO(Kiv::String const& regName, TransportOperatio
   } catch (std::runtime_error const& e) {
     if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName, e.what());
     failed(regName, op, TransportErrorKind::Other, 0, e.what());
+  } catch (Kiv::RangeException const& e) {
+    // A device address the bus cannot carry (the asynchronous I2C transport's 7-bit peripheral).
+    if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName, e.what());
+    failed(regName, op, TransportErrorKind::OutOfRange, 0, e.what());
   }
   return false;
 }

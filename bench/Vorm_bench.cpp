@@ -11,14 +11,23 @@
 //    share of it (target: 0.9 or more). 16 requests per bus are 1.6 ms of bus work:
 //    an owner or worker thread kept off the CPU longer than that (a saturated
 //    machine) idles the buses, which shows here and not in the CPU time.
+//  - TransportRoundTrip and TransportPipelined/64: RoundTrip and Pipelined/64 again,
+//    with every access made by name through TransportMethod's callback forms over the
+//    asynchronous I2C transport (name lookup, an entry and a reactor per access, the
+//    callback), re-issued from its callback. Compare each with its plain counterpart in
+//    the same run: the ratio is the transport's share.
 
 #include "Vorm.h"
 #include "VormSim.h"
+
+#include "HardwareRegisterFile.h"
+#include "TarnRegFile/TransportMethod.h"
 
 #include <benchmark/benchmark.h>
 
 #include <chrono>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <poll.h>
@@ -113,5 +122,62 @@ void BM_FourBuses100us(benchmark::State& state) {
   state.counters["vs_ideal"] = perSecond / 40000.0;
 }
 BENCHMARK(BM_FourBuses100us)->Arg(64)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// The same accesses by name through the asynchronous I2C transport.
+struct TransportRig {
+  TransportRig() {
+    auto sim = std::make_shared<VormSimBackend>(1);
+    sim->chipIs(U7(0x50));
+    vorm = Vorm::VormIs("bench", sim, 10s);
+    auto model = Hardware::TarnRegFile::HardwareRegisterFile::HardwareRegisterFileIs("bench");
+    for (U32 i = 0; i < 64; ++i) {
+      names.push_back(Kiv::String(("r" + std::to_string(i)).c_str()));
+      model->registerIs({names.back(), Hardware::TarnRegFile::HardwareRegisterType::cfg, true, 4 * i, 32, 32});
+    }
+    tm = TarnRegFile::TransportMethod::TransportMethodIs("bench");
+    tm->fullInit(TarnRegFile::i2cVormTransportDescriptorFactory(vorm, 0x50),
+                 TarnRegFile::TransportMethodRegFile("", model));
+  }
+  void issue(U32 i) {
+    if (budget == 0) return;
+    --budget;
+    tm->regReadWithCallback(names[i], [this, i](char const*, TarnRegFile::RegCallbackStatus, uint32_t) {
+      ++finished;
+      issue(i);
+    });
+  }
+  void run(U64 accesses, U32 inFlight) {
+    budget = accesses;
+    finished = 0;
+    for (U32 i = 0; i < inFlight; ++i) issue(i);
+    pollfd fd{vorm->fd(), POLLIN, 0};
+    while (finished < accesses) {
+      ::poll(&fd, 1, -1);
+      vorm->dispatch();
+    }
+  }
+  Kiv::Ptr<Vorm> vorm;
+  Kiv::Ptr<TarnRegFile::TransportMethod> tm;
+  std::vector<Kiv::String> names;
+  U64 budget = 0;
+  U64 finished = 0;
+};
+
+void BM_TransportRoundTrip(benchmark::State& state) {
+  TransportRig rig;
+  for (auto _ : state) rig.run(1, 1);
+  state.counters["per_access"] = benchmark::Counter(double(state.iterations()),
+                                                    benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_TransportRoundTrip)->UseRealTime();
+
+void BM_TransportPipelined(benchmark::State& state) {
+  constexpr U64 kAccesses = 4096;
+  TransportRig rig;
+  for (auto _ : state) rig.run(kAccesses, U32(state.range(0)));
+  state.counters["per_access"] = benchmark::Counter(double(state.iterations() * kAccesses),
+                                                    benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_TransportPipelined)->Arg(64)->UseRealTime();
 
 }  // namespace

@@ -154,6 +154,9 @@ TEST_F(Tarnreg, ListAndLookupTouchNoDeviceAndScaleAddressesForTheTransport) {
   EXPECT_EQ("scratch\n", runTool(i2c + Args{"lookup", "2"}).out);
   EXPECT_EQ(6u, Json::parse(runTool(i2c + Args{"--json", "list"}).out)[4].at("address"));
   EXPECT_EQ("scratch\n", runTool({"--map", map_, "lookup", "8"}).out);
+  // The asynchronous I2C transport counts bytes, 4 per register, like PCI.
+  Args const async{"--map", map_, "--i2c-async", dir_ + "/no-such-i2c-node", "--addr", "0x50"};
+  EXPECT_EQ("scratch\n", runTool(async + Args{"lookup", "8"}).out);
   expectFailure(runTool({"--map", map_, "lookup", "0x9"}), 1, "no register at address 0x9 in map");
 }
 
@@ -187,6 +190,10 @@ TEST_F(Tarnreg, UnknownRegistersMapsAndDevicesAreOneLineAndCreateNothing) {
   std::string const node = dir_ + "/i2c-404";
   expectFailure(runTool({"--map", map_, "--i2c", node, "--addr", "0x50", "read", "scratch"}), 1,
                 "Error opening I2C device " + node + ": No such file or directory");
+  expectFailure(runTool({"--map", map_, "--i2c-async", node, "--addr", "0x50", "dump"}), 1,
+                "Error opening I2C device " + node + ": No such file or directory");
+  expectFailure(runTool({"--map", map_, "--i2c-async", "/dev/null", "--addr", "0x50", "write", "scratch", "1"}), 1,
+                "Error reading the functions of I2C adapter /dev/null");
   expectFailure(runTool({"--map", map_, "--pci", dir_ + "/resource9", "read", "scratch"}), 1, dir_ + "/resource9");
 }
 
@@ -230,7 +237,12 @@ TEST_F(Tarnreg, CommandLineMistakesAreUsageErrors) {
       {{"--map", map_, "--i2c", "/dev/i2c-1", "read", "scratch"}, "--i2c needs the chip's address"},
       {{"--map", map_, "--i2c", "/dev/i2c-1", "--addr", "0x80", "list"}, "I2C address '0x80' is not a number in 0x00 - 0x7f"},
       {{"--map", map_, "--i2c", "/dev/i2c-1", "--addr", "8", "--flavour", "byte", "list"}, "byte"},
-      {{"--map", map_, "--addr", "8", "list"}, "--addr and --flavour go with --i2c"},
+      {{"--map", map_, "--addr", "8", "list"}, "--addr goes with --i2c or --i2c-async"},
+      {{"--map", map_, "--i2c-async", "/dev/i2c-1", "read", "scratch"}, "--i2c-async needs the chip's address"},
+      {{"--map", map_, "--i2c-async", "/dev/i2c-1", "--addr", "8", "--flavour", "word", "list"},
+       "--flavour goes with --i2c"},
+      {{"--map", map_, "--i2c", "/dev/i2c-1", "--i2c-async", "/dev/i2c-1", "--addr", "8", "list"},
+       "choose one transport"},
       {{"--map", map_, "--mock-file", mockFile_, "list"}, "--mock-file goes with --mock"},
       {{"--map", map_, "--pci", "", "dump"}, "--pci needs a resource file"},
       {{"--map", map_, "--mock", "read"}, "REG"},
@@ -247,7 +259,7 @@ TEST_F(Tarnreg, HelpPrintsTheUsageWithExamples) {
   EXPECT_EQ(0, help.status);
   EXPECT_EQ("", help.err);
   EXPECT_TRUE(help.out.starts_with("Usage: tarnreg --map MAP TRANSPORT")) << help.out;
-  for (char const* part : {"--mock [--mock-file FILE]", "--i2c DEVNODE --addr ADDR", "Exit status:", "Examples:"})
+  for (char const* part : {"--mock [--mock-file FILE]", "--i2c DEVNODE --addr ADDR", "--i2c-async DEVNODE --addr ADDR", "Exit status:", "Examples:"})
     EXPECT_NE(std::string::npos, help.out.find(part)) << part;
   EXPECT_EQ(help.out, runTool({"-h"}).out);
   EXPECT_EQ(help.out, runTool({"--map", map_, "read", "--help"}).out);

@@ -38,6 +38,7 @@ struct RawLine {
   std::string mockFile;
   std::string pci;
   std::string i2c;
+  std::string i2cAsync;
   std::string addr;
   std::string flavour;
   bool json = false;
@@ -56,6 +57,7 @@ struct Parsed {
   bool mockFileGiven = false;
   bool pciGiven = false;
   bool i2cGiven = false;
+  bool i2cAsyncGiven = false;
   bool addrGiven = false;
   bool flavourGiven = false;
 };
@@ -76,6 +78,7 @@ Parsed parseRaw(int argc, char const* const* argv) {
   auto* mockFile = app.add_option("--mock-file", raw.mockFile);
   auto* pci = app.add_option("--pci", raw.pci);
   auto* i2c = app.add_option("--i2c", raw.i2c);
+  auto* i2cAsync = app.add_option("--i2c-async", raw.i2cAsync);
   auto* addr = app.add_option("--addr", raw.addr);
   auto* flavour = app.add_option("--flavour", raw.flavour)->check(CLI::IsMember({"block", "word"}));
   app.add_flag("--json", raw.json);
@@ -109,6 +112,7 @@ Parsed parseRaw(int argc, char const* const* argv) {
   parsed.mockFileGiven = mockFile->count() > 0;
   parsed.pciGiven = pci->count() > 0;
   parsed.i2cGiven = i2c->count() > 0;
+  parsed.i2cAsyncGiven = i2cAsync->count() > 0;
   parsed.addrGiven = addr->count() > 0;
   parsed.flavourGiven = flavour->count() > 0;
   return parsed;
@@ -117,13 +121,15 @@ Parsed parseRaw(int argc, char const* const* argv) {
 TransportChoice transportOf(Parsed const& parsed) {
   RawLine const& raw = parsed.raw;
   TransportChoice choice;
-  int const chosen = int(raw.mock) + int(parsed.pciGiven) + int(parsed.i2cGiven);
-  if (chosen > 1) throw ToolError::usage("choose one transport: --mock, --pci or --i2c");
+  int const chosen = int(raw.mock) + int(parsed.pciGiven) + int(parsed.i2cGiven) + int(parsed.i2cAsyncGiven);
+  if (chosen > 1) throw ToolError::usage("choose one transport: --mock, --pci, --i2c or --i2c-async");
   if (parsed.mockFileGiven && !raw.mock) throw ToolError::usage("--mock-file goes with --mock");
   if (parsed.pciGiven && raw.pci.empty()) throw ToolError::usage("--pci needs a resource file");
   if (parsed.i2cGiven && raw.i2c.empty()) throw ToolError::usage("--i2c needs a device node");
-  if ((parsed.addrGiven || parsed.flavourGiven) && !parsed.i2cGiven)
-    throw ToolError::usage("--addr and --flavour go with --i2c");
+  if (parsed.i2cAsyncGiven && raw.i2cAsync.empty()) throw ToolError::usage("--i2c-async needs a device node");
+  if (parsed.flavourGiven && !parsed.i2cGiven) throw ToolError::usage("--flavour goes with --i2c");
+  if (parsed.addrGiven && !parsed.i2cGiven && !parsed.i2cAsyncGiven)
+    throw ToolError::usage("--addr goes with --i2c or --i2c-async");
   if (raw.mock) {
     choice.kind = TransportKind::Mock;
     if (parsed.mockFileGiven) {
@@ -139,6 +145,11 @@ TransportChoice transportOf(Parsed const& parsed) {
     choice.i2cDevNode = raw.i2c;
     choice.i2cAddress = number(raw.addr, "I2C address", kMaxI2cAddress, "0x00 - 0x7f");
     choice.i2cWordFlavour = raw.flavour == "word";
+  } else if (parsed.i2cAsyncGiven) {
+    choice.kind = TransportKind::I2cAsync;
+    if (!parsed.addrGiven) throw ToolError::usage("--i2c-async needs the chip's address: --addr ADDR");
+    choice.i2cDevNode = raw.i2cAsync;
+    choice.i2cAddress = number(raw.addr, "I2C address", kMaxI2cAddress, "0x00 - 0x7f");
   }
   return choice;
 }
@@ -179,7 +190,8 @@ Options check(Parsed const& parsed) {
   if (raw.map.empty()) throw ToolError::usage("--map MAP.csv is required");
   options.mapPath = raw.map;
   if (needsDevice(parsed.command) && options.transport.kind == TransportKind::None)
-    throw ToolError::usage(fmt::format("{} needs a transport: --mock, --pci RESOURCE_FILE or --i2c DEVNODE --addr ADDR",
+    throw ToolError::usage(fmt::format("{} needs a transport: --mock, --pci RESOURCE_FILE, --i2c DEVNODE --addr ADDR "
+                                       "or --i2c-async DEVNODE --addr ADDR",
                                        commandName(parsed.command)));
   options.regName = raw.reg;
   if (parsed.command == Command::Write) options.value = number(raw.value, "VALUE", 0xFFFFFFFFu, "0 - 0xffffffff");
@@ -207,13 +219,17 @@ std::string const& usageText() {
     --i2c DEVNODE --addr ADDR [--flavour block|word]
                                 i2c-dev adapter node (such as /dev/i2c-1) and the
                                 chip's address on that bus
+    --i2c-async DEVNODE --addr ADDR
+                                the same bus through the asynchronous hardware-access
+                                manager: register n is SMBus offset n, 32 bits; each
+                                access waits at most the manager's timeout (1 s)
   ADDR is the chip's 7-bit I2C address (0x00 - 0x7f)
   --flavour block (the default): 16-bit register address, 32-bit data in one block
   --flavour word: 8-bit register address (registers 0 - 255), 16-bit SMBus word
   REG is a register name of MAP
   VALUE is decimal (305419896) or 0x-hex (0x12345678), 0 - 0xffffffff
   ADDRESS is a byte address, decimal or 0x-hex: the register's number in MAP
-    times 4 (mock, PCI, no transport) or times 1 (I2C)
+    times 4 (mock, PCI, --i2c-async, no transport) or times 1 (--i2c)
   DIR is the shared-memory root (default {}); PATH names a shadow-field
     table below it, such as TarnRegFile/shadowFieldsConfig/chip0
   Commands:
@@ -238,6 +254,7 @@ std::string const& usageText() {
     tarnreg --map chip.csv --mock read scratch
     tarnreg --map chip.csv --pci /sys/bus/pci/devices/0000:03:00.0/resource0 dump
     tarnreg --map chip.csv --i2c /dev/i2c-1 --addr 0x50 --flavour word read fan_pwm_duty
+    tarnreg --map chip.csv --i2c-async /dev/i2c-1 --addr 0x50 dump
     tarnreg --map chip.csv list --json
     tarnreg --map chip.csv lookup 0x8
     tarnreg shadow show TarnRegFile/shadowFieldsStatus/chip0

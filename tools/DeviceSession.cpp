@@ -3,6 +3,7 @@
 #include "Assert.h"
 #include "PciDov.h"
 #include "Trace.h"
+#include "VormI2cDev.h"
 
 #include "TarnRegFile/Errors.h"
 #include "TarnRegFile/TransportDescriptor.h"
@@ -12,9 +13,11 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <stdexcept>
 
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -84,6 +87,11 @@ void DeviceSession::open(TransportChoice const& choice, std::string const& mapPa
                        mapPath);
       return;
     }
+    case TransportKind::I2cAsync:
+      vorm_ = Hardware::Vorm::VormIs(Kiv::String(choice.i2cDevNode.c_str()),
+                                     std::make_shared<Hardware::VormI2cDevBackend>(choice.i2cDevNode));
+      transport_->init(TarnRegFile::i2cVormTransportDescriptorFactory(vorm_, choice.i2cAddress), mapPath);
+      return;
     case TransportKind::None:
       break;
   }
@@ -92,15 +100,65 @@ void DeviceSession::open(TransportChoice const& choice, std::string const& mapPa
 
 U32 DeviceSession::read(std::string const& regName) {
   U32 const before = watcher_.signals;
-  U32 const value = transport_->regRead(regName);
-  failIfSignalled(before);
+  if (!vorm_) {
+    U32 const value = transport_->regRead(regName);
+    failIfSignalled(before);
+    return value;
+  }
+  bool done = false;
+  auto status = TarnRegFile::RegCallbackStatusFailure;
+  U32 value = 0;
+  transport_->regReadWithCallback(regName, [&](char const*, TarnRegFile::RegCallbackStatus s, uint32_t v) {
+    done = true;
+    status = s;
+    value = v;
+  });
+  failIfSignalled(before);  // refused before any request was issued
+  awaitCompletion(regName, done);
+  if (status != TarnRegFile::RegCallbackStatusSuccess)
+    throw ToolError::failure(fmt::format(
+        "asynchronous I2C read of register '{}' failed on {} (NACK, bus error, timeout or refusal; -v says which)",
+        regName, vorm_->name()));
   return value;
 }
 
 void DeviceSession::write(std::string const& regName, U32 value) {
   U32 const before = watcher_.signals;
-  transport_->regWrite(regName, value);
+  if (!vorm_) {
+    transport_->regWrite(regName, value);
+    failIfSignalled(before);
+    return;
+  }
+  bool done = false;
+  auto status = TarnRegFile::RegCallbackStatusFailure;
+  transport_->regWriteWithCallback(regName, value, [&](char const*, TarnRegFile::RegCallbackStatus s) {
+    done = true;
+    status = s;
+  });
   failIfSignalled(before);
+  awaitCompletion(regName, done);
+  if (status != TarnRegFile::RegCallbackStatusSuccess)
+    throw ToolError::failure(fmt::format(
+        "asynchronous I2C write of register '{}' failed on {} (NACK, bus error, timeout or refusal; -v says which); "
+        "a timed-out write may still have happened",
+        regName, vorm_->name()));
+}
+
+void DeviceSession::awaitCompletion(std::string const& regName, bool const& done) {
+  using namespace std::chrono;
+  // The manager times every request out after timeout(); the margin covers a late dispatch.
+  auto const deadline = steady_clock::now() + vorm_->timeout() + milliseconds(500);
+  while (!done) {
+    auto const left = duration_cast<milliseconds>(deadline - steady_clock::now()).count();
+    if (left <= 0)
+      throw ToolError::failure(
+          fmt::format("no completion of the access to register '{}' from {}", regName, vorm_->name()));
+    pollfd ready{vorm_->fd(), POLLIN, 0};
+    int const n = ::poll(&ready, 1, static_cast<int>(left));
+    if (n < 0 && errno != EINTR)
+      throw ToolError::failure(fmt::format("poll on the manager of {}: {}", vorm_->name(), std::strerror(errno)));
+    if (n > 0) vorm_->dispatch();
+  }
 }
 
 void DeviceSession::failIfSignalled(U32 signalsBefore) const {

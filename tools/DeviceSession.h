@@ -4,6 +4,7 @@
 
 #include "KivPtr.h"
 #include "Types.h"
+#include "Vorm.h"
 
 #include "TarnRegFile/TransportMethod.h"
 
@@ -19,6 +20,11 @@ namespace Tarnreg {
 /// a valid register value) and signals its error notifier. The session watches that
 /// notifier to learn that an access failed, and reads the notifier's last failure to
 /// say why.
+///
+/// The asynchronous I2C transport completes accesses only through their callbacks, from
+/// the manager's dispatch(): the session issues the callback form and runs the loop an
+/// agent would run, polling the manager's descriptor and dispatching, until the callback
+/// has run. The manager ends every request within its timeout, so the wait is bounded.
 class DeviceSession {
 public:
   /// @brief Opens the transport of @p choice (not None) over the map at @p mapPath, for
@@ -44,6 +50,10 @@ private:
 
   void open(TransportChoice const& choice, std::string const& mapPath);
   void failIfSignalled(U32 signalsBefore) const;
+  /// Dispatches the manager's completions until @p done, or fails at the manager's timeout.
+  void awaitCompletion(std::string const& regName, bool const& done);
+
+  Kiv::Ptr<Hardware::Vorm> vorm_;  // the asynchronous I2C transport's manager, else null
 
   Kiv::Ptr<TarnRegFile::TransportMethod> transport_;
   ErrorWatcher watcher_;
