@@ -359,7 +359,7 @@ void Translation::populate(Kiv::String const& logicalReg, Kiv::String const& log
 PhysicalFieldName Translation::getPhysicalFieldName(LogicalFieldName const& lfName) {
   FieldId const pf = physicalFieldId(names_->findField(lfName));
   if (pf == noField) {
-    KIV_ASSERT(kTrace, logicalToPhysicalHas( lfName )) << "No physicalField name mapping to " << lfName.fullName;
+    KIV_FATAL(kTrace, "logicalToPhysicalHas( lfName )") << "No physicalField name mapping to " << lfName.fullName;
   }
   return names_->fieldName<PhysicalFieldName>(pf);
 }
@@ -367,7 +367,7 @@ PhysicalFieldName Translation::getPhysicalFieldName(LogicalFieldName const& lfNa
 LogicalFieldName Translation::getLogicalFieldName(PhysicalFieldName const& pfName) {
   FieldId const lf = logicalFieldId(names_->findField(pfName));
   if (lf == noField) {
-    KIV_ASSERT(kTrace, physicalToLogicalHas( pfName )) << "No logicalField mapping to " << pfName.fullName;
+    KIV_FATAL(kTrace, "physicalToLogicalHas( pfName )") << "No logicalField mapping to " << pfName.fullName;
   }
   return names_->fieldName<LogicalFieldName>(lf);
 }
@@ -953,13 +953,12 @@ void LogicalChip::fieldWrite(Kiv::String const& reg, Kiv::String const& field, U
   U32 const pos = findRegisterSlot(regId);
   if (pos == none || !registers_[pos].present) {
     LogicalRegisterName const lrName(name(), reg);
-    KIV_ASSERT(kTrace, regCollHas( lrName )) << "LogicalRegister " << lrName.fullName << " is not populated yet!";
+    KIV_FATAL(kTrace, "regCollHas( lrName )") << "LogicalRegister " << lrName.fullName << " is not populated yet!";
   }
   Id const id = names_->findField(regId, field);
   if (!logicalFieldValue(id) || !(logical_[id].flags & kInOwnRegister)) {
     LogicalFieldName const lfName(LogicalRegisterName(name(), reg), field);
-    LogicalRegister const lReg = regColl(lfName.regName);
-    KIV_ASSERT(kTrace, lReg.fieldHas( lfName ) && logicalFieldHas( lfName ))
+    KIV_FATAL(kTrace, "lReg.fieldHas( lfName ) && logicalFieldHas( lfName )")
         << "LogicalRegister " << lfName.regName.fullName << " does not have field " << field;
   }
 
@@ -998,7 +997,7 @@ void LogicalChip::regWrite(Kiv::String const& reg, U64 value) {
   U32 const pos = findRegisterSlot(regId);
   if (pos == none || !registers_[pos].present) {
     LogicalRegisterName const lrName(name(), reg);
-    KIV_ASSERT(kTrace, regCollHas( lrName )) << "LogicalRegister " << lrName.fullName << " is not populated yet!";
+    KIV_FATAL(kTrace, "regCollHas( lrName )") << "LogicalRegister " << lrName.fullName << " is not populated yet!";
   }
   // Observers of the register or of earlier fields may change the field set meanwhile:
   // every field the register had when the write started is written.
@@ -1027,7 +1026,7 @@ U64 LogicalChip::regGetLastWritten(Kiv::String const& reg) {
   U32 const pos = findRegisterSlot(names_->findRegister(reg));
   if (pos == none || !registers_[pos].present) {
     LogicalRegisterName const lrName(name(), reg);
-    KIV_ASSERT(kTrace, regCollHas( lrName )) << "LogicalRegister " << lrName.fullName << " is not populated yet!";
+    KIV_FATAL(kTrace, "regCollHas( lrName )") << "LogicalRegister " << lrName.fullName << " is not populated yet!";
   }
   return registers_[pos].value;
 }
@@ -1039,13 +1038,12 @@ U32 LogicalChip::fieldGetLastWritten(Kiv::String const& reg, Kiv::String const& 
   U32 const pos = findRegisterSlot(regId);
   if (pos == none || !registers_[pos].present) {
     LogicalRegisterName const lrName(name(), reg);
-    KIV_ASSERT(kTrace, regCollHas( lrName )) << "LogicalRegister " << lrName.fullName << " is not populated yet!";
+    KIV_FATAL(kTrace, "regCollHas( lrName )") << "LogicalRegister " << lrName.fullName << " is not populated yet!";
   }
   Id const id = names_->findField(regId, field);
   if (!logicalFieldValue(id) || !(logical_[id].flags & kInOwnRegister)) {
     LogicalFieldName const lfName(LogicalRegisterName(name(), reg), field);
-    LogicalRegister const lReg = regColl(lfName.regName);
-    KIV_ASSERT(kTrace, lReg.fieldHas( lfName ) && logicalFieldHas( lfName ))
+    KIV_FATAL(kTrace, "lReg.fieldHas( lfName ) && logicalFieldHas( lfName )")
         << "LogicalRegister " << lfName.regName.fullName << " does not have field " << field;
   }
   return logical_[id].value;

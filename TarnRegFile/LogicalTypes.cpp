@@ -219,7 +219,7 @@ std::string LogicalField::valueToStrep() const {
 LogicalRegister::LogicalRegister(LogicalRegisterName const& name_) : name(name_), value(0) {}
 
 LogicalRegister::LogicalRegister(Kiv::String::IteratorConst&, Kiv::String::IteratorConst const&) {
-  KIV_ASSERT(kTrace, "No String constructor for LogicalRegister - has collection" == nullptr);
+  KIV_FATAL(kTrace, "\"No String constructor for LogicalRegister - has collection\" == nullptr");
 }
 
 LogicalRegister::operator bool() const noexcept { return static_cast<bool>(name) || !field_.empty() || value != 0; }

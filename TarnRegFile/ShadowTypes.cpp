@@ -79,8 +79,7 @@ void ShadowFields::notAttached(char const* operation) const {
 
 void ShadowFields::writeFailed(char const* operation, Kiv::Shm::CorruptionException const& e) const {
   Kiv::Shm::reportCorruption(e.what());
-  bool const tableConsistent = false;
-  KIV_ASSERT(kTrace, tableConsistent) << fwkType() << " " << name() << ": " << operation
+  KIV_FATAL(kTrace, "tableConsistent") << fwkType() << " " << name() << ": " << operation
                                       << " found the shared-memory table inconsistent: " << e.what();
   std::abort();  // not reached: the assertion aborts
 }
