@@ -299,16 +299,16 @@ struct Vorm::Impl {
   bool dispatching = false;
 
   void armTimer(Clock::time_point when, bool on) {
-    itimerspec spec{};
+    itimerspec timer{};
     if (on) {
       auto const ns = std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count();
-      spec.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
-      spec.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
-      if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0) spec.it_value.tv_nsec = 1;
+      timer.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
+      timer.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
+      if (timer.it_value.tv_sec == 0 && timer.it_value.tv_nsec == 0) timer.it_value.tv_nsec = 1;
     }
     // Re-arming (or disarming) also clears an expiry nobody has read: the descriptor
     // stops being readable for a deadline that has been dealt with.
-    ::timerfd_settime(timerFd.get(), TFD_TIMER_ABSTIME, &spec, nullptr);
+    ::timerfd_settime(timerFd.get(), TFD_TIMER_ABSTIME, &timer, nullptr);
     timerArmed = on;
     timerExpiry = when;
   }

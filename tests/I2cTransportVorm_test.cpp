@@ -15,6 +15,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/VormLoop.h"
+
 #include <chrono>
 #include <memory>
 #include <random>
@@ -25,6 +27,8 @@
 #include <poll.h>
 
 namespace {
+
+using TarnTest::runUntil;
 
 using namespace std::chrono_literals;
 using namespace TarnRegFile;
@@ -49,18 +53,6 @@ Kiv::Ptr<HardwareRegisterFile> wordModel(U32 count) {
   return model;
 }
 
-// Dispatches until @p done or 20 s have passed, waiting on the descriptors in between.
-template <class F>
-void runUntil(std::vector<Kiv::Ptr<Vorm>> const& vorms, F done) {
-  auto const limit = std::chrono::steady_clock::now() + 20s;
-  while (!done() && std::chrono::steady_clock::now() < limit) {
-    std::vector<pollfd> fds;
-    for (auto const& v : vorms) fds.push_back(pollfd{v->fd(), POLLIN, 0});
-    ::poll(fds.data(), fds.size(), 100);
-    for (size_t i = 0; i < fds.size(); ++i)
-      if (fds[i].revents & POLLIN) vorms[i]->dispatch();
-  }
-}
 
 // The simulator, recording every transfer that reaches it.
 class RecordingSim : public VormSimBackend {

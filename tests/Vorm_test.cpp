@@ -12,6 +12,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/VormLoop.h"
+
 #include <chrono>
 #include <memory>
 #include <random>
@@ -21,6 +23,8 @@
 #include <poll.h>
 
 namespace {
+
+using TarnTest::runUntil;
 
 using namespace std::chrono_literals;
 using Hardware::SmbusAddress;
@@ -42,18 +46,6 @@ bool readable(int fd, int timeoutMs) {
   return ::poll(&p, 1, timeoutMs) == 1;
 }
 
-// Dispatches until @p done or 10 s have passed, waiting on the descriptor in between.
-template <class F>
-void runUntil(std::vector<Kiv::Ptr<Vorm>> const& vorms, F done) {
-  auto const limit = std::chrono::steady_clock::now() + 10s;
-  while (!done() && std::chrono::steady_clock::now() < limit) {
-    std::vector<pollfd> fds;
-    for (auto const& v : vorms) fds.push_back(pollfd{v->fd(), POLLIN, 0});
-    ::poll(fds.data(), fds.size(), 100);
-    for (size_t i = 0; i < fds.size(); ++i)
-      if (fds[i].revents & POLLIN) vorms[i]->dispatch();
-  }
-}
 
 // Records every status it hears of, with the thread it heard it on.
 struct Recorder : VormRequest::Notifiee {

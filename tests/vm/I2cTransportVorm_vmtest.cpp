@@ -68,17 +68,9 @@ protected:
     }
     ASSERT_EQ(expected, done);
   }
-  unsigned busyboxGetByte(unsigned command) {
-    auto const r = TarnVm::runCommand({"i2cget", "-y", std::to_string(bus_), "0x50", hex(command), "b"});
-    EXPECT_EQ(0, r.exitStatus) << r.output;
-    return unsigned(std::strtoul(r.output.c_str(), nullptr, 16));
-  }
+  unsigned busyboxGetByte(unsigned command) { return TarnVm::busyboxGetByte(bus_, command); }
   void busyboxSetBlock(unsigned command, std::vector<unsigned> const& bytes) {
-    std::vector<std::string> argv{"i2cset", "-y", std::to_string(bus_), "0x50", hex(command)};
-    for (unsigned b : bytes) argv.push_back(hex(b));
-    argv.emplace_back("i");
-    auto const r = TarnVm::runCommand(argv);
-    ASSERT_EQ(0, r.exitStatus) << r.output;
+    TarnVm::busyboxSetBlock(bus_, command, bytes);
   }
 
   int bus_ = -1;

@@ -97,4 +97,26 @@ int findI2cAdapter(std::string const& adapterName) {
   return -1;
 }
 
+namespace {
+std::string hex(unsigned value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%x", value);
+  return text;
+}
+}  // namespace
+
+unsigned busyboxGetByte(int bus, unsigned command) {
+  auto const r = runCommand({"i2cget", "-y", std::to_string(bus), "0x50", hex(command), "b"});
+  EXPECT_EQ(0, r.exitStatus) << r.output;
+  return unsigned(std::strtoul(r.output.c_str(), nullptr, 16));
+}
+
+void busyboxSetBlock(int bus, unsigned command, std::vector<unsigned> const& bytes) {
+  std::vector<std::string> argv{"i2cset", "-y", std::to_string(bus), "0x50", hex(command)};
+  for (unsigned b : bytes) argv.push_back(hex(b));
+  argv.emplace_back("i");
+  auto const r = runCommand(argv);
+  EXPECT_EQ(0, r.exitStatus) << r.output;
+}
+
 }  // namespace TarnVm

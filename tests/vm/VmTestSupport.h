@@ -27,6 +27,12 @@ std::string findPciDevice(unsigned vendor, unsigned device);
 /// @brief The number N of the first /dev/i2c-N adapter whose name is @p adapterName, or -1.
 int findI2cAdapter(std::string const& adapterName);
 
+/// @brief busybox `i2cget -y BUS 0x50 COMMAND b`: one byte of the chip at 0x50, read by an
+/// independent client (a failed command is a test failure and reads 0).
+unsigned busyboxGetByte(int bus, unsigned command);
+/// @brief busybox `i2cset -y BUS 0x50 COMMAND BYTES... i`: an I2C block written by an independent client.
+void busyboxSetBlock(int bus, unsigned command, std::vector<unsigned> const& bytes);
+
 }  // namespace TarnVm
 
 /// Outside the VM the devices these programs need do not exist: skip with a
