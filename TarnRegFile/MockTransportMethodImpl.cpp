@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <stdexcept>
@@ -48,21 +49,24 @@ bool usableForReading(struct stat const& st) {
   return S_ISREG(st.st_mode) && (st.st_uid == ::geteuid() || st.st_uid == 0);
 }
 
-bool usableForWriting(struct stat const& st) { return S_ISREG(st.st_mode) && st.st_uid == ::geteuid(); }
-
-// Writes the whole text at offset 0.
-bool writeAllAtStart(int fd, std::string_view text) {
-  off_t offset = 0;
+// Writes the whole text.
+bool writeAll(int fd, std::string_view text) {
   while (!text.empty()) {
-    ssize_t const n = ::pwrite(fd, text.data(), text.size(), offset);
+    ssize_t const n = ::write(fd, text.data(), text.size());
     if (n < 0) {
       if (errno == EINTR) continue;
       return false;
     }
     text.remove_prefix(static_cast<size_t>(n));
-    offset += n;
   }
   return true;
+}
+
+// Names the temporary files of one instance: unique among the processes and the
+// instances of a process that share a dump file.
+std::string tempPathFor(std::string const& dumpPath) {
+  static std::atomic<U32> instances{0};
+  return dumpPath + ".tmp" + std::to_string(::getpid()) + "-" + std::to_string(instances++);
 }
 
 void appendDecimal(std::string& out, uint32_t value) {
@@ -88,7 +92,9 @@ BaseTransportMethodImpl* createMockTransport(BaseTransportDescriptor const& desc
 MockTransportMethodImpl::MockTransportMethodImpl(
     char const* csvPath, Kiv::Ptr<Hardware::TarnRegFile::HardwareRegisterFile> const& regFileModel,
     std::string dumpPath)
-    : BusTransport(csvPath, kAddrBlockSize, regFileModel), dumpPath_(std::move(dumpPath)) {
+    : BusTransport(csvPath, kAddrBlockSize, regFileModel),
+      dumpPath_(std::move(dumpPath)),
+      tempPath_(tempPathFor(dumpPath_)) {
   load();
 }
 
@@ -154,17 +160,41 @@ void MockTransportMethodImpl::rewrite() {
     appendDecimal(dumpText_, value);
     dumpText_ += '\n';
   }
-  // Not truncated on open: the file is checked first, so that a file of another
-  // user is never emptied.
-  Utils::UnixFdRes file(::open(dumpPath_.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0644));
-  if (file.fd() < 0) return;
+  dumpErrno_ = replaceDumpFile();
+}
+
+int MockTransportMethodImpl::replaceDumpFile() {
+  // What is there now decides whether it may be replaced, and gives the new file its mode.
+  // A new file is not writable by others (and the umask applies).
+  mode_t mode = 0644;
   struct stat st;
-  if (::fstat(file.fd(), &st) != 0 || !usableForWriting(st)) return;
-  // Overwrite in place, then cut to the new length. Cutting to zero first would
-  // make some file systems flush the file to disk on close (their guard for
-  // "truncate and rewrite"), which costs milliseconds per register access.
-  if (!writeAllAtStart(file.fd(), dumpText_)) return;
-  if (::ftruncate(file.fd(), static_cast<off_t>(dumpText_.size())) != 0) return;
+  bool const exists = ::lstat(dumpPath_.c_str(), &st) == 0;
+  if (exists) {
+    if (S_ISLNK(st.st_mode)) return ELOOP;
+    if (!S_ISREG(st.st_mode) || st.st_uid != ::geteuid()) return EPERM;
+    // Replacing one name of a file with other names would leave those holding the old
+    // text while this one moves on; writing through it would change a file that is
+    // not the dump file. Neither is done.
+    if (st.st_nlink > 1) return EMLINK;
+    if ((st.st_mode & S_IWUSR) == 0) return EACCES;  // made read-only on purpose, also for root
+    mode = st.st_mode & 07777;
+  } else if (errno != ENOENT) {
+    return errno;
+  }
+  int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  Utils::UnixFdRes file(::open(tempPath_.c_str(), flags, mode));
+  if (file.fd() < 0 && errno == EEXIST) {  // left behind by a process that died mid-rewrite
+    ::unlink(tempPath_.c_str());
+    file = Utils::UnixFdRes(::open(tempPath_.c_str(), flags, mode));
+  }
+  if (file.fd() < 0) return errno;
+  int error = 0;
+  // An existing file keeps its mode, which the umask may not allow at creation.
+  if (!writeAll(file.fd(), dumpText_) || (exists && ::fchmod(file.fd(), mode) != 0)) error = errno;
+  if (file._destruct() != 0 && error == 0) error = errno;  // a delayed write error shows at close
+  if (error == 0 && ::rename(tempPath_.c_str(), dumpPath_.c_str()) != 0) error = errno;
+  if (error != 0) ::unlink(tempPath_.c_str());
+  return error;
 }
 
 }  // namespace TarnRegFile

@@ -9,8 +9,14 @@
 ///
 /// The dump file lives in a world-writable directory, so it is opened without
 /// following symbolic links, only regular files are used, and only a file owned
-/// by the current user is ever rewritten. A file that cannot be used is treated
-/// as absent when loading and left alone when rewriting; the access succeeds.
+/// by the current user is ever rewritten. A rewrite replaces the file whole: the
+/// new text goes to a temporary file next to it, which is renamed over it, so that
+/// a full disk or a crash leaves the old file or the new one, never a cut-off
+/// line that would load as another value. A file reached through a symbolic or a
+/// hard link, or whose mode does not let its owner write it, is not replaced.
+/// A file that cannot be used is treated as absent when loading and left alone
+/// when rewriting; the access succeeds, and dumpErrno() says why the file was
+/// not written.
 
 #include "Export.h"
 #include "HardwareRegisterFile.h"
@@ -47,6 +53,10 @@ public:
 
   /// @brief The dump file of this instance.
   std::string const& dumpPath() const noexcept { return dumpPath_; }
+  /// @brief Why the last rewrite of the dump file did not happen (an errno value), 0 when it
+  /// did. The mock's own refusals: ELOOP a symbolic link, EMLINK a file with other hard
+  /// links, EPERM not a regular file of this user, EACCES a mode without the owner's write bit.
+  int dumpErrno() const noexcept { return dumpErrno_; }
   /// @brief The simulated registers, by byte address.
   std::unordered_map<uint32_t, uint32_t> const& values() const noexcept { return values_; }
 
@@ -57,10 +67,13 @@ public:
 private:
   void load();
   void rewrite();
+  int replaceDumpFile();
 
   std::string dumpPath_;
   std::unordered_map<uint32_t, uint32_t> values_;
+  std::string tempPath_;  // where the next dump file is written before it is renamed into place
   std::string dumpText_;  // reused for every rewrite, so that steady state allocates nothing
+  int dumpErrno_ = 0;
 };
 
 }  // namespace TarnRegFile
