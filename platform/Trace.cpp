@@ -354,7 +354,12 @@ void TraceHandle::emit(unsigned level, char const* function, std::string_view te
   }
   if ((textMask_ >> level) & 1u) {
     std::lock_guard lock(r.mutex);
-    fmt::print(r.textOutput, "{} {} L{} {}{}{}\n", Stamp(when).text, unit_, level, fn, fn.empty() ? "" : ": ", text);
+    fmt::memory_buffer out;
+    fmt::format_to(fmt::appender(out), "{} {} L{} {}{}{}\n", Stamp(when).text, unit_, level, fn, fn.empty() ? "" : ": ",
+                   text);
+    // A trace line that cannot be written (its stream closed or full) is lost; it must
+    // not fail the operation it traces. The stream's error flag keeps the loss visible.
+    std::fwrite(out.data(), 1, out.size(), r.textOutput);
     std::fflush(r.textOutput);
   }
   if (!r.captures.empty()) {
