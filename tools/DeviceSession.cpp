@@ -6,6 +6,7 @@
 #include "VormI2cDev.h"
 
 #include "TarnRegFile/Errors.h"
+#include "TarnRegFile/MockTransportMethodImpl.h"
 #include "TarnRegFile/TransportDescriptor.h"
 
 #include "ToolError.h"
@@ -16,8 +17,11 @@
 #include <chrono>
 #include <cstring>
 #include <stdexcept>
+#include <string_view>
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,20 +30,48 @@ namespace Tarnreg {
 namespace {
 
 using TarnRegFile::TransportFlavour;
+namespace Utils = TarnRegFile::Utils;
 
 Kiv::TraceHandle kTrace("tarnreg/DeviceSession");
 
-// The mock quietly leaves alone a register file it may not use (it must not fail an
-// agent over a debugging aid). Here that would lose every write without a word, so
-// such a file is refused before anything is done.
+// Invocations of tarnreg on one mock register file take turns: each holds an
+// exclusive lock from loading the file to its last rewrite, so that none loses
+// another's writes. The lock is on FILE.lock, because every rewrite replaces the
+// file itself (a lock on it would not outlive the first rewrite). Where the lock
+// file cannot be created (a read-only file system or directory) no invocation can
+// replace the register file either, so none is needed.
+Utils::UnixFdRes lockMockFile(std::string const& path) {
+  std::string const lockPath = path + ".lock";
+  Utils::UnixFdRes lock(::open(lockPath.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+  if (lock.fd() < 0 && (errno == EROFS || errno == EACCES)) return lock;
+  if (lock.fd() < 0 || Utils::syscallAutoRetry([&] { return ::flock(lock.fd(), LOCK_EX); }, false, true) != 0)
+    throw ToolError::failure(fmt::format("cannot lock mock register file {} with {}: {}", path, lockPath,
+                                         std::strerror(errno)));
+  return lock;
+}
+
+// The mock quietly leaves alone a register file it may not replace (it must not fail
+// an agent over a debugging aid), and rewrites whatever file it is given. Here that
+// would lose writes without a word, or replace a file that is not a register file,
+// so such a file is refused before anything is done.
 void requireUsableMockFile(std::string const& path) {
+  auto const refuse = [&](char const* why) {
+    return ToolError::failure(fmt::format("mock register file {} {}; choose another with --mock-file", path, why));
+  };
+  Utils::UnixFdRes file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat st;
-  if (::lstat(path.c_str(), &st) == 0) {
-    if (!S_ISREG(st.st_mode) || st.st_uid != ::geteuid())
-      throw ToolError::failure(fmt::format(
-          "mock register file {} is not a regular file of this user; choose another with --mock-file", path));
+  if (file.fd() >= 0 && ::fstat(file.fd(), &st) == 0) {
+    if (!S_ISREG(st.st_mode) || st.st_uid != ::geteuid()) throw refuse("is not a regular file of this user");
+    if (st.st_nlink > 1) throw refuse("has other hard links");
+    constexpr std::string_view kHeader = "Address, Value";
+    char start[kHeader.size() + 1];
+    ssize_t const n = ::pread(file.fd(), start, sizeof start, 0);
+    std::string_view const head(start, n < 0 ? 0 : size_t(n));
+    if (!head.starts_with(kHeader) || !(head.size() == kHeader.size() || head.back() == '\n' || head.back() == '\r'))
+      throw refuse("is not a register file (its first line is not \"Address, Value\")");
     return;
   }
+  if (errno == ELOOP) throw refuse("is not a regular file of this user");
   if (errno != ENOENT)
     throw ToolError::failure(fmt::format("cannot use mock register file {}: {}", path, std::strerror(errno)));
   auto const slash = path.rfind('/');
@@ -74,6 +106,7 @@ void DeviceSession::open(TransportChoice const& choice, std::string const& mapPa
   switch (choice.kind) {
     case TransportKind::Mock:
       requireUsableMockFile(choice.mockFile);
+      mockLock_ = lockMockFile(choice.mockFile);
       transport_->init(TarnRegFile::mockTransportDescriptorFactory(choice.mockFile), mapPath);
       return;
     case TransportKind::Pci:
@@ -127,6 +160,7 @@ void DeviceSession::write(std::string const& regName, U32 value) {
   if (!vorm_) {
     transport_->regWrite(regName, value);
     failIfSignalled(before);
+    failIfNotRecorded(regName);
     return;
   }
   bool done = false;
@@ -159,6 +193,15 @@ void DeviceSession::awaitCompletion(std::string const& regName, bool const& done
       throw ToolError::failure(fmt::format("poll on the manager of {}: {}", vorm_->name(), std::strerror(errno)));
     if (n > 0) vorm_->dispatch();
   }
+}
+
+// The mock's access succeeds also when its file could not be rewritten; a write from
+// the command line that is not in the file is lost when the command ends.
+void DeviceSession::failIfNotRecorded(std::string const& regName) const {
+  auto const* mock = dynamic_cast<TarnRegFile::MockTransportMethodImpl const*>(transport_->implPtr());
+  if (mock && mock->dumpErrno() != 0)
+    throw ToolError::failure(fmt::format("the value of register '{}' was not recorded: cannot write mock register file {}: {}",
+                                         regName, mock->dumpPath(), std::strerror(mock->dumpErrno())));
 }
 
 void DeviceSession::failIfSignalled(U32 signalsBefore) const {

@@ -7,6 +7,7 @@
 #include "Vorm.h"
 
 #include "TarnRegFile/TransportMethod.h"
+#include "TarnRegFile/Utils.h"
 
 #include "TransportChoice.h"
 
@@ -50,9 +51,11 @@ private:
 
   void open(TransportChoice const& choice, std::string const& mapPath);
   void failIfSignalled(U32 signalsBefore) const;
+  void failIfNotRecorded(std::string const& regName) const;
   /// Dispatches the manager's completions until @p done, or fails at the manager's timeout.
   void awaitCompletion(std::string const& regName, bool const& done);
 
+  TarnRegFile::Utils::UnixFdRes mockLock_;  // the mock register file's lock, held to the end
   Kiv::Ptr<Hardware::Vorm> vorm_;  // the asynchronous I2C transport's manager, else null
 
   Kiv::Ptr<TarnRegFile::TransportMethod> transport_;

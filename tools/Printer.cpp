@@ -3,8 +3,15 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "ToolError.h"
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <string_view>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace Tarnreg {
 
@@ -27,9 +34,28 @@ size_t nameColumnWidth(Range const& range, Name name) {
   return width;
 }
 
+// Output that could not be written ends the command with status 1, as with other
+// command-line tools: a caller must not take a cut-off table for the whole one.
+[[noreturn]] void writeError() { throw ToolError::failure(fmt::format("write error: {}", std::strerror(errno))); }
+
 }  // namespace
 
-void Printer::line(std::string const& text) const { fmt::print(out_, "{}\n", text); }
+void guardStandardStreams() noexcept {
+  for (int fd = 0; fd <= 2; ++fd)
+    if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
+      // Opened against the stream's direction: the place is taken, and using it fails.
+      int const taken = ::open("/dev/null", (fd == 0 ? O_WRONLY : O_RDONLY) | O_CLOEXEC);
+      if (taken > 2) ::close(taken);
+    }
+}
+
+void finishOutput() {
+  if (std::fflush(stdout) != 0 || std::ferror(stdout)) writeError();
+}
+
+void Printer::line(std::string const& text) const {
+  if (std::fwrite(text.data(), 1, text.size(), out_) != text.size() || std::fputc('\n', out_) == EOF) writeError();
+}
 
 void Printer::registerValue(RegisterValue const& entry) const {
   line(json_ ? render(valueObject(entry)) : fmt::format("{:#010x}", entry.value));

@@ -19,6 +19,15 @@ struct RegisterValue {
   U32 value;
 };
 
+/// @brief Makes sure descriptors 0, 1 and 2 are open before anything else is, so that a
+/// file the tool opens never takes the place of a closed standard stream; writes to a
+/// stream that was closed still fail (EBADF).
+void guardStandardStreams() noexcept;
+
+/// @brief Writes out what is still buffered for standard output.
+/// @throws ToolError (failure) "write error: <reason>" when any of the output could not be written.
+void finishOutput();
+
 /// @brief Prints command results as text for people or as JSON for programs.
 ///
 /// JSON output is one object per register ({"name", "address", "value", ...}) and an

@@ -8,12 +8,14 @@
 
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Printer.h"
 #include "ToolError.h"
 
 #include "Trace.h"
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -21,12 +23,12 @@
 namespace {
 
 // Texts from the system or the library may span lines; the contract is one line.
+// A line that cannot be written is lost; main() still ends with a failure status.
 void reportFailure(char const* text) {
-  std::string line(text);
-  for (char& c : line)
-    if (c == '\n' || c == '\r') c = ' ';
+  std::string line = fmt::format("tarnreg: {}\n", text);
+  std::replace_if(line.begin(), line.end() - 1, [](char c) { return c == '\n' || c == '\r'; }, ' ');
   std::fflush(stdout);
-  fmt::print(stderr, "tarnreg: {}\n", line);
+  std::fputs(line.c_str(), stderr);
 }
 
 void traceToStderr(int verbosity) {
@@ -34,14 +36,14 @@ void traceToStderr(int verbosity) {
   Kiv::Trace::textLevelsIs("*", Kiv::Trace::upTo(verbosity == 1 ? 5 : 9));
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   try {
     auto const options = Tarnreg::parseCommandLine(argc, argv);
-    if (!options) return Tarnreg::kExitSuccess;
-    traceToStderr(options->verbosity);
-    Tarnreg::runCommand(*options);
+    if (options) {
+      traceToStderr(options->verbosity);
+      Tarnreg::runCommand(*options);
+    }
+    Tarnreg::finishOutput();
     return Tarnreg::kExitSuccess;
   } catch (Tarnreg::ToolError const& e) {
     reportFailure(e.what());
@@ -50,4 +52,14 @@ int main(int argc, char** argv) {
     reportFailure(e.what());
     return Tarnreg::kExitFailure;
   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Tarnreg::guardStandardStreams();
+  int const status = run(argc, argv);
+  // Like other command-line tools: what could not be said on stderr (a failure, a trace
+  // line) makes a success a failure.
+  return status == Tarnreg::kExitSuccess && std::ferror(stderr) ? Tarnreg::kExitFailure : status;
 }
