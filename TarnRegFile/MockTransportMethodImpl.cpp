@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <charconv>
 #include <stdexcept>
 #include <string_view>
@@ -49,21 +50,23 @@ bool usableForReading(struct stat const& st) {
   return S_ISREG(st.st_mode) && (st.st_uid == ::geteuid() || st.st_uid == 0);
 }
 
-// Writes the whole text.
-bool writeAll(int fd, std::string_view text) {
+// Writes the whole text at offset 0.
+bool writeAllAtStart(int fd, std::string_view text) {
+  off_t offset = 0;
   while (!text.empty()) {
-    ssize_t const n = ::write(fd, text.data(), text.size());
+    ssize_t const n = ::pwrite(fd, text.data(), text.size(), offset);
     if (n < 0) {
       if (errno == EINTR) continue;
       return false;
     }
     text.remove_prefix(static_cast<size_t>(n));
+    offset += n;
   }
   return true;
 }
 
-// Names the temporary files of one instance: unique among the processes and the
-// instances of a process that share a dump file.
+// Names the spare file of one instance (see replaceDumpFile): unique among the
+// processes and the instances of a process that share a dump file.
 std::string tempPathFor(std::string const& dumpPath) {
   static std::atomic<U32> instances{0};
   return dumpPath + ".tmp" + std::to_string(::getpid()) + "-" + std::to_string(instances++);
@@ -98,7 +101,8 @@ MockTransportMethodImpl::MockTransportMethodImpl(
   load();
 }
 
-MockTransportMethodImpl::~MockTransportMethodImpl() = default;
+// The previous version of the dump file kept for reuse goes with the instance.
+MockTransportMethodImpl::~MockTransportMethodImpl() { ::unlink(tempPath_.c_str()); }
 
 uint32_t MockTransportMethodImpl::_regRWCommon(bool isWrite, char const* regName, uint32_t value) {
   if (!isWrite) return regRead(regName);
@@ -181,19 +185,29 @@ int MockTransportMethodImpl::replaceDumpFile() {
   } else if (errno != ENOENT) {
     return errno;
   }
-  int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  Utils::UnixFdRes file(::open(tempPath_.c_str(), flags, mode));
-  if (file.fd() < 0 && errno == EEXIST) {  // left behind by a process that died mid-rewrite
-    ::unlink(tempPath_.c_str());
-    file = Utils::UnixFdRes(::open(tempPath_.c_str(), flags, mode));
-  }
+  // The new text goes into the file that the last swap below left under the temporary
+  // name (the previous version), overwritten and cut to length: reusing it spares the file
+  // system an allocation and a release per access, and ext4 starts writing a file to disk
+  // at once when it is cut to zero or renamed over another, which would cost about a
+  // millisecond per access. What is found under that name must be this instance's own.
+  Utils::UnixFdRes file(::open(tempPath_.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, mode));
   if (file.fd() < 0) return errno;
+  struct stat temp;
+  if (::fstat(file.fd(), &temp) != 0) return errno;
+  if (!S_ISREG(temp.st_mode) || temp.st_uid != ::geteuid() || temp.st_nlink != 1) return EEXIST;
   int error = 0;
-  // An existing file keeps its mode, which the umask may not allow at creation.
-  if (!writeAll(file.fd(), dumpText_) || (exists && ::fchmod(file.fd(), mode) != 0)) error = errno;
+  if (!writeAllAtStart(file.fd(), dumpText_) || ::ftruncate(file.fd(), off_t(dumpText_.size())) != 0 ||
+      ((temp.st_mode & 07777) != mode && ::fchmod(file.fd(), mode) != 0))  // the umask may have cut the mode
+    error = errno;
   if (file._destruct() != 0 && error == 0) error = errno;  // a delayed write error shows at close
-  if (error == 0 && ::rename(tempPath_.c_str(), dumpPath_.c_str()) != 0) error = errno;
-  if (error != 0) ::unlink(tempPath_.c_str());
+  if (error == 0) {
+    // Swapped, the old version stays under the temporary name for the next rewrite.
+    if (exists && ::renameat2(AT_FDCWD, tempPath_.c_str(), AT_FDCWD, dumpPath_.c_str(), RENAME_EXCHANGE) == 0)
+      return 0;
+    if (::rename(tempPath_.c_str(), dumpPath_.c_str()) == 0) return 0;  // first version, or no swap here
+    error = errno;
+  }
+  ::unlink(tempPath_.c_str());  // a cut-off text is not kept, nor the space it holds
   return error;
 }
 

@@ -10,9 +10,10 @@
 /// The dump file lives in a world-writable directory, so it is opened without
 /// following symbolic links, only regular files are used, and only a file owned
 /// by the current user is ever rewritten. A rewrite replaces the file whole: the
-/// new text goes to a temporary file next to it, which is renamed over it, so that
-/// a full disk or a crash leaves the old file or the new one, never a cut-off
-/// line that would load as another value. A file reached through a symbolic or a
+/// new text goes to a spare file next to it (<dump>.tmp<pid>-<n>, which holds the
+/// previous version between rewrites and is removed with the instance), which then
+/// takes the dump file's place, so that a full disk or a crash leaves the old file
+/// or the new one, never a cut-off line that would load as another value. A file reached through a symbolic or a
 /// hard link, or whose mode does not let its owner write it, is not replaced.
 /// A file that cannot be used is treated as absent when loading and left alone
 /// when rewriting; the access succeeds, and dumpErrno() says why the file was
@@ -71,7 +72,7 @@ private:
 
   std::string dumpPath_;
   std::unordered_map<uint32_t, uint32_t> values_;
-  std::string tempPath_;  // where the next dump file is written before it is renamed into place
+  std::string tempPath_;  // the spare file: the next version is written there, then swapped into place
   std::string dumpText_;  // reused for every rewrite, so that steady state allocates nothing
   int dumpErrno_ = 0;
 };
