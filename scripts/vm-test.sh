@@ -8,7 +8,7 @@
 #   PRESET            a preset name: the build is build/PRESET under the source tree
 #   BUILD_DIR         or the build directory itself
 # Options:
-#   --only NAME       run only the test program NAME (repeatable), e.g. --only Pci_vmtest
+#   --only NAME       run only the test program NAME (repeatable), e.g. --only PciTransport_vmtest
 #   --tool NAME       carry the command BUILD_DIR/tools/NAME into the VM as /tarn/bin/NAME
 #                     (repeatable; a missing one is an error). Without --tool, every
 #                     command built in BUILD_DIR/tools is carried.
