@@ -56,7 +56,8 @@ public:
   std::string const& dumpPath() const noexcept { return dumpPath_; }
   /// @brief Why the last rewrite of the dump file did not happen (an errno value), 0 when it
   /// did. The mock's own refusals: ELOOP a symbolic link, EMLINK a file with other hard
-  /// links, EPERM not a regular file of this user, EACCES a mode without the owner's write bit.
+  /// links, EPERM not a regular file of this user, EACCES a mode without the owner's write bit,
+  /// EEXIST something other than this instance's own file under the spare file's name.
   int dumpErrno() const noexcept { return dumpErrno_; }
   /// @brief The simulated registers, by byte address.
   std::unordered_map<uint32_t, uint32_t> const& values() const noexcept { return values_; }

@@ -200,8 +200,9 @@ void DeviceSession::awaitCompletion(std::string const& regName, bool const& done
 void DeviceSession::failIfNotRecorded(std::string const& regName) const {
   auto const* mock = dynamic_cast<TarnRegFile::MockTransportMethodImpl const*>(transport_->implPtr());
   if (mock && mock->dumpErrno() != 0)
-    throw ToolError::failure(fmt::format("the value of register '{}' was not recorded: cannot write mock register file {}: {}",
-                                         regName, mock->dumpPath(), std::strerror(mock->dumpErrno())));
+    throw ToolError::failure(
+        fmt::format("the value of register '{}' was not recorded: cannot write mock register file {}: {}", regName,
+                    mock->dumpPath(), std::strerror(mock->dumpErrno())));
 }
 
 void DeviceSession::failIfSignalled(U32 signalsBefore) const {
