@@ -26,16 +26,6 @@
 
 namespace TarnRegFile {
 
-/// @brief The runtime type names of the logical model's names.
-struct LogicalNames {
-  static constexpr std::string_view registerTypeName = "TarnRegFile::LogicalRegisterName";
-  static constexpr std::string_view fieldTypeName = "TarnRegFile::LogicalFieldName";
-};
-/// @brief A logical register of one chip: chip name, register name and "chip-register".
-using LogicalRegisterName = BasicRegisterName<LogicalNames>;
-/// @brief A field of a logical register: register name, field name and "chip-register-field".
-using LogicalFieldName = BasicFieldName<LogicalNames>;
-
 /// @brief Hash of the register name made of @p chipHash and @p nameHash (the string hashes of its parts).
 ///
 /// Name-keyed collections hash names by their parts' hashes, which every Kiv::String

@@ -4,12 +4,7 @@
 /// each, instantiated per model (`LogicalRegisterName`, `PhysicalFieldName`, ...).
 ///
 /// The two models' names behave alike and differ only in their runtime type names,
-/// which the `Kind` argument gives:
-///
-///     struct LogicalNames {
-///       static constexpr std::string_view registerTypeName = "TarnRegFile::LogicalRegisterName";
-///       static constexpr std::string_view fieldTypeName = "TarnRegFile::LogicalFieldName";
-///     };
+/// which the `Kind` argument gives (`LogicalNames`, `PhysicalNames` below).
 ///
 /// Each name has the runtime's text-parsing constructor (char const*& pos, char
 /// const* const& end). Two `char const*` variables passed to a name constructor
@@ -96,6 +91,26 @@ public:
   Kiv::String name;
   Kiv::String fullName;
 };
+
+/// @brief The runtime type names of the logical model's names.
+struct LogicalNames {
+  static constexpr std::string_view registerTypeName = "TarnRegFile::LogicalRegisterName";
+  static constexpr std::string_view fieldTypeName = "TarnRegFile::LogicalFieldName";
+};
+/// @brief The runtime type names of the physical (hardware) model's names.
+struct PhysicalNames {
+  static constexpr std::string_view registerTypeName = "TarnRegFile::PhysicalRegisterName";
+  static constexpr std::string_view fieldTypeName = "TarnRegFile::PhysicalFieldName";
+};
+
+/// @brief A logical register of one chip.
+using LogicalRegisterName = BasicRegisterName<LogicalNames>;
+/// @brief A field of a logical register (a bit slice of up to 64-bit register).
+using LogicalFieldName = BasicFieldName<LogicalNames>;
+/// @brief A hardware register of one chip.
+using PhysicalRegisterName = BasicRegisterName<PhysicalNames>;
+/// @brief A field of a hardware register.
+using PhysicalFieldName = BasicFieldName<PhysicalNames>;
 
 }  // namespace TarnRegFile
 

@@ -23,16 +23,6 @@
 
 namespace TarnRegFile {
 
-/// @brief The runtime type names of the physical model's names.
-struct PhysicalNames {
-  static constexpr std::string_view registerTypeName = "TarnRegFile::PhysicalRegisterName";
-  static constexpr std::string_view fieldTypeName = "TarnRegFile::PhysicalFieldName";
-};
-/// @brief A hardware register of one chip: chip name, register name and "chip-register".
-using PhysicalRegisterName = BasicRegisterName<PhysicalNames>;
-/// @brief A field of a hardware register: register name, field name and "chip-register-field".
-using PhysicalFieldName = BasicFieldName<PhysicalNames>;
-
 /// @brief The hardware location of one bit slice: register address, lowest bit, width.
 ///
 /// Its constructor does not check bounds (keys are built from checked fields);
