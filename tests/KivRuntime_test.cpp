@@ -132,42 +132,36 @@ TEST(KivEntity, NotifiesOnlyActiveObserversOfAnActiveEntity) {
   EXPECT_EQ(thing->references(), 2u);
 }
 
-TEST(KivEntity, ObserversMayDetachDuringDelivery) {
+// The observer list shared by entities and shared-memory collections: observers that
+// detach, attach or throw while a change is delivered.
+TEST(KivEntity, ObserversMayDetachAttachAndThrowDuringDelivery) {
   auto thing = Kiv::create<Thing>("t");
   auto first = std::make_unique<Counter>();
   auto second = std::make_unique<Counter>();
-  Counter third;
+  Counter third, late;
   first->notifierIs(thing);
   second->notifierIs(thing);
   third.notifierIs(thing);
-  first->onCall = [&] { second.reset(); };  // removes a later observer mid-delivery
-  thing->valueIs(1);
-  EXPECT_EQ(third.calls, 1);
-  EXPECT_EQ(thing->notifieeCount(), 2u);
-  thing->valueIs(2);
-  EXPECT_EQ(third.calls, 2);
-}
-
-TEST(KivEntity, AThrowingObserverDoesNotCutTheDeliveryShort) {
-  auto thing = Kiv::create<Thing>("t");
-  auto first = std::make_unique<Counter>();
-  Counter second, third;
-  first->notifierIs(thing);
-  second.notifierIs(thing);
-  third.notifierIs(thing);
-  first->onCall = [] { throw std::runtime_error("first"); };
-  second.onCall = [&] {
-    first.reset();  // detached mid-delivery, after it threw
-    throw std::logic_error("second");
+  first->onCall = [&] {
+    second.reset();  // removes a later observer mid-delivery
+    late.notifierIs(thing);  // added mid-delivery: waits for the next change
+    throw std::runtime_error("first");
   };
+  third.onCall = [&] {
+    first.reset();  // detached mid-delivery, after it threw
+    throw std::logic_error("third");
+  };
+  Kiv::TraceCapture trace("Kiv/Entity");
   EXPECT_THROW(thing->valueIs(1), std::runtime_error) << "the first failure travels on";
   EXPECT_EQ(third.calls, 1) << "observers after a throwing one still hear of the change";
-  // The delivery ended cleanly: the detached slot is gone and the next change is delivered.
+  EXPECT_EQ(late.calls, 0);
+  EXPECT_TRUE(trace.contains("notifiee of Test::Thing 't' also failed: third", 0));
+  // The delivery ended cleanly: the detached slots are gone and the next change is delivered.
   EXPECT_EQ(thing->notifieeCount(), 2u);
-  second.onCall = nullptr;
+  third.onCall = nullptr;
   thing->valueIs(2);
-  EXPECT_EQ(second.calls, 2);
   EXPECT_EQ(third.calls, 2);
+  EXPECT_EQ(late.calls, 1);
 }
 
 // An entity whose observer of another entity goes away before the entity itself does.
