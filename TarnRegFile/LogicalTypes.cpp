@@ -2,7 +2,6 @@
 
 #include "Assert.h"
 #include "KivException.h"
-#include "KivBits.h"
 #include "KivHash.h"
 #include "Trace.h"
 
@@ -80,8 +79,8 @@ LogicalField::LogicalField(Kiv::String::IteratorConst& pos, Kiv::String::Iterato
 }
 
 void LogicalField::checkBounds() const {
-  if (start > 63) throw Kiv::RangeException("TarnRegFile::LogicalField::start < 0 or > 63 not allowed");
-  if (Kiv::widthOutOfRange(size)) throw Kiv::RangeException("TarnRegFile::LogicalField::size < 1 or > 32 not allowed");
+  checkSlice(start, size, 63, "TarnRegFile::LogicalField::start < 0 or > 63 not allowed",
+             "TarnRegFile::LogicalField::size < 1 or > 32 not allowed");
 }
 
 // ---- LogicalRegister

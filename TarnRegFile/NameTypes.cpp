@@ -1,5 +1,8 @@
 #include "TarnRegFile/NameTypes.h"
 
+#include "KivBits.h"
+#include "KivException.h"
+
 namespace TarnRegFile {
 
 Kiv::String const& defaultRegisterFullName() noexcept {
@@ -10,6 +13,11 @@ Kiv::String const& defaultRegisterFullName() noexcept {
 Kiv::String const& defaultFieldFullName() noexcept {
   static Kiv::String const* const s = new Kiv::String("--");
   return *s;
+}
+
+void checkSlice(U8 start, U8 size, U8 lastStart, char const* startError, char const* sizeError) {
+  if (start > lastStart) throw Kiv::RangeException(startError);
+  if (Kiv::widthOutOfRange(size)) throw Kiv::RangeException(sizeError);
 }
 
 }  // namespace TarnRegFile

@@ -13,6 +13,7 @@
 #include "Export.h"
 #include "KivString.h"
 #include "KivValue.h"
+#include "Types.h"
 
 #include <cstddef>
 #include <functional>
@@ -26,6 +27,11 @@ namespace TarnRegFile {
 /// one immutable string keeps that to a count increment.
 TARN_API Kiv::String const& defaultRegisterFullName() noexcept;
 TARN_API Kiv::String const& defaultFieldFullName() noexcept;
+
+/// @brief The bound checks of a field's bit slice, start first: throws Kiv::RangeException
+/// with @p startError for a start above @p lastStart, then with @p sizeError for a width
+/// outside 1..32.
+TARN_API void checkSlice(U8 start, U8 size, U8 lastStart, char const* startError, char const* sizeError);
 
 /// @brief A register of one chip: chip name, register name and "chip-register".
 template <class Kind>

@@ -1,14 +1,11 @@
 #include "TarnRegFile/PhysicalTypes.h"
 
-#include "KivBits.h"
-#include "KivException.h"
-
 namespace TarnRegFile {
 
 ShadowFieldKey::ShadowFieldKey(Kiv::String::IteratorConst& pos, Kiv::String::IteratorConst const& end) {
   readText(pos, end);
-  if (start > 31) throw Kiv::RangeException("TarnRegFile::ShadowFieldKey::start < 0 or > 31 not allowed");
-  if (Kiv::widthOutOfRange(size)) throw Kiv::RangeException("TarnRegFile::ShadowFieldKey::size < 1 or > 32 not allowed");
+  checkSlice(start, size, 31, "TarnRegFile::ShadowFieldKey::start < 0 or > 31 not allowed",
+             "TarnRegFile::ShadowFieldKey::size < 1 or > 32 not allowed");
 }
 
 PhysicalField::PhysicalField(PhysicalFieldName const& name_, U8 start_, U8 size_)
@@ -22,8 +19,8 @@ PhysicalField::PhysicalField(Kiv::String::IteratorConst& pos, Kiv::String::Itera
 }
 
 void PhysicalField::checkBounds() const {
-  if (start > 31) throw Kiv::RangeException("TarnRegFile::PhysicalField::start < 0 or > 31 not allowed");
-  if (Kiv::widthOutOfRange(size)) throw Kiv::RangeException("TarnRegFile::PhysicalField::size < 1 or > 32 not allowed");
+  checkSlice(start, size, 31, "TarnRegFile::PhysicalField::start < 0 or > 31 not allowed",
+             "TarnRegFile::PhysicalField::size < 1 or > 32 not allowed");
 }
 
 }  // namespace TarnRegFile
