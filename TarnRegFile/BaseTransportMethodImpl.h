@@ -16,6 +16,7 @@
 
 #include "Export.h"
 #include "HardwareRegisterFile.h"
+#include "KivBits.h"
 #include "KivPtr.h"
 #include "Types.h"
 
@@ -42,7 +43,7 @@ using RegReadCallback = std::function<void(char const* regName, RegCallbackStatu
 /// @brief Keeps the low `width` bits of a value loaded with one access of `accessWidth` bits.
 inline uint32_t keepRegisterBits(uint32_t value, Hardware::TarnRegFile::HardwareRegister const& reg) noexcept {
   unsigned const unused = (reg.accessWidth - reg.width) % 32u;
-  return (value << unused) >> unused;
+  return value & static_cast<uint32_t>(Kiv::widthMask(32u - unused));
 }
 
 /// @brief Base of every register transport implementation.

@@ -283,65 +283,65 @@ Kiv::Ptr<Translation> Translation::TranslationIs(Kiv::String const& name) { retu
 
 Kiv::Ptr<Translation> translationFactory(Kiv::String const& name) { return Translation::TranslationIs(name); }
 
-void Translation::map(std::vector<FieldId>& to, size_t& count, FieldId from, FieldId target) {
+void Translation::Direction::map(FieldId from, FieldId target) {
   if (from >= to.size()) to.resize(from + 1, noField);
   if (to[from] == noField) ++count;
   to[from] = target;
 }
 
-void Translation::unmap(std::vector<FieldId>& to, size_t& count, FieldId from) noexcept {
+void Translation::Direction::unmap(FieldId from) noexcept {
   if (from >= to.size() || to[from] == noField) return;
   to[from] = noField;
   --count;
 }
 
+void Translation::Direction::clear() noexcept {
+  std::fill(to.begin(), to.end(), noField);
+  count = 0;
+}
+
+// Both directions work alike on the shared name table; only the map and the name types differ.
+template <class To, class From>
+To Translation::mapped(Direction const& d, From const& from) const {
+  FieldId const id = d.at(names_->findField(from));
+  return id == noField ? To() : names_->fieldName<To>(id);
+}
+
+template <class From>
+bool Translation::mappedHas(Direction const& d, From const& from) const noexcept {
+  return d.at(names_->findField(from)) != noField;
+}
+
+template <class From, class To>
+void Translation::mapIs(Direction& d, From const& from, To const& to) {
+  FieldId const id = names_->fieldId(from);
+  d.map(id, names_->fieldId(to));
+}
+
+template <class From>
+void Translation::mapDel(Direction& d, From const& from) noexcept {
+  d.unmap(names_->findField(from));
+}
+
 PhysicalFieldName Translation::logicalToPhysical(LogicalFieldName const& lf) const {
-  FieldId const pf = physicalFieldId(names_->findField(lf));
-  return pf == noField ? PhysicalFieldName() : names_->fieldName<PhysicalFieldName>(pf);
+  return mapped<PhysicalFieldName>(forward_, lf);
 }
-
-bool Translation::logicalToPhysicalHas(LogicalFieldName const& lf) const noexcept {
-  return physicalFieldId(names_->findField(lf)) != noField;
-}
-
+bool Translation::logicalToPhysicalHas(LogicalFieldName const& lf) const noexcept { return mappedHas(forward_, lf); }
 void Translation::logicalToPhysicalIs(LogicalFieldName const& lf, PhysicalFieldName const& pf) {
-  FieldId const from = names_->fieldId(lf);
-  map(forward_, forwardCount_, from, names_->fieldId(pf));
+  mapIs(forward_, lf, pf);
 }
-
-void Translation::logicalToPhysicalDel(LogicalFieldName const& lf) noexcept {
-  FieldId const from = names_->findField(lf);
-  if (from != noField) unmap(forward_, forwardCount_, from);
-}
-
-void Translation::logicalToPhysicalDelAll() noexcept {
-  std::fill(forward_.begin(), forward_.end(), noField);
-  forwardCount_ = 0;
-}
+void Translation::logicalToPhysicalDel(LogicalFieldName const& lf) noexcept { mapDel(forward_, lf); }
+void Translation::logicalToPhysicalDelAll() noexcept { forward_.clear(); }
 
 LogicalFieldName Translation::physicalToLogical(PhysicalFieldName const& pf) const {
-  FieldId const lf = logicalFieldId(names_->findField(pf));
-  return lf == noField ? LogicalFieldName() : names_->fieldName<LogicalFieldName>(lf);
+  return mapped<LogicalFieldName>(reverse_, pf);
 }
-
-bool Translation::physicalToLogicalHas(PhysicalFieldName const& pf) const noexcept {
-  return logicalFieldId(names_->findField(pf)) != noField;
-}
-
+bool Translation::physicalToLogicalHas(PhysicalFieldName const& pf) const noexcept { return mappedHas(reverse_, pf); }
 void Translation::physicalToLogicalIs(PhysicalFieldName const& pf, LogicalFieldName const& lf) {
-  FieldId const from = names_->fieldId(pf);
-  map(reverse_, reverseCount_, from, names_->fieldId(lf));
+  mapIs(reverse_, pf, lf);
 }
-
-void Translation::physicalToLogicalDel(PhysicalFieldName const& pf) noexcept {
-  FieldId const from = names_->findField(pf);
-  if (from != noField) unmap(reverse_, reverseCount_, from);
-}
-
-void Translation::physicalToLogicalDelAll() noexcept {
-  std::fill(reverse_.begin(), reverse_.end(), noField);
-  reverseCount_ = 0;
-}
+void Translation::physicalToLogicalDel(PhysicalFieldName const& pf) noexcept { mapDel(reverse_, pf); }
+void Translation::physicalToLogicalDelAll() noexcept { reverse_.clear(); }
 
 void Translation::populate(Kiv::String const& logicalReg, Kiv::String const& logicalField,
                            Kiv::String const& physicalReg, Kiv::String const& physicalField) {
@@ -352,8 +352,8 @@ void Translation::populate(Kiv::String const& logicalReg, Kiv::String const& log
   FieldId const pf = physicalReg == logicalReg && physicalField == logicalField
                          ? lf
                          : names_->fieldId(names_->registerId(physicalReg), physicalField);
-  map(forward_, forwardCount_, lf, pf);
-  map(reverse_, reverseCount_, pf, lf);
+  forward_.map(lf, pf);
+  reverse_.map(pf, lf);
 }
 
 PhysicalFieldName Translation::getPhysicalFieldName(LogicalFieldName const& lfName) {
@@ -385,16 +385,16 @@ size_t nextMapped(std::vector<ChipNames::Id> const& to, size_t pos) noexcept {
 }  // namespace
 
 template <>
-size_t LogicalToPhysicalSource::positions() const noexcept { return owner->forward_.size(); }
+size_t LogicalToPhysicalSource::positions() const noexcept { return owner->forward_.to.size(); }
 template <>
-size_t LogicalToPhysicalSource::next(size_t pos) const noexcept { return nextMapped(owner->forward_, pos); }
+size_t LogicalToPhysicalSource::next(size_t pos) const noexcept { return nextMapped(owner->forward_.to, pos); }
 template <>
-size_t LogicalToPhysicalSource::size() const noexcept { return owner->forwardCount_; }
+size_t LogicalToPhysicalSource::size() const noexcept { return owner->forward_.count; }
 template <>
 std::pair<LogicalFieldName, PhysicalFieldName> LogicalToPhysicalSource::entry(size_t pos) const {
   ChipNames const& names = owner->names();
   return {names.fieldName<LogicalFieldName>(static_cast<ChipNames::Id>(pos)),
-          names.fieldName<PhysicalFieldName>(owner->forward_[pos])};
+          names.fieldName<PhysicalFieldName>(owner->forward_.to[pos])};
 }
 template <>
 std::optional<PhysicalFieldName> LogicalToPhysicalSource::find(LogicalFieldName const& key) const {
@@ -403,16 +403,16 @@ std::optional<PhysicalFieldName> LogicalToPhysicalSource::find(LogicalFieldName 
 }
 
 template <>
-size_t PhysicalToLogicalSource::positions() const noexcept { return owner->reverse_.size(); }
+size_t PhysicalToLogicalSource::positions() const noexcept { return owner->reverse_.to.size(); }
 template <>
-size_t PhysicalToLogicalSource::next(size_t pos) const noexcept { return nextMapped(owner->reverse_, pos); }
+size_t PhysicalToLogicalSource::next(size_t pos) const noexcept { return nextMapped(owner->reverse_.to, pos); }
 template <>
-size_t PhysicalToLogicalSource::size() const noexcept { return owner->reverseCount_; }
+size_t PhysicalToLogicalSource::size() const noexcept { return owner->reverse_.count; }
 template <>
 std::pair<PhysicalFieldName, LogicalFieldName> PhysicalToLogicalSource::entry(size_t pos) const {
   ChipNames const& names = owner->names();
   return {names.fieldName<PhysicalFieldName>(static_cast<ChipNames::Id>(pos)),
-          names.fieldName<LogicalFieldName>(owner->reverse_[pos])};
+          names.fieldName<LogicalFieldName>(owner->reverse_.to[pos])};
 }
 template <>
 std::optional<LogicalFieldName> PhysicalToLogicalSource::find(PhysicalFieldName const& key) const {

@@ -316,9 +316,9 @@ public:
   /// @brief The name table, shared with the chip that created the translation.
   ChipNames const& names() const noexcept { return *names_; }
   /// @brief The physical field id mapped to logical field id @p lf, or noField.
-  FieldId physicalFieldId(FieldId lf) const noexcept { return lf < forward_.size() ? forward_[lf] : noField; }
+  FieldId physicalFieldId(FieldId lf) const noexcept { return forward_.at(lf); }
   /// @brief The logical field id mapped to physical field id @p pf, or noField.
-  FieldId logicalFieldId(FieldId pf) const noexcept { return pf < reverse_.size() ? reverse_[pf] : noField; }
+  FieldId logicalFieldId(FieldId pf) const noexcept { return reverse_.at(pf); }
 
 protected:
   explicit Translation(Kiv::String const& name);
@@ -332,14 +332,28 @@ private:
   friend LogicalToPhysicalSource;
   friend PhysicalToLogicalSource;
 
-  static void map(std::vector<FieldId>& to, size_t& count, FieldId from, FieldId target);
-  static void unmap(std::vector<FieldId>& to, size_t& count, FieldId from) noexcept;
+  /// One direction of the dictionary: by source field id, the target field id or noField.
+  struct Direction {
+    std::vector<FieldId> to;
+    size_t count = 0;  // ids mapped
+    FieldId at(FieldId from) const noexcept { return from < to.size() ? to[from] : noField; }
+    void map(FieldId from, FieldId target);
+    void unmap(FieldId from) noexcept;
+    void clear() noexcept;
+  };
+
+  template <class To, class From>
+  To mapped(Direction const& d, From const& from) const;
+  template <class From>
+  bool mappedHas(Direction const& d, From const& from) const noexcept;
+  template <class From, class To>
+  void mapIs(Direction& d, From const& from, To const& to);
+  template <class From>
+  void mapDel(Direction& d, From const& from) noexcept;
 
   std::shared_ptr<ChipNames> names_;
-  std::vector<FieldId> forward_;  // by logical field id: physical field id, or noField
-  size_t forwardCount_ = 0;
-  std::vector<FieldId> reverse_;  // by physical field id: logical field id, or noField
-  size_t reverseCount_ = 0;
+  Direction forward_;  // by logical field id
+  Direction reverse_;  // by physical field id
 };
 
 /// @brief Creates a translation for chip @p name.

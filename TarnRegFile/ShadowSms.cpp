@@ -1,6 +1,7 @@
 #include "TarnRegFile/ShadowSms.h"
 
 #include "Assert.h"
+#include "KivBits.h"
 #include "KivGeneric.h"
 #include "ShmTable.h"
 #include "TarnRegFile/TransportMethod.h"
@@ -29,13 +30,13 @@ void bitStreamSet(U8* buffer, U16 start, U8 len, U64 value) {
   KIV_ASSERT(kTrace, startSlice >= endSlice - 8) << "field of " << unsigned{len} << " bits at bit " << start
                                                  << " spans more than 8 bytes";
   KIV_ASSERT(kTrace, len < 64) << "field of " << unsigned{len} << " bits does not fit a 64-bit value";
-  U64 const mask = (U64{1} << len) - 1;
+  U64 const mask = Kiv::widthMask(len);
   value &= mask;
   unsigned const shift = start % 8;
   // Bytes beyond the 32-bit image are not part of the register: their bits are dropped.
   if (startSlice < kImageBytes) {
     U8& first = buffer[startSlice];
-    first = static_cast<U8>((first & (((U64{1} << shift) - 1) | ~(mask << shift))) | (value << shift));
+    first = static_cast<U8>((first & (Kiv::widthMask(shift) | ~(mask << shift))) | (value << shift));
   }
   for (int i = 1; startSlice + i <= endSlice && startSlice + i < kImageBytes; ++i) {
     unsigned const s = 8 * static_cast<unsigned>(i) - shift;

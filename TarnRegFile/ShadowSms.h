@@ -54,7 +54,7 @@ TARN_API void bitStreamSet(U8* buffer, U16 start, U8 len, U64 value);
 class TARN_API ShadowFieldsSm : public Kiv::Entity {
 public:
   /// Register address -> 32-bit image. Flat: a pass over a large chip looks up every register.
-  using RegisterImageMap = Kiv::KeyedCollection<U32, U32, boost::hash<U32>, boost::unordered_flat_map>;
+  using RegisterImageMap = Kiv::KeyedCollection<U32, U32, boost::hash<U32>, std::equal_to<U32>, boost::unordered_flat_map>;
 
   /// @brief Observer of a state machine.
   class TARN_API Notifiee : public Kiv::Notifiee<ShadowFieldsSm> {

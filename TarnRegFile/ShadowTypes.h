@@ -69,26 +69,6 @@ protected:
   ShadowFieldsNotifieeBase() = default;
 };
 
-/// @brief Observer of one shadow-field entity of type E; holds a counted reference to it.
-template <class E>
-class ShadowFieldsNotifiee : public ShadowFieldsNotifieeBase {
-public:
-  /// @brief The observed entity, or null.
-  E* notifier() const noexcept { return static_cast<E*>(notifierBase()); }
-  /// @brief Observes @p e (and keeps it alive); null detaches.
-  void notifierIs(Kiv::Ptr<E> const& e) {
-    held_ = e;
-    notifierBaseIs(e.ptr());
-  }
-
-protected:
-  ShadowFieldsNotifiee() = default;
-  ~ShadowFieldsNotifiee() override { notifierBaseIs(nullptr); }
-
-private:
-  Kiv::Ptr<E> held_;
-};
-
 /// @brief What ShadowFieldsConfig and ShadowFieldsStatus have in common: everything but their names.
 class TARN_API ShadowFields : public Kiv::Entity, public Kiv::Shm::ControlledEntity {
 public:
@@ -231,7 +211,7 @@ private:
 /// @brief Desired values of a chip's physical fields.
 class TARN_API ShadowFieldsConfig : public ShadowFields {
 public:
-  using Notifiee = ShadowFieldsNotifiee<ShadowFieldsConfig>;
+  using Notifiee = Kiv::Notifiee<ShadowFieldsConfig, ShadowFieldsNotifieeBase>;
 
   /// @brief A new, unattached collection named @p name, with notification active.
   static Kiv::Ptr<ShadowFieldsConfig> ShadowFieldsConfigIs(Kiv::String const& name);
@@ -248,7 +228,7 @@ protected:
 /// @brief Values of a chip's physical fields as last applied to the hardware.
 class TARN_API ShadowFieldsStatus : public ShadowFields {
 public:
-  using Notifiee = ShadowFieldsNotifiee<ShadowFieldsStatus>;
+  using Notifiee = Kiv::Notifiee<ShadowFieldsStatus, ShadowFieldsNotifieeBase>;
 
   /// @brief A new, unattached collection named @p name, with notification active.
   static Kiv::Ptr<ShadowFieldsStatus> ShadowFieldsStatusIs(Kiv::String const& name);

@@ -17,46 +17,6 @@ Kiv::TraceHandle kTrace("TarnRegFile/SystemChipStatusSm");
 
 }  // namespace
 
-// ================================================================ PossibleHwApi
-
-PossibleHwApi::PossibleHwApi(Kiv::String::IteratorConst& pos, Kiv::String::IteratorConst const& end) {
-  Kiv::ValueReader r(pos, end);
-  r.expect("Value('TarnRegFile::PossibleHwApi', ** {");
-  r.expect("'major':");
-  r.skipSpace();
-  r.attr("major", major);
-  r.expect(", 'minor':");
-  r.skipSpace();
-  r.attr("minor", minor);
-  r.expect("})");
-}
-
-std::string PossibleHwApi::valueToStrep() const {
-  std::string out;
-  Kiv::ValueWriter(out, "TarnRegFile::PossibleHwApi").attr("major", major).attr("minor", minor).end();
-  return out;
-}
-
-// ================================================================ PossibleProfile
-
-PossibleProfile::PossibleProfile(Kiv::String::IteratorConst& pos, Kiv::String::IteratorConst const& end) {
-  Kiv::ValueReader r(pos, end);
-  r.expect("Value('TarnRegFile::PossibleProfile', ** {");
-  r.expect("'profileName':");
-  r.skipSpace();
-  r.attr("profileName", profileName);
-  r.expect(", 'hwApi':");
-  r.skipSpace();
-  r.attr("hwApi", hwApi);
-  r.expect("})");
-}
-
-std::string PossibleProfile::valueToStrep() const {
-  std::string out;
-  Kiv::ValueWriter(out, "TarnRegFile::PossibleProfile").attr("profileName", profileName).attr("hwApi", hwApi).end();
-  return out;
-}
-
 // ================================================================ MountConstants
 
 std::string MountConstants::valueToStrep() const {
@@ -68,8 +28,6 @@ std::string MountConstants::valueToStrep() const {
   return out;
 }
 
-std::ostream& operator<<(std::ostream& os, PossibleHwApi const& v) { return os << v.valueToStrep(); }
-std::ostream& operator<<(std::ostream& os, PossibleProfile const& v) { return os << v.valueToStrep(); }
 std::ostream& operator<<(std::ostream& os, MountConstants const& v) { return os << v.valueToStrep(); }
 
 // ================================================================ PossibleChipStatus

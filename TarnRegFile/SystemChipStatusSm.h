@@ -32,6 +32,7 @@
 #include "KivEntity.h"
 #include "KivPtr.h"
 #include "KivString.h"
+#include "KivValue.h"
 #include "ShmEntityManager.h"
 #include "TarnRegFile/LogicalChip.h"
 #include "TarnRegFile/SystemModels.h"
@@ -49,41 +50,48 @@ namespace TarnRegFile {
 // ================================================================ value types
 
 /// @brief A hardware interface version.
-class TARN_API PossibleHwApi {
+class TARN_API PossibleHwApi : public Kiv::Value<PossibleHwApi> {
 public:
+  static constexpr std::string_view typeName = "TarnRegFile::PossibleHwApi";
+  static constexpr auto attrs() {
+    return std::tuple{Kiv::attr("major", &PossibleHwApi::major), Kiv::attr("minor", &PossibleHwApi::minor)};
+  }
+  /// The parser takes any spacing after "'major':" and "'minor':".
+  static constexpr bool looseAttrSpacing = true;
+
   constexpr PossibleHwApi() noexcept = default;
   constexpr PossibleHwApi(U32 major_, U32 minor_) noexcept : major{major_}, minor{minor_} {}
   /// @brief Reads the text form; throws Kiv::ParseException.
-  PossibleHwApi(Kiv::String::IteratorConst& pos, Kiv::String::IteratorConst const& end);
+  PossibleHwApi(Kiv::String::IteratorConst& pos, Kiv::String::IteratorConst const& end) { readText(pos, end); }
 
   /// @brief False only for version 0.0.
   constexpr explicit operator bool() const noexcept { return major != 0 || minor != 0; }
-  constexpr bool operator==(PossibleHwApi const&) const noexcept = default;
-
-  /// @brief "Value('TarnRegFile::PossibleHwApi', ** {'major': 1, 'minor': 2})".
-  std::string valueToStrep() const;
+  constexpr bool operator==(PossibleHwApi const& o) const noexcept { return major == o.major && minor == o.minor; }
 
   U32 major = 0;
   U32 minor = 0;
 };
 
 /// @brief One profile in use: its name and hardware interface version.
-class TARN_API PossibleProfile {
+class TARN_API PossibleProfile : public Kiv::Value<PossibleProfile> {
 public:
+  static constexpr std::string_view typeName = "TarnRegFile::PossibleProfile";
+  static constexpr auto attrs() {
+    return std::tuple{Kiv::attr("profileName", &PossibleProfile::profileName),
+                      Kiv::attr("hwApi", &PossibleProfile::hwApi)};
+  }
+  /// The parser takes any spacing after "'profileName':" and "'hwApi':".
+  static constexpr bool looseAttrSpacing = true;
+
   PossibleProfile() = default;
   PossibleProfile(Kiv::String const& profileName_, PossibleHwApi const& hwApi_)
       : profileName(profileName_), hwApi(hwApi_) {}
   /// @brief Reads the text form (with the version's own text form inside); throws Kiv::ParseException.
-  PossibleProfile(Kiv::String::IteratorConst& pos, Kiv::String::IteratorConst const& end);
+  PossibleProfile(Kiv::String::IteratorConst& pos, Kiv::String::IteratorConst const& end) { readText(pos, end); }
 
   /// @brief False only for the default profile (empty name, version 0.0).
   explicit operator bool() const noexcept { return !profileName.empty() || static_cast<bool>(hwApi); }
-  bool operator==(PossibleProfile const& o) const noexcept {
-    return profileName == o.profileName && hwApi == o.hwApi;
-  }
-
-  /// @brief "Value('TarnRegFile::PossibleProfile', ** {'profileName': 'p1', 'hwApi': Value(...)})".
-  std::string valueToStrep() const;
+  bool operator==(PossibleProfile const& o) const noexcept { return attrsEqual(o); }
 
   Kiv::String profileName;
   PossibleHwApi hwApi;
@@ -107,8 +115,6 @@ public:
   std::string valueToStrep() const;
 };
 
-TARN_API std::ostream& operator<<(std::ostream& os, PossibleHwApi const& v);
-TARN_API std::ostream& operator<<(std::ostream& os, PossibleProfile const& v);
 TARN_API std::ostream& operator<<(std::ostream& os, MountConstants const& v);
 
 // ================================================================ status entities
@@ -278,18 +284,6 @@ private:
 
 }  // namespace TarnRegFile
 
-template <>
-struct fmt::formatter<TarnRegFile::PossibleHwApi> : fmt::formatter<std::string_view> {
-  auto format(TarnRegFile::PossibleHwApi const& v, format_context& ctx) const {
-    return fmt::formatter<std::string_view>::format(v.valueToStrep(), ctx);
-  }
-};
-template <>
-struct fmt::formatter<TarnRegFile::PossibleProfile> : fmt::formatter<std::string_view> {
-  auto format(TarnRegFile::PossibleProfile const& v, format_context& ctx) const {
-    return fmt::formatter<std::string_view>::format(v.valueToStrep(), ctx);
-  }
-};
 template <>
 struct fmt::formatter<TarnRegFile::MountConstants> : fmt::formatter<std::string_view> {
   auto format(TarnRegFile::MountConstants const& v, format_context& ctx) const {

@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -35,21 +36,15 @@ std::istream& getline_lea(std::istream& in, std::string& buffer, std::string_vie
 U32 strtouint32_checked(char const* text, bool& ok) {
   ok = false;
   if (text == nullptr) return 0;
-  char* end = nullptr;
-  errno = 0;
-  unsigned long const result = std::strtoul(text, &end, 10);
-  if (end == text || *end != '\0' || errno == ERANGE) return 0;
-  if constexpr (sizeof(unsigned long) > sizeof(U32)) {
-    // A wider unsigned long would accept magnitudes that a 32-bit conversion
-    // rejects; keep the 32-bit behaviour on every build: the magnitude must fit in
-    // 32 bits and a leading '-' negates modulo 2^32.
-    char const* p = text;
-    while (*p != '\0' && std::strchr(" \t\n\v\f\r", *p) != nullptr) ++p;
-    unsigned long const magnitude = *p == '-' ? 0ul - result : result;
-    if (magnitude > std::numeric_limits<U32>::max()) return 0;
-  }
+  std::string_view t(text);
+  t.remove_prefix(std::min(t.find_first_not_of(" \t\n\v\f\r"), t.size()));
+  bool const negative = !t.empty() && t.front() == '-';
+  if (!t.empty() && (t.front() == '-' || t.front() == '+')) t.remove_prefix(1);
+  auto const magnitude = Kiv::parseUnsigned(t, 10, std::numeric_limits<U32>::max());
+  if (!magnitude) return 0;
   ok = true;
-  return static_cast<U32>(result);
+  U32 const m = static_cast<U32>(*magnitude);
+  return negative ? 0u - m : m;
 }
 
 int32_t syscallAutoRetry(std::function<int32_t()> const& call, bool retryOnEagain, bool retryOnEintr) {

@@ -3,14 +3,17 @@
 /// @brief Small text and Linux system helpers shared by the register-map loader and the transports.
 
 #include "Export.h"
+#include "KivNumber.h"
 #include "Types.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <istream>
 #include <limits>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace TarnRegFile::Utils {
 
@@ -35,35 +38,42 @@ TARN_API std::istream& getline_lea(std::istream& in, std::string& buffer, std::s
 template <class T>
 bool strtoint(std::string_view const& text, T& value, int base) {
   static_assert(std::numeric_limits<T>::is_integer, "strtoint converts to integer types only");
-  if (text.empty() || base < 2 || base > 36) return false;
-  T const limit = std::numeric_limits<T>::max();
-  T const radix = static_cast<T>(base);
-  T result = 0;
-  for (char const c : text) {
-    int digit;
-    if (c >= '0' && c <= '9')
-      digit = c - '0';
-    else if (c >= 'a' && c <= 'z')
-      digit = c - 'a' + 10;
-    else if (c >= 'A' && c <= 'Z')
-      digit = c - 'A' + 10;
-    else
-      return false;
-    if (digit >= base) return false;
-    T const d = static_cast<T>(digit);
-    if (result > (limit - d) / radix) return false;  // result * radix + d would not fit
-    result = static_cast<T>(result * radix + d);
-  }
-  value = result;
+  if (base < 2 || base > 36) return false;
+  auto const parsed =
+      Kiv::parseUnsigned(text, static_cast<unsigned>(base), static_cast<U64>(std::numeric_limits<T>::max()));
+  if (!parsed) return false;
+  value = static_cast<T>(*parsed);
   return true;
 }
 
-/// @brief Decimal conversion through strtoul with the checks callers forget.
+/// @brief Decimal conversion with strtoul's syntax and the checks callers forget.
 ///
-/// @p ok becomes true only when at least one character was converted, nothing follows
-/// the number and the value fits in 32 bits. Like strtoul it accepts leading white
-/// space and a sign ("-1" gives 4294967295). Returns 0 on failure.
+/// @p ok becomes true only when at least one digit was converted, nothing follows
+/// the number and its magnitude fits in 32 bits. Like strtoul it accepts leading white
+/// space and a sign, a '-' negating modulo 2^32 ("-1" gives 4294967295), the same on
+/// every architecture. Returns 0 on failure.
 TARN_API U32 strtouint32_checked(char const* text, bool& ok);
+
+// ---------------------------------------------------------------- register lists
+
+/// @brief The byte address of a register record: a CSV register's `number`, a model register's `address`.
+template <class R>
+U32 registerAddress(R const& reg) noexcept {
+  if constexpr (requires { reg.number; })
+    return reg.number;
+  else
+    return reg.address;
+}
+
+/// @brief Sorts register records by address, then by name (listings of a map, whichever its source).
+template <class R>
+void sortByAddress(std::vector<R const*>& regs) {
+  std::sort(regs.begin(), regs.end(), [](R const* a, R const* b) {
+    U32 const x = registerAddress(*a);
+    U32 const y = registerAddress(*b);
+    return x != y ? x < y : a->name < b->name;
+  });
+}
 
 // ---------------------------------------------------------------- system
 

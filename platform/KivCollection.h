@@ -8,30 +8,47 @@
 
 #include <functional>
 #include <optional>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
 namespace Kiv {
 
-/// @p Map is the storage: std::unordered_map by default; any map of the same shape fits
-/// (a flat open-addressing map for small keys and values looked up on hot paths).
-template <class K, class V, class H = std::hash<K>, template <class...> class M = std::unordered_map>
+/// @p M is the storage: std::unordered_map by default; any map of the same shape fits
+/// (boost::unordered_flat_map, open addressing, for keys looked up on hot paths).
+///
+/// Lookups take the key type or, when @p H and @p Eq are transparent (declare
+/// `is_transparent`), any type they accept: a key given by its parts then needs no
+/// key value built.
+template <class K, class V, class H = std::hash<K>, class Eq = std::equal_to<K>,
+          template <class...> class M = std::unordered_map>
 class KeyedCollection {
 public:
-  using Map = M<K, V, H>;
+  using Map = M<K, V, H, Eq>;
   using const_iterator = typename Map::const_iterator;
 
-  /// @brief The entry for @p key, or null.
-  V const* find(K const& key) const {
+  /// @brief The entry for @p key, or null. The pointer is valid until the next insertion or removal.
+  template <class Key = K>
+  V const* find(Key const& key) const {
+    auto it = map_.find(key);
+    return it == map_.end() ? nullptr : &it->second;
+  }
+  /// @brief Mutable access for owners that change an entry in place (and notify for it themselves).
+  template <class Key = K>
+  V* find(Key const& key) {
     auto it = map_.find(key);
     return it == map_.end() ? nullptr : &it->second;
   }
   /// @brief The entry for @p key, or @p fallback.
-  V get(K const& key, V const& fallback = V()) const {
+  template <class Key = K>
+  V get(Key const& key, V const& fallback = V()) const {
     auto it = map_.find(key);
     return it == map_.end() ? fallback : it->second;
   }
-  bool has(K const& key) const { return map_.count(key) != 0; }
+  template <class Key = K>
+  bool has(Key const& key) const {
+    return map_.find(key) != map_.end();
+  }
 
   /// @brief Inserts or replaces; true when the stored value changed (compared with ==).
   bool set(K const& key, V const& value) {
@@ -68,9 +85,16 @@ public:
   const_iterator end() const noexcept { return map_.end(); }
   bool operator==(KeyedCollection const& o) const { return map_ == o.map_; }
   void reserve(size_t n) { map_.reserve(n); }
+  void clear() noexcept { map_.clear(); }
 
 private:
   Map map_;
 };
+
+/// @brief Collections have no text form of their own: an attribute holding one reads None.
+template <class K, class V, class H, class Eq, template <class...> class M>
+std::string toStrep(KeyedCollection<K, V, H, Eq, M> const&) {
+  return "None";
+}
 
 }  // namespace Kiv

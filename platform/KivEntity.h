@@ -24,10 +24,10 @@
 
 #include "Export.h"
 #include "KivPtr.h"
+#include "KivNotifierList.h"
 #include "KivString.h"
 
-#include <exception>
-#include <vector>
+#include <string>
 
 namespace Kiv {
 
@@ -59,20 +59,24 @@ private:
 };
 
 /// @brief Typed observer base for entity type E; holds a counted reference to E.
-template <class E>
-class Notifiee : public NotifieeBase {
+///
+/// @p Base is the untyped observer class whose virtual on<Attribute> operations the
+/// observer overrides (NotifieeBase itself, or a base shared by several entity types
+/// with the same attributes).
+template <class E, class Base = NotifieeBase>
+class Notifiee : public Base {
 public:
   /// @brief The observed entity.
-  E* notifier() const noexcept { return static_cast<E*>(notifierBase()); }
+  E* notifier() const noexcept { return static_cast<E*>(this->notifierBase()); }
   /// @brief Observes @p e (and keeps it alive); null detaches.
   void notifierIs(Ptr<E> const& e) {
     held_ = e;
-    notifierBaseIs(e.ptr());
+    this->notifierBaseIs(e.ptr());
   }
 
 protected:
   Notifiee() = default;
-  ~Notifiee() override { notifierBaseIs(nullptr); }
+  ~Notifiee() override { this->notifierBaseIs(nullptr); }
 
 private:
   Ptr<E> held_;
@@ -124,44 +128,20 @@ protected:
   template <class N, class F>
   void notify(F&& f) {
     if (!notificationActive_ || notifiees_.empty()) return;
-    Delivery delivery(*this);
-    for (size_t i = 0; i < notifiees_.size(); ++i) {
-      NotifieeBase* n = notifiees_[i];
-      if (!n || !n->isNotificationActive()) continue;
-      try {
-        f(static_cast<N&>(*n));
-      } catch (...) {
-        delivery.failed(std::current_exception());
-      }
-    }
-    delivery.finish();
+    notifiees_.deliver(
+        [&f](NotifieeBase* n) {
+          if (n->isNotificationActive()) f(static_cast<N&>(*n));
+        },
+        [this] { return describe(); });
   }
 
 private:
-  /// Keeps the delivery depth right however the loop ends, and carries the first failure out.
-  class TARN_API Delivery {
-  public:
-    explicit Delivery(Entity& e) noexcept : entity_(e) { ++entity_.delivering_; }
-    ~Delivery();
-    Delivery(Delivery const&) = delete;
-    Delivery& operator=(Delivery const&) = delete;
-    void failed(std::exception_ptr e) noexcept;
-    /// Ends the delivery; rethrows the first failure.
-    void finish();
-
-  private:
-    Entity& entity_;
-    std::exception_ptr first_;
-    bool finished_ = false;
-  };
-
-  void compact();
+  std::string describe() const;
 
   String name_;
   bool notificationActive_ = false;
-  U32 delivering_ = 0;
   Entity* parent_ = nullptr;
-  std::vector<NotifieeBase*> notifiees_;
+  NotifierList<NotifieeBase*> notifiees_;
 };
 
 /// @brief Allocates an entity, switches its notifications on and returns the reference.

@@ -1,33 +1,22 @@
 #include "KivGeneric.h"
 
+#include "KivNumber.h"
+
 #include <fmt/format.h>
 
 namespace Kiv {
 
 U64 parseUnsignedArg(std::string const& text, U64 max) {
   std::string_view t(text);
-  int base = 10;
+  unsigned base = 10;
   if (t.size() > 2 && t[0] == '0' && (t[1] == 'x' || t[1] == 'X')) {
     base = 16;
     t.remove_prefix(2);
   }
-  if (t.empty()) throw std::invalid_argument(fmt::format("'{}' is not a number", text));
-  U64 v = 0;
-  for (char c : t) {
-    int d;
-    if (c >= '0' && c <= '9')
-      d = c - '0';
-    else if (base == 16 && c >= 'a' && c <= 'f')
-      d = c - 'a' + 10;
-    else if (base == 16 && c >= 'A' && c <= 'F')
-      d = c - 'A' + 10;
-    else
-      throw std::invalid_argument(fmt::format("'{}' is not a number", text));
-    if (v > (max - static_cast<U64>(d)) / static_cast<U64>(base))
-      throw std::invalid_argument(fmt::format("'{}' is above {}", text, max));
-    v = v * static_cast<U64>(base) + static_cast<U64>(d);
-  }
-  return v;
+  DigitRun const run = readDigits(t, base, max);
+  if (run.overflow) throw std::invalid_argument(fmt::format("'{}' is above {}", text, max));
+  if (t.empty() || run.length != t.size()) throw std::invalid_argument(fmt::format("'{}' is not a number", text));
+  return run.value;
 }
 
 bool parseBoolArg(std::string const& text) {

@@ -1,5 +1,7 @@
 #include "KivValueText.h"
 
+#include "KivNumber.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -40,17 +42,11 @@ void ValueReader::skipSpace() {
 }
 
 U64 ValueReader::readUnsigned(U64 max) {
-  auto p = pos_;
-  if (p == end_ || *p < '0' || *p > '9') fail("expected a decimal number");
-  U64 v = 0;
-  while (p != end_ && *p >= '0' && *p <= '9') {
-    U64 const digit = static_cast<U64>(*p - '0');
-    if (v > (max - digit) / 10) fail(fmt::format("number above {}", max));
-    v = v * 10 + digit;
-    ++p;
-  }
-  pos_ = p;
-  return v;
+  DigitRun const run = readDigits(std::string_view(pos_, static_cast<size_t>(end_ - pos_)), 10, max);
+  if (run.overflow) fail(fmt::format("number above {}", max));
+  if (run.length == 0) fail("expected a decimal number");
+  pos_ += run.length;
+  return run.value;
 }
 
 void ValueReader::read(bool& v) {

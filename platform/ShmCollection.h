@@ -18,6 +18,7 @@
 /// through this object (write, commitSlot, remove of a present key); changes
 /// made by other processes show in the table's changeCounter().
 
+#include "KivNotifierList.h"
 #include "ShmTable.h"
 #include "Types.h"
 
@@ -25,7 +26,6 @@
 #include <cstddef>
 #include <functional>
 #include <iterator>
-#include <list>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -157,58 +157,36 @@ public:
 
   /// @brief Adds an observer called with the key after each change made through this object.
   ObserverId observerIs(Observer observer) {
-    observers_.push_back(Slot{++lastObserverId_, std::move(observer)});
+    observers_.add(Slot{++lastObserverId_, std::move(observer)});
     return lastObserverId_;
   }
 
   /// @brief Removes an observer; safe from inside a notification.
   void observerDel(ObserverId id) {
-    for (auto it = observers_.begin(); it != observers_.end(); ++it) {
-      if (it->id != id)
-        continue;
-      if (notifying_ > 0) {
-        it->observer = nullptr;  // swept when the notification ends
-        removedWhileNotifying_ = true;
-      } else {
-        observers_.erase(it);
-      }
-      return;
-    }
+    observers_.removeIf([id](Slot const& slot) { return slot.id == id; });
   }
 
   /// @brief Calls every observer with @p key without changing anything.
+  ///
+  /// Observers added meanwhile wait for the next change; one that throws does not
+  /// stop the others, and the first exception propagates afterwards.
   void notify(Key const& key) {
-    struct Depth {  // ends the notification even when an observer throws
-      Collection& self;
-      ~Depth() {
-        if (--self.notifying_ == 0 && self.removedWhileNotifying_) {
-          self.observers_.remove_if([](Slot const& slot) { return !slot.observer; });
-          self.removedWhileNotifying_ = false;
-        }
-      }
-    } depth{*this};
-    ++notifying_;
-    std::size_t remaining = observers_.size();  // observers added meanwhile wait for the next change
-    for (auto it = observers_.begin(); remaining > 0; ++it, --remaining) {
-      if (it->observer)
-        it->observer(key);
-    }
+    observers_.deliver([&key](Slot& slot) { slot.observer(key); }, [] { return std::string("shared-memory collection"); });
   }
 
 private:
   struct Slot {
-    ObserverId id;
+    ObserverId id = 0;
     Observer observer;
+    explicit operator bool() const noexcept { return static_cast<bool>(observer); }
   };
 
   explicit Collection(Table table) : table_(std::move(table)) {}
   U32 hashOf(Key const& key) const { return Traits::hash(key, table_.seed()); }
 
   Table table_;
-  std::list<Slot> observers_;  // stable while observers are called
+  NotifierList<Slot> observers_;
   ObserverId lastObserverId_ = 0;
-  U32 notifying_ = 0;
-  bool removedWhileNotifying_ = false;
 };
 
 }  // namespace Kiv::Shm

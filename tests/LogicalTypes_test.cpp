@@ -1,63 +1,98 @@
-#include "TarnRegFile/LogicalTypes.h"
+// The register and field names of both models (one template), and the logical field and register.
 
-#include "KivException.h"
-#include "KivValueText.h"
+#include "TarnRegFile/LogicalTypes.h"
+#include "TarnRegFile/PhysicalTypes.h"
+
+#include "support/ValueText.h"
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <sstream>
 #include <string>
 
 using namespace TarnRegFile;
+using TestSupport::parse;
+using TestSupport::rangeError;
 
 namespace {
 
-template <class T>
-T parse(std::string const& text) {
-  Kiv::String::IteratorConst pos = text.data();
-  T v(pos, text.data() + text.size());
-  EXPECT_EQ(pos, text.data() + text.size()) << "parser left text unread: " << text;
-  return v;
-}
-
-// The range error raised by `make`, or "" when it is accepted.
 template <class F>
-std::string rangeError(F const& make) try {
-  make();
-  return "";
-} catch (Kiv::RangeException const& e) {
-  return e.what();
-}
-
-using RegName = LogicalRegisterName;
+struct NamesTest : testing::Test {
+  using Field = F;
+  using Reg = typename F::RegisterName;
+  static F field(Kiv::String const& chip, Kiv::String const& reg, Kiv::String const& name) {
+    return F(Reg(chip, reg), name);
+  }
+};
+using NameKinds = testing::Types<LogicalFieldName, PhysicalFieldName>;
+TYPED_TEST_SUITE(NamesTest, NameKinds);
 
 LogicalFieldName fieldName(Kiv::String const& chip, Kiv::String const& reg, Kiv::String const& field) {
-  return LogicalFieldName(RegName(chip, reg), field);
+  return NamesTest<LogicalFieldName>::field(chip, reg, field);
 }
 
 }  // namespace
 
-TEST(LogicalTypes, NamesComposeFullNameAndValidityMeansNotTheDefault) {
-  EXPECT_EQ(fieldName("chip0", "ctrl", "en").fullName, "chip0-ctrl-en");
-  EXPECT_EQ(LogicalFieldName().fullName, "--");
-  EXPECT_EQ(RegName("", "").fullName, "-");
-  EXPECT_FALSE(RegName("", ""));
-  EXPECT_EQ(RegName("c", "").fullName, "c-");
-  EXPECT_TRUE(RegName("c", ""));
-  EXPECT_FALSE(LogicalFieldName(RegName("", ""), ""));
-  EXPECT_TRUE(LogicalFieldName(RegName(), "f"));
-  EXPECT_FALSE(LogicalField(LogicalFieldName(), 0, 1));
-  EXPECT_TRUE(LogicalField(fieldName("c", "r", "f"), 0, 1));  // valid name, default slice and value
-  EXPECT_TRUE(LogicalField(LogicalFieldName(), 1, 1));
-  EXPECT_TRUE(LogicalField(LogicalFieldName(), 0, 2));
-  LogicalField withValue;
-  withValue.value = 1;
-  EXPECT_TRUE(withValue);
-  EXPECT_FALSE(withValue == LogicalField());
+TYPED_TEST(NamesTest, ComposeFullNamesAndAreValidWhenNotTheDefault) {
+  using Reg = typename TestFixture::Reg;
+  using Field = typename TestFixture::Field;
+  EXPECT_EQ(TestFixture::field("chip0", "ctrl", "en").fullName, "chip0-ctrl-en");
+  EXPECT_EQ(Field().fullName, "--");
+  EXPECT_EQ(Reg("", "").fullName, "-");
+  EXPECT_FALSE(Reg("", ""));
+  EXPECT_EQ(Reg("c", "").fullName, "c-");
+  EXPECT_TRUE(Reg("c", ""));
+  EXPECT_FALSE(Field(Reg("", ""), ""));
+  EXPECT_TRUE(Field(Reg(), "f"));
 }
 
-TEST(LogicalTypes, LogicalFieldBoundsAreCheckedStartFirstByConstructorAndParser) {
+TYPED_TEST(NamesTest, CompareOrderAndHashOnEveryMemberNotJustTheFullName) {
+  using Reg = typename TestFixture::Reg;
+  // Hyphens are not escaped, so these share "x-a-b-c" and its hash, yet are different keys.
+  auto const left = TestFixture::field("x", "a-b", "c");
+  auto const right = TestFixture::field("x", "a", "b-c");
+  EXPECT_EQ(std::hash<typename TestFixture::Field>()(left), Kiv::stringHash("x-a-b-c"));
+  EXPECT_EQ(std::hash<typename TestFixture::Field>()(right), Kiv::stringHash("x-a-b-c"));
+  Reg written("a", "a");
+  written.fullName = "1";  // as a parser may read it
+  std::pair<Reg, Reg> const regs[] = {{written, Reg("a", "a")}, {Reg("a", "z"), Reg("b", "a")}, {Reg("a", "a"), Reg("a", "b")}};
+  for (auto const& [lower, higher] : regs) {
+    EXPECT_TRUE(lower < higher) << lower << " / " << higher;
+    EXPECT_FALSE(higher < lower || lower == higher) << lower << " / " << higher;
+  }
+  EXPECT_TRUE(right < left && !(left < right) && !(left == right));  // "a" < "a-b" decides on the register
+  EXPECT_TRUE(TestFixture::field("c", "a", "z") < TestFixture::field("c", "b", "a"));
+  EXPECT_TRUE(TestFixture::field("c", "r", "a") < TestFixture::field("c", "r", "b"));
+}
+
+TYPED_TEST(NamesTest, TextFormIsExactEveryHookGivesItAndTheParserReadsItBack) {
+  using Reg = typename TestFixture::Reg;
+  using Field = typename TestFixture::Field;
+  std::string const kind = std::is_same_v<Field, LogicalFieldName> ? "Logical" : "Physical";
+  auto const name = TestFixture::field("chip0", "ctrl", "en");
+  EXPECT_EQ(name.valueToStrep(), "Value('TarnRegFile::" + kind + "FieldName', ** {'regName': Value('TarnRegFile::" +
+                                     kind + "RegisterName', ** {'chipName': 'chip0', 'name': 'ctrl', 'fullName': "
+                                            "'chip0-ctrl'}), 'name': 'en', 'fullName': 'chip0-ctrl-en'})");
+  std::ostringstream os;
+  os << name << '|' << name.regName;
+  EXPECT_EQ(os.str(), fmt::format("{}|{}", name, name.regName));
+  EXPECT_EQ(os.str(), name.valueToStrep() + "|" + name.regName.valueToStrep());
+
+  auto const odd = TestFixture::field("chip'0", "ctrl\\x\n", "e\tn");
+  EXPECT_EQ(parse<Reg>(odd.regName.valueToStrep()), odd.regName);
+  EXPECT_EQ(parse<Field>(odd.valueToStrep()), odd);
+  // fullName is taken as written, not recomputed from the parts.
+  EXPECT_EQ(parse<Reg>("Value('TarnRegFile::" + kind + "RegisterName', ** {'chipName': 'c', 'name': 'r', "
+                                                       "'fullName': 'zz'})").fullName, "zz");
+  std::string const other = kind == "Logical" ? "Physical" : "Logical";
+  for (std::string const& bad : {"Value('TarnRegFile::" + other + "RegisterName', ** {'chipName': 'c', 'name': 'r', 'fullName': 'c-r'})",
+                                 "Value('TarnRegFile::" + kind + "RegisterName', ** {'chipName':'c', 'name': 'r', 'fullName': 'c-r'})",
+                                 "Value('TarnRegFile::" + kind + "RegisterName', ** {'name': 'r', 'chipName': 'c', 'fullName': 'c-r'})",
+                                 "Value('TarnRegFile::" + kind + "RegisterName', ** {'chipName': 'c', 'name': 'r', 'fullName': 'c-r'}"})
+    EXPECT_THROW(parse<Reg>(bad), Kiv::ParseException) << bad;
+}
+
+TEST(LogicalTypes, FieldBoundsAreCheckedStartFirstByConstructorAndParser) {
   std::string const startError = "TarnRegFile::LogicalField::start < 0 or > 63 not allowed";
   std::string const sizeError = "TarnRegFile::LogicalField::size < 1 or > 32 not allowed";
   struct Case {
@@ -75,25 +110,33 @@ TEST(LogicalTypes, LogicalFieldBoundsAreCheckedStartFirstByConstructorAndParser)
                              fmt::format(", 'start': {}, 'size': {}, 'value': 3}})", c.start, c.size);
     EXPECT_EQ(rangeError([&] { parse<LogicalField>(text); }), c.error);
   }
+  EXPECT_FALSE(LogicalField(LogicalFieldName(), 0, 1));
+  EXPECT_TRUE(LogicalField(fieldName("c", "r", "f"), 0, 1));  // valid name, default slice and value
+  for (LogicalField f : {LogicalField(LogicalFieldName(), 1, 1), LogicalField(LogicalFieldName(), 0, 2), LogicalField()}) {
+    if (!f) f.value = 1;
+    EXPECT_TRUE(f);
+    EXPECT_FALSE(f == LogicalField());
+  }
 }
 
-TEST(LogicalTypes, NamesCompareAndOrderOnEveryMember) {
-  // Hyphens are not escaped, so these share "x-a-b-c" and its hash, yet are different keys.
-  LogicalFieldName const left = fieldName("x", "a-b", "c");
-  LogicalFieldName const right = fieldName("x", "a", "b-c");
-  EXPECT_EQ(std::hash<LogicalFieldName>()(left), Kiv::stringHash("x-a-b-c"));
-  EXPECT_EQ(std::hash<LogicalFieldName>()(right), Kiv::stringHash("x-a-b-c"));
-  EXPECT_FALSE(left == right);
-  EXPECT_TRUE(right < left);
-  EXPECT_FALSE(left < right);
-  RegName written("a", "a");
-  written.fullName = "1";  // as a parser may read it
-  EXPECT_FALSE(written == RegName("a", "a"));
-  EXPECT_TRUE(written < RegName("a", "a"));
-  EXPECT_TRUE(RegName("a", "z") < RegName("b", "a"));
-  EXPECT_TRUE(RegName("a", "a") < RegName("a", "b"));
-  EXPECT_TRUE(fieldName("c", "a", "z") < fieldName("c", "b", "a"));  // register order decides first
-  EXPECT_TRUE(fieldName("c", "r", "a") < fieldName("c", "r", "b"));
+TEST(LogicalTypes, FieldAndRegisterTextFormsAreExactAndTheFieldReadsBack) {
+  LogicalField field(fieldName("chip0", "ctrl", "en"), 63, 32);
+  field.value = 4294967295u;
+  LogicalRegister reg(LogicalRegisterName("chip0", "ctrl"));
+  reg.fieldIs(field.name, true);
+  reg.value = 18446744073709551615ull;
+  EXPECT_EQ(field.valueToStrep(), "Value('TarnRegFile::LogicalField', ** {'name': " + field.name.valueToStrep() +
+                                      ", 'start': 63, 'size': 32, 'value': 4294967295})");
+  // The field set is never rendered, even when the register has fields.
+  EXPECT_EQ(fmt::format("{}", reg), "Value('TarnRegFile::LogicalRegister', ** {'name': " + reg.name.valueToStrep() +
+                                        ", 'field': None, 'value': 18446744073709551615})");
+  EXPECT_EQ(parse<LogicalField>(field.valueToStrep()), field);
+}
+
+TEST(LogicalTypesDeathTest, RegisterHasNoTextParser) {
+  EXPECT_DEATH(parse<LogicalRegister>(LogicalRegister(LogicalRegisterName("c", "r")).valueToStrep()),
+               "condition: \"No String constructor for LogicalRegister - has collection\" == nullptr\n"
+               "  message:   \n  unit:      TarnRegFile/LogicalTypes\n");
 }
 
 TEST(LogicalTypes, RegisterFieldSetKeepsCollidingNamesApartAndTakesPartInEquality) {
@@ -120,67 +163,17 @@ TEST(LogicalTypes, RegisterFieldSetKeepsCollidingNamesApartAndTakesPartInEqualit
   EXPECT_TRUE(reg);  // so does a value alone
 }
 
-TEST(LogicalTypes, TextFormsAreExactAndEveryHookGivesTheSame) {
-  LogicalField field(fieldName("chip0", "ctrl", "en"), 63, 32);
-  field.value = 4294967295u;
-  LogicalRegister reg(RegName("chip0", "ctrl"));
-  reg.fieldIs(field.name, true);
-  reg.value = 18446744073709551615ull;
-  EXPECT_EQ(field.valueToStrep(),
-            "Value('TarnRegFile::LogicalField', ** {'name': Value('TarnRegFile::LogicalFieldName', ** {'regName': "
-            "Value('TarnRegFile::LogicalRegisterName', ** {'chipName': 'chip0', 'name': 'ctrl', 'fullName': "
-            "'chip0-ctrl'}), 'name': 'en', 'fullName': 'chip0-ctrl-en'}), 'start': 63, 'size': 32, 'value': "
-            "4294967295})");
-  // The field set is never rendered, even when the register has fields.
-  EXPECT_EQ(reg.valueToStrep(),
-            "Value('TarnRegFile::LogicalRegister', ** {'name': Value('TarnRegFile::LogicalRegisterName', ** "
-            "{'chipName': 'chip0', 'name': 'ctrl', 'fullName': 'chip0-ctrl'}), 'field': None, 'value': "
-            "18446744073709551615})");
-  std::ostringstream os;
-  os << reg << '|' << field;
-  EXPECT_EQ(os.str(), reg.valueToStrep() + "|" + field.valueToStrep());
-  EXPECT_EQ(fmt::format("{}|{}|{}", reg, field.name, field.name.regName),
-            reg.valueToStrep() + "|" + field.name.valueToStrep() + "|" + field.name.regName.valueToStrep());
-}
-
-TEST(LogicalTypes, ParsingReadsBackWhatWasPrintedAndRejectsOtherShapes) {
-  LogicalField field(LogicalFieldName(RegName("chip'0", "ctrl\\x"), "e\tn"), 40, 17);
-  field.value = 0x1FFFFu;
-  EXPECT_EQ(parse<RegName>(field.name.regName.valueToStrep()), field.name.regName);
-  EXPECT_EQ(parse<LogicalFieldName>(field.name.valueToStrep()), field.name);
-  EXPECT_EQ(parse<LogicalField>(field.valueToStrep()), field);
-  // fullName is taken as written, not recomputed from the parts.
-  EXPECT_EQ(parse<RegName>("Value('TarnRegFile::LogicalRegisterName', ** {'chipName': 'c', 'name': 'r', "
-                           "'fullName': 'zz'})").fullName, "zz");
-  std::string const name = LogicalFieldName().valueToStrep();
-  for (std::string const& bad : std::initializer_list<std::string>{
-           "Value('TarnRegFile::LogicalField', ** {'name': 'x', 'start': 0, 'size': 1, 'value': 0})",
-           "Value('TarnRegFile::LogicalField', ** {'name': " + name + ", 'start': 0, 'size': 1, 'value': 0}",
-           "Value('TarnRegFile::PhysicalField', ** {'name': " + name + ", 'start': 0, 'size': 1, 'value': 0})",
-       })
-    EXPECT_THROW(parse<LogicalField>(bad), Kiv::ParseException) << bad;
-}
-
-TEST(LogicalTypesDeathTest, RegisterHasNoTextParser) {
-  EXPECT_DEATH(parse<LogicalRegister>(LogicalRegister(RegName("c", "r")).valueToStrep()),
-               "condition: \"No String constructor for LogicalRegister - has collection\" == nullptr\n"
-               "  message:   \n  unit:      TarnRegFile/LogicalTypes\n");
-}
-
 TEST(LogicalTypes, NamePartsHashAndMatchExactlyLikeTheNamesTheyStandFor) {
   Kiv::String const chip("chip0"), x("x");  // the parts refer to the chip name
-  std::string const regs[] = {"", "r", "regis", std::string(300, 'q')};
-  std::string const fields[] = {"", "f", "fiel", std::string(200, 'z')};
-  for (auto const& reg : regs) {
-    for (auto const& field : fields) {
+  for (std::string const& reg : {std::string(), std::string("r"), std::string("regis"), std::string(300, 'q')}) {
+    for (std::string const& field : {std::string(), std::string("f"), std::string("fiel"), std::string(200, 'z')}) {
       SCOPED_TRACE(reg.size() * 1000 + field.size());
       LogicalFieldNameParts const parts(chip, reg, field);
       LogicalFieldName const name = fieldName(chip, Kiv::String(reg), Kiv::String(field));
       EXPECT_EQ(parts.regHash(), LogicalRegisterNameHash()(name.regName));
       EXPECT_EQ(parts.hash(), LogicalFieldNameHash()(name));
       EXPECT_TRUE(parts.sameField(name));
-      LogicalFieldNameParts const fromStrings(chip, name.regName.name, name.name);  // cached hashes
-      EXPECT_EQ(fromStrings.hash(), parts.hash());
+      EXPECT_EQ(LogicalFieldNameParts(chip, name.regName.name, name.name).hash(), parts.hash());  // cached hashes
     }
   }
   LogicalFieldNameParts const parts(x, "a-b", "c");
@@ -189,50 +182,9 @@ TEST(LogicalTypes, NamePartsHashAndMatchExactlyLikeTheNamesTheyStandFor) {
   LogicalFieldName written = fieldName("x", "a-b", "c");
   written.fullName = "x-a-b-c ";
   EXPECT_FALSE(parts.sameField(written));  // a parsed name whose full name was written differently
-  LogicalRegister reg(RegName("x", "a-b"));
+  LogicalRegister reg(LogicalRegisterName("x", "a-b"));
   reg.fieldIs(fieldName("x", "a", "b-c"), true);
   EXPECT_FALSE(reg.fieldHas(parts.asField()));
   reg.fieldIs(fieldName("x", "a-b", "c"), true);
   EXPECT_TRUE(reg.fieldHas(parts.asField()));
-}
-
-TEST(LogicalTypes, NameCollectionsFindEveryEntryThroughInsertsRemovalsAndCopies) {
-  // Few distinct hashes: long probe runs that wrap around the index and removals that
-  // must move later entries back.
-  struct FewHashes {
-    size_t operator()(LogicalFieldName const& n) const noexcept { return n.name.size() % 3 * 7; }
-  };
-  using Coll = LogicalNameCollection<LogicalFieldName, U32, FewHashes, LogicalFieldNameEqual>;
-  Coll coll;
-  std::map<std::string, U32> expected;
-  auto const name = [](unsigned i) { return fieldName("c", "r", std::string(1 + i % 7, 'a' + i % 5)); };
-  auto const check = [&](Coll const& c) {
-    ASSERT_EQ(c.size(), expected.size());
-    for (unsigned i = 0; i < 40; ++i) {
-      auto const it = expected.find(name(i).fullName.str());
-      U32 const* found = c.find(name(i));
-      ASSERT_EQ(found != nullptr, it != expected.end()) << i;
-      if (found) {
-        EXPECT_EQ(*found, it->second) << i;
-      }
-    }
-  };
-  for (unsigned i = 0; i < 200; ++i) {
-    unsigned const k = (i * 17) % 40;
-    if (i % 3 == 2) {
-      EXPECT_EQ(coll.erase(name(k)), expected.erase(name(k).fullName.str()) == 1);
-    } else {
-      bool const changed = !expected.count(name(k).fullName.str()) || expected[name(k).fullName.str()] != i;
-      expected[name(k).fullName.str()] = i;
-      EXPECT_EQ(coll.set(name(k), i), changed);
-    }
-    check(coll);
-  }
-  Coll copy(coll);
-  coll.clear();
-  check(copy);
-  Coll moved(std::move(copy));
-  check(moved);
-  EXPECT_TRUE(copy.empty());
-  EXPECT_EQ(copy.find(name(0)), nullptr);
 }

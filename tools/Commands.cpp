@@ -1,6 +1,7 @@
 #include "Commands.h"
 
 #include "DeviceSession.h"
+#include "KivBits.h"
 #include "Printer.h"
 #include "RegisterMap.h"
 #include "ShadowShow.h"
@@ -26,15 +27,13 @@ std::string chipNameOf(std::string const& mapPath) {
   return name.empty() ? "chip" : name;
 }
 
-bool fitsWidth(U32 value, U32 width) { return width >= 32 || (value >> width) == 0; }
-
 // A write the map says cannot be right is refused unless forced: writing a read-only
 // register or bits the register does not have would otherwise seem to succeed.
 void checkWrite(Register const& reg, U32 value, bool force) {
   if (force) return;
   if (!reg.writeable)
     throw ToolError::failure(fmt::format("register '{}' is read-only (--force writes it anyway)", reg.name));
-  if (!fitsWidth(value, reg.width))
+  if (!Kiv::fitsWidth(value, reg.width))
     throw ToolError::failure(fmt::format("value {:#x} does not fit the {}-bit register '{}' (--force writes it anyway)",
                                          value, reg.width, reg.name));
 }

@@ -1,5 +1,7 @@
 #include "RegisterMap.h"
 
+#include "TarnRegFile/Utils.h"
+
 #include "ToolError.h"
 
 #include "TarnRegFile/Errors.h"
@@ -22,9 +24,7 @@ RegisterMap::RegisterMap(std::string path, U8 addrBlockSize) : path_(std::move(p
   }
   sorted_.reserve(file_->size());
   for (auto const& entry : file_->registers()) sorted_.push_back(&entry.second);
-  std::sort(sorted_.begin(), sorted_.end(), [](auto const* a, auto const* b) {
-    return a->number != b->number ? a->number < b->number : a->name < b->name;
-  });
+  TarnRegFile::Utils::sortByAddress(sorted_);
 }
 
 TarnRegFile::Register const& RegisterMap::find(std::string_view name) const {

@@ -1,0 +1,31 @@
+#pragma once
+// Reading value texts back, and the range errors of value constructors, for the value-type tests.
+
+#include "KivException.h"
+#include "KivString.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace TestSupport {
+
+/// Parses the whole of @p text as a T.
+template <class T>
+T parse(std::string const& text) {
+  Kiv::String::IteratorConst pos = text.data();
+  T v(pos, text.data() + text.size());
+  EXPECT_EQ(pos, text.data() + text.size()) << "parser left text unread: " << text;
+  return v;
+}
+
+/// The range error raised by @p make, or "" when it is accepted.
+template <class F>
+std::string rangeError(F const& make) try {
+  make();
+  return "";
+} catch (Kiv::RangeException const& e) {
+  return e.what();
+}
+
+}  // namespace TestSupport
