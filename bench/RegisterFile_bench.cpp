@@ -140,7 +140,7 @@ void BM_FindRegisterByName(benchmark::State& state) {
   }
   size_t i = 0;
   for (auto _ : state) {
-    TarnRegFile::Register const& reg = file.findRegisterByName(text.data() + queries[i++ & (kLookupSamples - 1)]);
+    auto const reg = file.findRegisterByName(text.data() + queries[i++ & (kLookupSamples - 1)]);
     benchmark::DoNotOptimize(reg.number);
   }
   state.SetItemsProcessed(state.iterations());

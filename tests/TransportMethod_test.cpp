@@ -72,9 +72,9 @@ public:
 
 private:
   void fail(HardwareRegister const& reg, TransportOperation op) const {
-    std::string const text = "bus timeout on " + reg.name.str();
+    std::string const text = "bus timeout on " + std::string(reg.name);
     if (mode == Fail::runtime) throw std::runtime_error(text);
-    if (mode == Fail::system) throw TransportError(text, TransportErrorKind::System, reg.name.str(), op, EIO);
+    if (mode == Fail::system) throw TransportError(text, TransportErrorKind::System, std::string(reg.name), op, EIO);
     if (mode == Fail::sigbus) throw Kiv::SigbusException();
     if (mode == Fail::other) throw std::logic_error("not an I/O failure");
   }

@@ -21,24 +21,23 @@ RegisterMap::RegisterMap(std::string path, U8 addrBlockSize) : path_(std::move(p
     throw ToolError::failure(fmt::format("map {}, line {}: {}", path_, e.line(), e.what()));
   }
   sorted_.reserve(file_->size());
-  for (auto const& entry : file_->registers()) sorted_.push_back(&entry.second);
-  std::sort(sorted_.begin(), sorted_.end(), [](auto const* a, auto const* b) {
-    return a->number != b->number ? a->number < b->number : a->name < b->name;
+  file_->forEachRegister([&](TarnRegFile::RegisterRef const& reg) { sorted_.push_back(reg); });
+  std::sort(sorted_.begin(), sorted_.end(), [](auto const& a, auto const& b) {
+    return a.number != b.number ? a.number < b.number : a.name < b.name;
   });
 }
 
-TarnRegFile::Register const& RegisterMap::find(std::string_view name) const {
+TarnRegFile::RegisterRef RegisterMap::find(std::string_view name) const {
   if (!file_->hasRegName(name))
     throw ToolError::failure(fmt::format("no register '{}' in map {}", name, path_));
   return file_->findRegisterByName(name);
 }
 
-std::string const& RegisterMap::nameAt(U32 address) const {
-  auto const& names = file_->namesByAddress();
-  auto const it = names.find(address);
-  if (it == names.end())
+std::string RegisterMap::nameAt(U32 address) const {
+  char const* const name = file_->nameAt(address);
+  if (name == nullptr)
     throw ToolError::failure(fmt::format("no register at address {:#x} in map {}", address, path_));
-  return it->second;
+  return name;
 }
 
 }  // namespace Tarnreg
