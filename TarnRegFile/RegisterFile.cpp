@@ -315,16 +315,7 @@ RegisterFile::RegisterFile(std::istream& in, U8 addrBlockSize) {
 }
 
 // A null name is a name that no map has (the empty name may well exist: a blank line).
-RegisterRef RegisterFile::findRegisterByName(char const* name) const {
-  if (name == nullptr) throw LookupError::noRegister("(null)");
-  return findRegisterByName(std::string_view(name));
-}
-
-RegisterRef RegisterFile::findRegisterByName(std::string_view name) const {
-  RegisterIndex::Ref const ref = index_.find(name);
-  if (ref == 0) throw LookupError::noRegister(std::string(name));
-  return refOf(index_.entry(ref));
-}
+void RegisterFile::throwNoRegister(std::string_view name) { throw LookupError::noRegister(std::string(name)); }
 
 bool RegisterFile::hasRegName(char const* name) const {
   return name != nullptr && hasRegName(std::string_view(name));

@@ -86,10 +86,19 @@ public:
   /// @brief Loads from an open stream (which is left open); a MapError has an empty path.
   RegisterFile(std::istream& in, U8 addrBlockSize);
 
+  /// @brief The register called @p name; throws LookupError if there is none (also for null).
+  RegisterRef findRegisterByName(char const* name) const {
+    if (name == nullptr) [[unlikely]]
+      throwNoRegister("(null)");
+    return findRegisterByName(std::string_view(name));
+  }
   /// @brief The register called @p name; throws LookupError if there is none.
-  RegisterRef findRegisterByName(char const* name) const;
-  /// @brief The register called @p name; throws LookupError if there is none.
-  RegisterRef findRegisterByName(std::string_view name) const;
+  RegisterRef findRegisterByName(std::string_view name) const {
+    RegisterIndex::Ref const ref = index_.find(name);
+    if (ref == 0) [[unlikely]]
+      throwNoRegister(name);
+    return refOf(index_.entry(ref));
+  }
   /// @brief Whether a register called @p name exists.
   bool hasRegName(char const* name) const;
   /// @brief Whether a register called @p name exists.
@@ -119,6 +128,8 @@ public:
   }
 
 private:
+  [[noreturn]] static void throwNoRegister(std::string_view name);
+
   RegisterIndex index_;
 };
 

@@ -94,10 +94,7 @@ public:
     for (size_t i = homeOf(hash, nameCapacity_);; i = next(i, nameCapacity_)) {
       Slot const& slot = nameSlots_[i];
       if (slot.ref == 0) return 0;
-      if (slot.key == hash) {
-        Entry const& e = entry(slot.ref);
-        if (e.length() == name.size() && std::memcmp(e.name(), name.data(), name.size()) == 0) return slot.ref;
-      }
+      if (slot.key == hash && sameName(entry(slot.ref), name)) return slot.ref;
     }
   }
   Ref find(std::string_view name) const noexcept { return find(name, hashName(name.data(), name.size())); }
@@ -169,12 +166,39 @@ private:
   // any capacity (not only powers of two) evenly and needs no division.
   static size_t homeOf(U32 hash, size_t capacity) noexcept { return size_t((U64(hash) * capacity) >> 32); }
   static size_t next(size_t i, size_t capacity) noexcept { return i + 1 == capacity ? 0 : i + 1; }
+  // Compares in words, inline: most names are a few words long, and this runs on every hit.
+  static bool sameName(Entry const& e, std::string_view name) noexcept {
+    size_t n = name.size();
+    if (e.shortLength != n) return e.shortLength == kLongName && n >= kLongName && e.nameView() == name;
+    char const* a = e.name();
+    char const* b = name.data();
+    if (n > 16) {
+      for (; n > 16; a += 16, b += 16, n -= 16)
+        if (((load64(a) ^ load64(b)) | (load64(a + 8) ^ load64(b + 8))) != 0) return false;
+      // The last 16 bytes, overlapping some already compared.
+      return ((load64(a + n - 16) ^ load64(b + n - 16)) | (load64(a + n - 8) ^ load64(b + n - 8))) == 0;
+    }
+    if (n >= 8) return ((load64(a) ^ load64(b)) | (load64(a + n - 8) ^ load64(b + n - 8))) == 0;
+    if (n >= 4) return ((load32(a) ^ load32(b)) | (load32(a + n - 4) ^ load32(b + n - 4))) == 0;
+    for (size_t i = 0; i < n; ++i)
+      if (a[i] != b[i]) return false;
+    return true;
+  }
+  static U64 mix(U64 x, U64 y) noexcept;
+  static U64 load64(char const* p) noexcept {
+    U64 v;
+    std::memcpy(&v, p, 8);
+    return v;
+  }
+  static U32 load32(char const* p) noexcept {
+    U32 v;
+    std::memcpy(&v, p, 4);
+    return v;
+  }
   static U32 addressHash(U32 address) noexcept {
-    // Register addresses are regular (multiples of the block size): mix every bit into the high ones.
-    U32 h = address * 0x9E3779B1u;
-    h ^= h >> 16;
-    h *= 0x85EBCA6Bu;
-    return h ^ (h >> 13);
+    // Fibonacci hashing: the slot comes from the high bits of the product, which every bit
+    // of the address reaches; regular addresses (multiples of the block size) spread evenly.
+    return address * 0x9E3779B1u;
   }
   static size_t capacityFor(size_t count) noexcept { return count + count / 4 + 8; }
 
@@ -197,39 +221,44 @@ private:
   size_t addresses_ = 0;
 };
 
+inline U64 RegisterIndex::mix(U64 x, U64 y) noexcept {
+#ifdef __SIZEOF_INT128__
+  // Both halves of the 128-bit product, folded: every input bit reaches the result.
+  unsigned __int128 const r = static_cast<unsigned __int128>(x) * y;
+  return U64(r) ^ U64(r >> 64);
+#else
+  // 32-bit x86: two independent 64-bit products of rotated inputs, folded.
+  U64 const r = (x * 0x9FB21C651E98DF25ull) ^ (((y << 31) | (y >> 33)) * 0xD6E8FEB86659FD93ull);
+  return r ^ (r >> 29);
+#endif
+}
+
 inline U32 RegisterIndex::hashName(char const* name, size_t size) noexcept {
-  // Eight bytes per step, each step one multiply and a fold, then a final avalanche;
-  // the tail is read as overlapping words, so no byte past the name is touched.
-  constexpr U64 kMul = 0x9FB21C651E98DF25ull;
-  auto const load64 = [](char const* p) {
-    U64 v;
-    std::memcpy(&v, p, 8);
-    return v;
-  };
-  auto const load32 = [](char const* p) {
-    U32 v;
-    std::memcpy(&v, p, 4);
-    return U64(v);
-  };
-  U64 h = 0x6A09E667F3BCC909ull ^ (U64(size) * kMul);
-  auto const step = [&h](U64 word) {
-    h = (h ^ word) * kMul;
-    h ^= h >> 29;
-  };
+  // Up to 16 bytes (nearly every register name) are read as two possibly overlapping
+  // words without a loop, so the work barely depends on the length and its branches
+  // predict well; longer names take 16 bytes per step. No byte past the name is read.
+  constexpr U64 k0 = 0xA0761D6478BD642Full, k1 = 0xE7037ED1A0B428DBull, k2 = 0x8EBC6AF09C88C6E3ull;
   char const* p = name;
   size_t n = size;
-  for (; n > 8; p += 8, n -= 8) step(load64(p));
-  if (n == 8) {
-    step(load64(p));
-  } else if (n >= 4) {
-    step(load32(p) | (load32(p + n - 4) << 32));
-  } else if (n > 0) {
-    step(U64(U8(p[0])) | U64(U8(p[n / 2])) << 8 | U64(U8(p[n - 1])) << 16);
+  U64 h = k0 ^ U64(size);
+  U64 a = 0, b = 0;
+  if (n <= 16) {
+    if (n >= 8) {
+      a = load64(p);
+      b = load64(p + n - 8);
+    } else if (n >= 4) {
+      a = load32(p);
+      b = load32(p + n - 4);
+    } else if (n > 0) {
+      a = U64(U8(p[0])) << 16 | U64(U8(p[n >> 1])) << 8 | U8(p[n - 1]);
+    }
+  } else {
+    for (; n > 16; p += 16, n -= 16) h = mix(load64(p) ^ k1, load64(p + 8) ^ h);
+    a = load64(p + n - 16);
+    b = load64(p + n - 8);
   }
-  h ^= h >> 32;
-  h *= 0xD6E8FEB86659FD93ull;
-  h ^= h >> 32;
-  return U32(h);
+  U64 const r = mix(a ^ k1, b ^ h ^ k2);
+  return U32(r) ^ U32(r >> 32);
 }
 
 }  // namespace TarnRegFile
