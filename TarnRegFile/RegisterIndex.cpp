@@ -151,7 +151,7 @@ RegisterIndex::Ref RegisterIndex::insert(std::string_view name, U32 hash, Fields
     growArena(std::max(arenaUsed_ + bytes, std::min(arenaCapacity_ * 2, kMaxArenaBytes)));
   auto* const e = reinterpret_cast<Entry*>(arena_ + arenaUsed_);
   e->shortLength = name.size() < kLongName ? static_cast<U16>(name.size()) : kLongName;
-  std::memcpy(e + 1, name.data(), name.size());
+  if (!name.empty()) std::memcpy(e + 1, name.data(), name.size());  // an empty view may have no data
   reinterpret_cast<char*>(e + 1)[name.size()] = '\0';
   Ref const ref = static_cast<Ref>(arenaUsed_ >> 2) + 1;
   arenaUsed_ += bytes;
