@@ -84,8 +84,8 @@ protected:
   /// @brief The register called @p regName, checked to fit one access.
   /// @throws LookupError for an unknown name; TransportError "Register <name> size not
   ///         supported!" (kind WidthUnsupported) for a register wider than its access.
-  HardwareRegister const& resolve(char const* regName, TransportOperation op) const {
-    HardwareRegister const& reg = regFileHelper_->findRegisterByName(regName);
+  HardwareRegister resolve(char const* regName, TransportOperation op) const {
+    HardwareRegister const reg = regFileHelper_->findRegisterByName(regName);
     // One access moves accessWidth bits; a wider register cannot be reached with it.
     if (reg.width > reg.accessWidth) [[unlikely]]
       sizeNotSupported(regName, op);
@@ -117,7 +117,7 @@ public:
   /// @brief Resolve, width check, busRead, then (AccessWord) keep the register's width.
   /// @throws LookupError, TransportError (WidthUnsupported) and the backend's errors.
   uint32_t regRead(char const* regName) final {
-    HardwareRegister const& reg = resolve(regName, TransportOperation::Read);
+    HardwareRegister const reg = resolve(regName, TransportOperation::Read);
     uint32_t const value = static_cast<Bus*>(this)->busRead(reg);
     if constexpr (kReadBits == ReadBits::AccessWord) return keepRegisterBits(value, reg);
     return value;

@@ -102,7 +102,7 @@ SmbusRequest blockReadRequest(uint32_t address) noexcept {
 
 // A failed ioctl: the errno is taken before anything else can change it.
 [[noreturn, gnu::cold]] void throwSystem(std::string const& text, HardwareRegister const& reg, TransportOperation op) {
-  throw TransportError(text, TransportErrorKind::System, reg.name.str(), op, errno);
+  throw TransportError(text, TransportErrorKind::System, std::string(reg.name), op, errno);
 }
 
 // The ioctl for one request, EINTR and EAGAIN retried; the ioctl's result.

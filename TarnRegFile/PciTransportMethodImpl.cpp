@@ -23,14 +23,14 @@ using HardwareRegister = Hardware::TarnRegFile::HardwareRegister;
 
 [[noreturn, gnu::cold, gnu::noinline]] void throwNoDevice(HardwareRegister const& reg, TransportOperation op) {
   throw TransportError(fmt::format("No PCI device to access register '{}'", reg.name), TransportErrorKind::NoDevice,
-                       reg.name.str(), op);
+                       std::string(reg.name), op);
 }
 
 // The access object refuses an offset outside its mapping or not 4-aligned with
 // std::out_of_range; for the transport that is a failed access like any other.
 [[noreturn, gnu::cold, gnu::noinline]] void throwOutside(std::out_of_range const& e, HardwareRegister const& reg,
                                                          TransportOperation op) {
-  throw TransportError(e.what(), TransportErrorKind::OutOfRange, reg.name.str(), op);
+  throw TransportError(e.what(), TransportErrorKind::OutOfRange, std::string(reg.name), op);
 }
 
 BaseTransportMethodImpl* createPciTransport(BaseTransportDescriptor const& descriptor,

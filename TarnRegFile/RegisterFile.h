@@ -5,13 +5,13 @@
 #include "Export.h"
 #include "Types.h"
 
+#include "TarnRegFile/RegisterIndex.h"
+
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <istream>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 namespace TarnRegFile {
 
@@ -53,58 +53,84 @@ struct TARN_API Register {
   operator std::string() const;
 };
 
+/// @brief A register of a loaded map: its fields, and its name viewed where the map keeps it.
+///
+/// Valid as long as the RegisterFile it came from.
+struct TARN_API RegisterRef {
+  U32 number = 0;  ///< byte address
+  U32 width = 0;   ///< width in bits
+  RegisterType type = RegisterType::Unknown;
+  bool writeable = false;
+  std::string_view name;  ///< NUL-terminated in the map (name.data() is a C string)
+
+  /// @brief The same text form as Register's.
+  operator std::string() const;
+};
+
 /// @brief An immutable register map loaded from a CSV file or stream.
 ///
 /// Registers are found by name and names by (scaled) address. When a name occurs
 /// twice the first record is kept; when an address occurs twice the first name is
 /// kept. Both rules apply line by line independently, so the second line of a
-/// duplicated name may still claim an address of its own.
+/// duplicated name may still claim an address of its own. The map lives in one
+/// RegisterIndex: every name once, no allocation per register.
 class TARN_API RegisterFile {
 public:
-  /// @brief Hash over names that also accepts string views, so lookups need no std::string.
-  ///
-  /// Deliberately not noexcept: the standard library then keeps each name's hash code
-  /// in its node, so growing the map never hashes a name again and a lookup compares
-  /// codes before it compares strings.
-  struct NameHash {
-    using is_transparent = void;
-    size_t operator()(std::string_view name) const { return std::hash<std::string_view>{}(name); }
-  };
-  using RegistersByName = std::unordered_map<std::string, Register, NameHash, std::equal_to<>>;
-  using NamesByAddress = std::unordered_map<U32, std::string>;
-
-  /// @brief Loads the CSV file at @p csvPath.
+  /// @brief Loads the CSV file at @p csvPath: read once, whatever it is (a file, a pipe, a device).
   /// @throws MapError "Error opening CSV file <path>" (line 0, with the errno),
-  ///         "Encountered wrong CSV header!" (line 1; errno EISDIR for a directory) and the
-  ///         record parser's errors with the line that caused them; the path is @p csvPath.
+  ///         "Encountered wrong CSV header!" (line 1; errno EISDIR for a directory; also for a
+  ///         first line longer than any header, which is not read to its end), "Error reading
+  ///         CSV file <path>" (with the errno), the record parser's errors and "NUL byte in
+  ///         register name", each with the line that caused it; the path is @p csvPath.
   RegisterFile(char const* csvPath, U8 addrBlockSize);
   /// @brief Loads from an open stream (which is left open); a MapError has an empty path.
   RegisterFile(std::istream& in, U8 addrBlockSize);
 
+  /// @brief The register called @p name; throws LookupError if there is none (also for null).
+  RegisterRef findRegisterByName(char const* name) const {
+    if (name == nullptr) [[unlikely]]
+      throwNoRegister("(null)");
+    return findRegisterByName(std::string_view(name));
+  }
   /// @brief The register called @p name; throws LookupError if there is none.
-  Register const& findRegisterByName(char const* name) const;
-  /// @brief The register called @p name; throws LookupError if there is none.
-  Register const& findRegisterByName(std::string_view name) const;
+  RegisterRef findRegisterByName(std::string_view name) const {
+    RegisterIndex::Ref const ref = index_.find(name);
+    if (ref == 0) [[unlikely]]
+      throwNoRegister(name);
+    return refOf(index_.entry(ref));
+  }
   /// @brief Whether a register called @p name exists.
   bool hasRegName(char const* name) const;
   /// @brief Whether a register called @p name exists.
   bool hasRegName(std::string_view name) const;
   /// @brief The name at byte address @p address; throws LookupError if there is none.
   std::string findRegNameByAddr(U32 address) const;
+  /// @brief The name at byte address @p address as the map keeps it, or null if there is none.
+  char const* nameAt(U32 address) const noexcept {
+    RegisterIndex::Ref const ref = index_.findAddress(address);
+    return ref ? index_.entry(ref).name() : nullptr;
+  }
 
   /// @brief Number of registers reachable by name.
-  size_t size() const noexcept { return registersByName_.size(); }
-  /// @brief Every register, keyed by name, in no particular order.
-  RegistersByName const& registers() const noexcept { return registersByName_; }
-  /// @brief Every claimed address with its name, in no particular order.
-  NamesByAddress const& namesByAddress() const noexcept { return namesByAddress_; }
+  size_t size() const noexcept { return index_.size(); }
+  /// @brief Number of addresses that map to a name.
+  size_t addressCount() const noexcept { return index_.addressCount(); }
+  /// @brief Calls @p f(RegisterRef) for every register reachable by name, in the order of the file.
+  template <class F>
+  void forEachRegister(F&& f) const {
+    index_.forEach([&](RegisterIndex::Entry const& e) { f(refOf(e)); });
+  }
+  /// @brief The index itself (what RegFileHelper answers from).
+  RegisterIndex const& index() const noexcept { return index_; }
+  /// @brief The register an index entry describes.
+  static RegisterRef refOf(RegisterIndex::Entry const& e) noexcept {
+    return {e.address, e.width, static_cast<RegisterType>(e.type), e.writeable(), e.nameView()};
+  }
 
 private:
-  void _construct(std::istream& in, U8 addrBlockSize, std::string const& path);
-  void reserveFor(std::intmax_t bytes);
+  [[noreturn]] static void throwNoRegister(std::string_view name);
 
-  RegistersByName registersByName_;
-  NamesByAddress namesByAddress_;
+  RegisterIndex index_;
 };
 
 }  // namespace TarnRegFile

@@ -36,12 +36,9 @@ HardwareRegisterType hardwareTypeOf(RegisterType type) noexcept {
   return index < kHardwareTypeOf.size() ? kHardwareTypeOf[index] : HardwareRegisterType::unknown;
 }
 
-[[noreturn]] void throwNoRegister(std::string_view regName) {
-  throw LookupError::noRegister(std::string(regName));
-}
-
-[[noreturn]] void throwNoAddress(U32 addr) {
-  throw LookupError::noAddress(addr);
+RegisterIndex const& emptyIndex() {
+  static RegisterIndex const empty;
+  return empty;
 }
 
 }  // namespace
@@ -76,7 +73,7 @@ void RegList::registerNameDelAll() {
 
 // ---------------------------------------------------------------- RegFileHelper
 
-RegFileHelper::RegFileHelper(Kiv::String const& name) : Kiv::Entity(name) {}
+RegFileHelper::RegFileHelper(Kiv::String const& name) : Kiv::Entity(name), index_(&emptyIndex()) {}
 
 RegFileHelper::~RegFileHelper() { handleDeletion(); }
 
@@ -98,91 +95,40 @@ void RegFileHelper::init(Kiv::String const& csvPath, U8 addrBlockSize,
   if (!regFileModel) throw std::runtime_error("Must provide Csv path or KivPtr");
   csvRegFileIs(nullptr);
   regFileModel_ = regFileModel;
+  index_ = &regFileModel_->index();
   kTrace.line(5, "init: {} registers from model {}", regFileModel->regCount(), regFileModel->name());
 }
 
 void RegFileHelper::csvRegFileIs(RegisterFile const* regFile) {
-  // Drop the index first: its keys view names owned by the old records.
-  csvIndex_ = CsvIndex();
   csvRegFile_.reset(regFile);
-  rebuildCsvIndex();
+  index_ = csvRegFile_ ? &csvRegFile_->index() : regFileModel_ ? &regFileModel_->index() : &emptyIndex();
 }
 
 void RegFileHelper::handleDeletion() {
-  csvIndex_ = CsvIndex();
   csvRegFile_.reset();
+  index_ = regFileModel_ ? &regFileModel_->index() : &emptyIndex();
 }
 
-void RegFileHelper::rebuildCsvIndex() {
-  if (!csvRegFile_) return;
-  auto const& registers = csvRegFile_->registers();
-  csvIndex_.byName.reserve(registers.size());
-  for (auto const& [name, reg] : registers) {
-    HardwareRegister record;
-    record.name = Kiv::String(name);
-    record.type = hardwareTypeOf(reg.type);
-    record.writeable = reg.writeable;
-    record.address = reg.number;
-    record.width = reg.width;
-    record.accessWidth = Register::regOpWidth;  // every CSV register is accessed 32 bits wide
-    std::string_view const key = record.name.view();
-    csvIndex_.byName.emplace(key, std::move(record));
+void RegFileHelper::throwNoRegister(std::string_view regName) { throw LookupError::noRegister(std::string(regName)); }
+
+void RegFileHelper::throwNoAddress(U32 addr) { throw LookupError::noAddress(addr); }
+
+HardwareRegister RegFileHelper::recordOf(RegisterIndex::Entry const& e) const {
+  if (!csvRegFile_) {
+    HardwareRegister const reg = HardwareRegisterFile::recordOf(e);
+    // A default record stands for "absent" in the model as well.
+    if (!reg) throwNoRegister(reg.name);
+    return reg;
   }
-  auto const& names = csvRegFile_->namesByAddress();
-  csvIndex_.nameByAddress.reserve(names.size());
-  for (auto const& [addr, name] : names) {
-    // Share the record's string rather than allocating another copy of the name.
-    auto const it = csvIndex_.byName.find(name);
-    csvIndex_.nameByAddress.emplace(addr, it != csvIndex_.byName.end() ? it->second.name : Kiv::String(name));
-  }
-}
-
-HardwareRegister const& RegFileHelper::findCsv(std::string_view regName) const {
-  auto const it = csvIndex_.byName.find(regName);
-  if (it == csvIndex_.byName.end()) throwNoRegister(regName);
-  return it->second;
-}
-
-HardwareRegister const& RegFileHelper::findModel(Kiv::String const& regName) const {
-  if (!regFileModel_) throwNoRegister(regName.view());
-  auto const* reg = regFileModel_->registers().find(regName);
-  // A default record stands for "absent" in the model as well.
-  if (!reg || !*reg) throwNoRegister(regName.view());
-  return *reg;
-}
-
-HardwareRegister const& RegFileHelper::findRegisterByName(Kiv::String const& regName) const {
-  if (csvRegFile_) return findCsv(regName.view());
-  return findModel(regName);
-}
-
-HardwareRegister const& RegFileHelper::findRegisterByName(char const* regName) const {
-  if (csvRegFile_) return findCsv(regName ? std::string_view(regName) : std::string_view());
-  return findModel(Kiv::String(regName));
-}
-
-Kiv::String RegFileHelper::findRegNameByAddr(U32 addr) const {
-  if (csvRegFile_) {
-    auto const it = csvIndex_.nameByAddress.find(addr);
-    if (it == csvIndex_.nameByAddress.end()) throwNoAddress(addr);
-    return it->second;
-  }
-  if (!regFileModel_ || !regFileModel_->addressHas(addr)) throwNoAddress(addr);
-  return regFileModel_->regByAddress(addr).name;
-}
-
-bool RegFileHelper::hasRegName(Kiv::String const& regName) const {
-  if (csvRegFile_) return csvIndex_.byName.contains(regName.view());
-  return regFileModel_ && regFileModel_->regHas(regName);
+  // A CSV register in the model's terms: its type converted, accessed 32 bits wide
+  // whatever its width (the loader stores Register::regOpWidth as the access width).
+  return {e.nameView(), hardwareTypeOf(static_cast<RegisterType>(e.type)), e.writeable(), e.address, e.width,
+          e.accessWidth};
 }
 
 Kiv::Ptr<RegList> RegFileHelper::regList() const {
   auto list = RegList::RegListIs(name());
-  if (csvRegFile_) {
-    for (auto const& [key, record] : csvIndex_.byName) list->registerNameIs(record.name, true);
-  } else if (regFileModel_) {
-    for (auto const& [regName, record] : regFileModel_->registers()) list->registerNameIs(regName, true);
-  }
+  index_->forEach([&](RegisterIndex::Entry const& e) { list->registerNameIs(Kiv::String(e.nameView()), true); });
   return list;
 }
 

@@ -13,9 +13,10 @@
 #include "KivString.h"
 #include "Types.h"
 
+#include "TarnRegFile/RegisterIndex.h"
+
 #include <memory>
 #include <string_view>
-#include <unordered_map>
 
 namespace TarnRegFile {
 
@@ -89,36 +90,49 @@ public:
   /// @brief Destroys the owned CSV register file. Run by the destructor as well.
   void handleDeletion();
 
-  /// @brief The register called @p regName.
+  /// @brief The register called @p regName; its name views the map (valid as long as the map).
   /// @throws LookupError "RegisterFile does not have register '<name>'!"
-  HardwareRegister const& findRegisterByName(Kiv::String const& regName) const;
-  /// @brief The register called @p regName (no allocation when a CSV map answers).
-  HardwareRegister const& findRegisterByName(char const* regName) const;
+  HardwareRegister findRegisterByName(Kiv::String const& regName) const { return find(regName.view()); }
+  /// @brief The register called @p regName (null: no register); allocates nothing.
+  HardwareRegister findRegisterByName(char const* regName) const {
+    return find(regName ? std::string_view(regName) : std::string_view());
+  }
+  HardwareRegister findRegisterByName(std::string_view regName) const { return find(regName); }
   /// @brief The name of the register at byte address @p addr.
   /// @throws LookupError "RegisterFile does not have address: <decimal>!"
-  Kiv::String findRegNameByAddr(U32 addr) const;
+  Kiv::String findRegNameByAddr(U32 addr) const { return Kiv::String(regNameAt(addr)); }
+  /// @brief The name of the register at byte address @p addr as the map keeps it (a C
+  /// string valid as long as the map); allocates nothing.
+  /// @throws LookupError "RegisterFile does not have address: <decimal>!"
+  char const* regNameAt(U32 addr) const {
+    RegisterIndex::Ref const ref = index_->findAddress(addr);
+    if (ref == 0) [[unlikely]]
+      throwNoAddress(addr);
+    return index_->entry(ref).name();
+  }
   /// @brief Whether a register called @p regName exists.
-  bool hasRegName(Kiv::String const& regName) const;
+  bool hasRegName(Kiv::String const& regName) const { return index_->find(regName.view()) != 0; }
   /// @brief A new RegList holding every register name.
   Kiv::Ptr<RegList> regList() const;
 
   char const* fwkType() const override { return "TarnRegFile::RegFileHelper"; }
 
 private:
-  // CSV registers converted once into model records, so that a lookup per
-  // register access neither converts nor allocates. The keys view the names
-  // held by the records (the characters of a Kiv::String never move).
-  struct CsvIndex {
-    std::unordered_map<std::string_view, HardwareRegister> byName;
-    std::unordered_map<U32, Kiv::String> nameByAddress;
-  };
-  void rebuildCsvIndex();
-  HardwareRegister const& findCsv(std::string_view regName) const;
-  HardwareRegister const& findModel(Kiv::String const& regName) const;
+  HardwareRegister find(std::string_view regName) const {
+    RegisterIndex::Ref const ref = index_->find(regName);
+    if (ref == 0) [[unlikely]]
+      throwNoRegister(regName);
+    return recordOf(index_->entry(ref));
+  }
+  HardwareRegister recordOf(RegisterIndex::Entry const& e) const;
+  [[noreturn]] static void throwNoRegister(std::string_view regName);
+  [[noreturn]] static void throwNoAddress(U32 addr);
 
   std::unique_ptr<RegisterFile const> csvRegFile_;
   Kiv::Ptr<HardwareRegisterFile> regFileModel_;
-  CsvIndex csvIndex_;
+  // The index of whichever source answers (an empty one before init): both sources
+  // keep their registers in a RegisterIndex, so lookups have one path and no copy.
+  RegisterIndex const* index_;
 };
 
 /// @brief Free factory of RegFileHelper.

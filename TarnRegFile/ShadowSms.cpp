@@ -200,7 +200,7 @@ void ShadowFieldsSm::applyField(ShadowFieldKey const& key, U32 value) {
   U32 const configured = mergeIntoImage(regConfig_, key, value);
   regConfigIs(key.address, configured);
   if (regStatus(key.address) != configured) {
-    if (!simulate_) transport_->regWrite(transport_->regAddrToName(key.address), configured);
+    if (!simulate_) transport_->regWrite(transport_->regNameAt(key.address), configured);
     regStatusIs(key.address, configured);
   }
   // Recorded only now: the status collection never claims a field its register did not get.

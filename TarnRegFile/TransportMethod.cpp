@@ -247,6 +247,8 @@ Kiv::String TransportMethod::regAddrToName(uint32_t addr) const {
   return impl().regFileHelper()->findRegNameByAddr(addr);
 }
 
+char const* TransportMethod::regNameAt(uint32_t addr) const { return impl().regFileHelper()->regNameAt(addr); }
+
 Kiv::Ptr<RegList> TransportMethod::regList() const { return impl().regFileHelper()->regList(); }
 
 bool TransportMethod::hasRegName(Kiv::String const& regName) const {
@@ -258,56 +260,57 @@ bool TransportMethod::hasRegName(Kiv::String const& regName) const {
 // Returns true when the access succeeded. On failure the last failure is recorded
 // (and, unless it is a callback form, traced) before the caller reports it.
 template <class Access>
-bool TransportMethod::tryPerformIO(Kiv::String const& regName, TransportOperation op, bool traced,
-                                   Access&& access) {
+bool TransportMethod::tryPerformIO(char const* name, TransportOperation op, bool traced, Access&& access) {
   BaseTransportMethodImpl& implementation = impl();
+  // Measured only once an access has failed: the way to success stays free of it.
+  auto const regName = [name] { return std::string_view(name ? name : ""); };
   try {
     access(implementation);
     return true;
   } catch (Kiv::SigbusException const& e) {
-    if (traced) kTrace.lineIn(0, "tryPerformIO", "Got SIGBUS when performing operation on register '{}'", regName);
-    failed(regName, op, TransportErrorKind::BusError, 0, e.what());
+    if (traced) kTrace.lineIn(0, "tryPerformIO", "Got SIGBUS when performing operation on register '{}'", regName());
+    failed(regName(), op, TransportErrorKind::BusError, 0, e.what());
   } catch (TransportError const& e) {
-    if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName, e.what());
-    failed(regName, op, e.kind(), e.errnum(), e.what());
+    if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName(), e.what());
+    failed(regName(), op, e.kind(), e.errnum(), e.what());
   } catch (LookupError const& e) {
-    if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName, e.what());
-    failed(regName, op, TransportErrorKind::UnknownRegister, 0, e.what());
+    if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName(), e.what());
+    failed(regName(), op, TransportErrorKind::UnknownRegister, 0, e.what());
   } catch (std::runtime_error const& e) {
-    if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName, e.what());
-    failed(regName, op, TransportErrorKind::Other, 0, e.what());
+    if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName(), e.what());
+    failed(regName(), op, TransportErrorKind::Other, 0, e.what());
   } catch (Kiv::RangeException const& e) {
     // A device address the bus cannot carry (the asynchronous I2C transport's 7-bit peripheral).
-    if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName, e.what());
-    failed(regName, op, TransportErrorKind::OutOfRange, 0, e.what());
+    if (traced) kTrace.lineIn(0, "tryPerformIO", "TransportMethod error on register '{}': {}", regName(), e.what());
+    failed(regName(), op, TransportErrorKind::OutOfRange, 0, e.what());
   }
   return false;
 }
 
-void TransportMethod::failed(Kiv::String const& regName, TransportOperation op, TransportErrorKind kind, int errnum,
+void TransportMethod::failed(std::string_view regName, TransportOperation op, TransportErrorKind kind, int errnum,
                              char const* reason) {
   if (!errorNotifier_) return;
-  errorNotifier_->lastFailureIs(regName.view(), op, kind, errnum, reason);
+  errorNotifier_->lastFailureIs(regName, op, kind, errnum, reason);
 }
 
-uint32_t TransportMethod::regRead(Kiv::String const& regName) {
+uint32_t TransportMethod::regRead(char const* regName) {
   uint32_t result = kFailedRead;
   // Outside the handlers: observers of the notifier run no code inside a catch block.
   if (!tryPerformIO(regName, TransportOperation::Read, true,
-                    [&](BaseTransportMethodImpl& i) { result = i.regRead(regName.c_str()); }))
+                    [&](BaseTransportMethodImpl& i) { result = i.regRead(regName); }))
     handleExceptionGeneric();
   return result;
 }
 
-void TransportMethod::regWrite(Kiv::String const& regName, uint32_t value) {
+void TransportMethod::regWrite(char const* regName, uint32_t value) {
   if (!tryPerformIO(regName, TransportOperation::Write, true,
-                    [&](BaseTransportMethodImpl& i) { i.regWrite(regName.c_str(), value); }))
+                    [&](BaseTransportMethodImpl& i) { i.regWrite(regName, value); }))
     handleExceptionGeneric();
 }
 
 // The callback forms write no trace line of their own: the callback is the report.
 void TransportMethod::regReadWithCallback(Kiv::String const& regName, RegReadCallback const& cb) {
-  if (tryPerformIO(regName, TransportOperation::Read, false,
+  if (tryPerformIO(regName.c_str(), TransportOperation::Read, false,
                    [&](BaseTransportMethodImpl& i) { i.regReadWithCallback(regName.c_str(), cb); }))
     return;
   if (cb) cb(regName.c_str(), RegCallbackStatusFailure, kFailedRead);
@@ -315,7 +318,7 @@ void TransportMethod::regReadWithCallback(Kiv::String const& regName, RegReadCal
 }
 
 void TransportMethod::regWriteWithCallback(Kiv::String const& regName, uint32_t value, RegWriteCallback const& cb) {
-  if (tryPerformIO(regName, TransportOperation::Write, false,
+  if (tryPerformIO(regName.c_str(), TransportOperation::Write, false,
                    [&](BaseTransportMethodImpl& i) { i.regWriteWithCallback(regName.c_str(), value, cb); }))
     return;
   if (cb) cb(regName.c_str(), RegCallbackStatusFailure);
@@ -361,8 +364,10 @@ bool const kRegistered = [] {
   transport.attributes["csvPath"] = reader<TransportMethod>([](auto& t) { return t.csvPath().str(); });
   transport.attributes["regFileModel"] = reader<TransportMethod>([](auto& t) { return Kiv::toStrep(t.regFileModel()); });
   transport.attributes["descriptor"] = reader<TransportMethod>([](auto& t) { return Kiv::toStrep(t.descriptor()); });
-  transport.methods["regRead"] = Kiv::method<&TransportMethod::regRead>();
-  transport.methods["regWrite"] = Kiv::method<&TransportMethod::regWrite>();
+  transport.methods["regRead"] = Kiv::method<static_cast<uint32_t (TransportMethod::*)(Kiv::String const&)>(
+      &TransportMethod::regRead)>();
+  transport.methods["regWrite"] = Kiv::method<static_cast<void (TransportMethod::*)(Kiv::String const&, uint32_t)>(
+      &TransportMethod::regWrite)>();
   transport.methods["regNameToAddr"] = Kiv::method<&TransportMethod::regNameToAddr>();
   transport.methods["regAddrToName"] = Kiv::method<&TransportMethod::regAddrToName>();
   transport.methods["hasRegName"] = Kiv::method<&TransportMethod::hasRegName>();

@@ -227,15 +227,22 @@ public:
 
   uint32_t regNameToAddr(Kiv::String const& regName) const;
   Kiv::String regAddrToName(uint32_t addr) const;
+  /// @brief regAddrToName() without a copy: the name as the map keeps it, a C string valid
+  /// as long as the implementation (what a write by address on the hot path wants).
+  char const* regNameAt(uint32_t addr) const;
   Kiv::Ptr<RegList> regList() const;
   bool hasRegName(Kiv::String const& regName) const;
 
   // ------------------------------------------------------------ register access
 
   /// @brief The register's value; 0xFFFFFFFF when the access failed (signalled on the notifier).
-  uint32_t regRead(Kiv::String const& regName);
+  uint32_t regRead(Kiv::String const& regName) { return regRead(regName.c_str()); }
+  /// @brief regRead() of a name the caller holds as characters: nothing is allocated.
+  uint32_t regRead(char const* regName);
   /// @brief Writes the register; a failure is signalled on the notifier.
-  void regWrite(Kiv::String const& regName, uint32_t value);
+  void regWrite(Kiv::String const& regName, uint32_t value) { regWrite(regName.c_str(), value); }
+  /// @brief regWrite() of a name the caller holds as characters: nothing is allocated.
+  void regWrite(char const* regName, uint32_t value);
   /// @brief Reads with completion callback; a failure calls @p cb with status 2 and 0xFFFFFFFF.
   void regReadWithCallback(Kiv::String const& regName, RegReadCallback const& cb);
   /// @brief Writes with completion callback; a failure calls @p cb with status 2.
@@ -249,8 +256,8 @@ public:
 private:
   BaseTransportMethodImpl& impl() const;
   template <class Access>
-  bool tryPerformIO(Kiv::String const& regName, TransportOperation op, bool traced, Access&& access);
-  void failed(Kiv::String const& regName, TransportOperation op, TransportErrorKind kind, int errnum,
+  bool tryPerformIO(char const* regName, TransportOperation op, bool traced, Access&& access);
+  void failed(std::string_view regName, TransportOperation op, TransportErrorKind kind, int errnum,
               char const* reason);
 
   Kiv::Ptr<TransportMethodError> errorNotifier_;

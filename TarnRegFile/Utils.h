@@ -13,6 +13,7 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace TarnRegFile::Utils {
@@ -65,13 +66,20 @@ U32 registerAddress(R const& reg) noexcept {
     return reg.address;
 }
 
-/// @brief Sorts register records by address, then by name (listings of a map, whichever its source).
+/// @brief Sorts register records (or pointers to them) by address, then by name
+/// (listings of a map, whichever its source).
 template <class R>
-void sortByAddress(std::vector<R const*>& regs) {
-  std::sort(regs.begin(), regs.end(), [](R const* a, R const* b) {
-    U32 const x = registerAddress(*a);
-    U32 const y = registerAddress(*b);
-    return x != y ? x < y : a->name < b->name;
+void sortByAddress(std::vector<R>& regs) {
+  auto const record = [](R const& r) -> auto const& {
+    if constexpr (std::is_pointer_v<R>)
+      return *r;
+    else
+      return r;
+  };
+  std::sort(regs.begin(), regs.end(), [record](R const& a, R const& b) {
+    U32 const x = registerAddress(record(a));
+    U32 const y = registerAddress(record(b));
+    return x != y ? x < y : record(a).name < record(b).name;
   });
 }
 

@@ -30,14 +30,14 @@ bool parseAddress(std::string_view text, U32& address) {
 }
 
 void listRegisters(TarnRegFile::RegisterFile const& file) {
-  std::vector<TarnRegFile::Register const*> sorted;
+  std::vector<TarnRegFile::RegisterRef> sorted;
   sorted.reserve(file.size());
-  for (auto const& entry : file.registers()) sorted.push_back(&entry.second);
-  std::sort(sorted.begin(), sorted.end(), [](auto const* a, auto const* b) {
-    return a->number != b->number ? a->number < b->number : a->name < b->name;
+  file.forEachRegister([&](TarnRegFile::RegisterRef const& reg) { sorted.push_back(reg); });
+  std::sort(sorted.begin(), sorted.end(), [](auto const& a, auto const& b) {
+    return a.number != b.number ? a.number < b.number : a.name < b.name;
   });
-  for (auto const* reg : sorted) {
-    std::string const text = *reg;
+  for (auto const& reg : sorted) {
+    std::string const text = reg;
     std::printf("%s\n", text.c_str());
   }
 }

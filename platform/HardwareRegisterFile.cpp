@@ -1,5 +1,8 @@
 #include "HardwareRegisterFile.h"
 
+#include <stdexcept>
+#include <string>
+
 namespace Hardware::TarnRegFile {
 
 HardwareRegisterFile::HardwareRegisterFile(Kiv::String const& name) : Kiv::Entity(name) {}
@@ -8,34 +11,58 @@ Kiv::Ptr<HardwareRegisterFile> HardwareRegisterFile::HardwareRegisterFileIs(Kiv:
   return Kiv::create<HardwareRegisterFile>(name);
 }
 
+Kiv::Ptr<HardwareRegisterFile> HardwareRegisterFile::HardwareRegisterFileIs(Kiv::String const& name,
+                                                                          RegisterIndex index) {
+  auto model = Kiv::create<HardwareRegisterFile>(name);
+  model->index_.swap(index);
+  return model;
+}
+
 Kiv::Ptr<HardwareRegisterFile> hardwareRegisterFileFactory(Kiv::String const& name) {
   return HardwareRegisterFile::HardwareRegisterFileIs(name);
 }
 
 void HardwareRegisterFile::registerIs(HardwareRegister const& reg) {
-  if (auto const* old = byName_.find(reg.name)) {
+  // Names end at a NUL in the index: such a register could never be found by name.
+  if (reg.name.find('\0') != std::string_view::npos)
+    throw std::invalid_argument("register name '" + std::string(reg.name.substr(0, reg.name.find('\0'))) +
+                                "...' holds a NUL byte");
+  RegisterIndex::Fields const fields{reg.address, reg.width, reg.accessWidth, static_cast<U8>(reg.type),
+                                     reg.writeable};
+  U32 const hash = RegisterIndex::hashName(reg.name.data(), reg.name.size());
+  RegisterIndex::Ref ref = index_.find(reg.name, hash);
+  if (ref != 0) {
     // The old address no longer belongs to this name.
-    if (auto const* n = nameByAddress_.find(old->address); n && *n == reg.name) nameByAddress_.erase(old->address);
+    U32 const oldAddress = index_.entry(ref).address;
+    if (index_.findAddress(oldAddress) == ref) index_.eraseAddress(oldAddress);
+    index_.update(ref, fields);
+  } else {
+    bool added = false;
+    ref = index_.insert(reg.name, hash, fields, added);
   }
-  byName_.put(reg.name, reg);
-  nameByAddress_.put(reg.address, reg.name);
+  index_.setAddress(reg.address, ref);
 }
 
-void HardwareRegisterFile::registerDel(Kiv::String const& name) {
-  auto old = byName_.take(name);
-  if (!old) return;
-  if (auto const* n = nameByAddress_.find(old->address); n && *n == name) nameByAddress_.erase(old->address);
+void HardwareRegisterFile::registerDel(std::string_view name) {
+  RegisterIndex::Ref const ref = index_.find(name);
+  if (ref == 0) return;
+  U32 const address = index_.entry(ref).address;
+  if (index_.findAddress(address) == ref) index_.eraseAddress(address);
+  index_.erase(ref);
 }
 
-HardwareRegister HardwareRegisterFile::reg(Kiv::String const& name) const { return byName_.get(name); }
+HardwareRegister HardwareRegisterFile::reg(std::string_view name) const {
+  RegisterIndex::Ref const ref = index_.find(name);
+  return ref ? recordOf(index_.entry(ref)) : HardwareRegister();
+}
 
-bool HardwareRegisterFile::regHas(Kiv::String const& name) const { return byName_.has(name); }
+bool HardwareRegisterFile::regHas(std::string_view name) const { return index_.find(name) != 0; }
 
 HardwareRegister HardwareRegisterFile::regByAddress(U32 address) const {
-  auto const* n = nameByAddress_.find(address);
-  return n ? byName_.get(*n) : HardwareRegister();
+  RegisterIndex::Ref const ref = index_.findAddress(address);
+  return ref ? recordOf(index_.entry(ref)) : HardwareRegister();
 }
 
-bool HardwareRegisterFile::addressHas(U32 address) const { return nameByAddress_.has(address); }
+bool HardwareRegisterFile::addressHas(U32 address) const { return index_.findAddress(address) != 0; }
 
 }  // namespace Hardware::TarnRegFile

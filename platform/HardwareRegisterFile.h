@@ -7,20 +7,25 @@
 /// helper answers lookups from it exactly as from a CSV map.
 
 #include "Export.h"
-#include "KivCollection.h"
 #include "KivEntity.h"
 #include "Types.h"
 
-#include <string>
+#include "TarnRegFile/RegisterIndex.h"
+
+#include <string_view>
 
 namespace Hardware::TarnRegFile {
 
 /// @brief Kind of a register; numbering shared with the CSV register types (0 = unknown .. 6 = ctl).
 enum class HardwareRegisterType : U8 { unknown = 0, reserved = 1, constant = 2, cfg = 3, sts = 4, counter = 5, ctl = 6 };
 
-/// @brief One register of the model.
+/// @brief One register of the model, and the record every register-map lookup hands to transports.
+///
+/// The name is a view: in a record a lookup returned it points into the map (valid as
+/// long as the map, until the model is changed); in a record handed to registerIs it is
+/// the caller's, and the model copies it.
 struct TARN_API HardwareRegister {
-  Kiv::String name;
+  std::string_view name;
   HardwareRegisterType type = HardwareRegisterType::unknown;
   bool writeable = false;
   U32 address = 0;      ///< byte address
@@ -32,34 +37,48 @@ struct TARN_API HardwareRegister {
   bool operator==(HardwareRegister const&) const = default;
 };
 
-/// @brief The register map of one chip.
+/// @brief The register map of one chip, kept in one flat register index (no allocation per register).
 class TARN_API HardwareRegisterFile : public Kiv::Entity {
 public:
+  using RegisterIndex = ::TarnRegFile::RegisterIndex;
+
   /// @brief Creates an empty model with notifications active.
   static Kiv::Ptr<HardwareRegisterFile> HardwareRegisterFileIs(Kiv::String const& name);
+  /// @brief Creates a model holding the registers of @p index (a loaded CSV map's, for one):
+  /// the same names, records and addresses, without reading anything again.
+  static Kiv::Ptr<HardwareRegisterFile> HardwareRegisterFileIs(Kiv::String const& name, RegisterIndex index);
 
   /// @brief Adds or replaces a register (keyed by name); its address then maps to it.
+  /// @throws std::invalid_argument for a name holding a NUL byte.
   void registerIs(HardwareRegister const& reg);
   /// @brief Removes a register and its address entry.
-  void registerDel(Kiv::String const& name);
+  void registerDel(std::string_view name);
   /// @brief The register of that name, or a default register when absent.
-  HardwareRegister reg(Kiv::String const& name) const;
-  bool regHas(Kiv::String const& name) const;
+  HardwareRegister reg(std::string_view name) const;
+  bool regHas(std::string_view name) const;
   /// @brief The register at that byte address, or a default register when absent.
   HardwareRegister regByAddress(U32 address) const;
   bool addressHas(U32 address) const;
-  U32 regCount() const noexcept { return static_cast<U32>(byName_.size()); }
+  U32 regCount() const noexcept { return static_cast<U32>(index_.size()); }
 
-  /// @brief All registers by name (unordered).
-  Kiv::KeyedCollection<Kiv::String, HardwareRegister> const& registers() const noexcept { return byName_; }
+  /// @brief The index the registers live in (what lookups answer from).
+  RegisterIndex const& index() const noexcept { return index_; }
+  /// @brief The record of an index entry.
+  static HardwareRegister recordOf(RegisterIndex::Entry const& e) noexcept {
+    return {e.nameView(), static_cast<HardwareRegisterType>(e.type), e.writeable(), e.address, e.width, e.accessWidth};
+  }
+  /// @brief Calls @p f(HardwareRegister) for every register, in the order they were added.
+  template <class F>
+  void forEachRegister(F&& f) const {
+    index_.forEach([&](RegisterIndex::Entry const& e) { f(recordOf(e)); });
+  }
 
   char const* fwkType() const override { return "Hardware::TarnRegFile::HardwareRegisterFile"; }
 
   explicit HardwareRegisterFile(Kiv::String const& name);
 
 private:
-  Kiv::KeyedCollection<Kiv::String, HardwareRegister> byName_;
-  Kiv::KeyedCollection<U32, Kiv::String> nameByAddress_;
+  RegisterIndex index_;
 };
 
 /// @brief Free factory of the model.

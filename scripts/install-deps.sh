@@ -14,7 +14,7 @@ packages=(
   libfmt-dev libfmt-dev:i386
   libgtest-dev libgtest-dev:i386 libgmock-dev libgmock-dev:i386 googletest
   libbenchmark-dev libbenchmark-dev:i386
-  libcli11-dev nlohmann-json3-dev libboost1.81-dev
+  libcli11-dev nlohmann-json3-dev libboost1.81-dev libabsl-dev libabsl-dev:i386
   clang-14 libclang-rt-14-dev
   qemu-system-x86 linux-image-amd64 busybox-static cpio
 )

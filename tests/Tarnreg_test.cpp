@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -21,6 +23,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -367,43 +370,58 @@ TEST_F(Tarnreg, PciAccessesGoThroughTheMappedFileWithinItsSize) {
 
 // A device that drops off the bus answers loads with SIGBUS. A window file cut
 // short after the tool mapped it does the same for the part that was cut off.
-// To cut it at the right moment the map is a FIFO that this test feeds: the tool
-// loads the map, maps the window, then loads the map once more for the
-// transport; the window is cut between the two loads.
+// The tool is traced from syscall to syscall until the window is in its address
+// space, and the window is cut right there, before the register is read.
 TEST_F(Tarnreg, PciBusErrorOfAFileCutShortIsAnErrorLine) {
   std::string const fifo = dir_ + "/fed.csv";
   ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
   std::string const map = "number,name,type,writeable,width\n0,id,const,false,32\n1536,far,sts,false,32\n";
-  auto const sigpipe = std::signal(SIGPIPE, SIG_IGN);
-  pid_t const pid = spawn({"--map", fifo, "--pci", window_, "read", "far"});
-  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  int wstatus = 0;
-  bool ended = false;
-  // Waits until @p ready holds; false when the tool ended first or time ran out.
-  auto const await = [&](auto ready) {
-    while (!ready()) {
-      if (!ended) ended = ::waitpid(pid, &wstatus, WNOHANG) == pid;
-      if (ended || std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-  };
-  // Hands the map whole to the tool's next open (ENXIO until it opens).
-  auto const feed = [&] {
+  pid_t const pid = spawn({"--map", fifo, "--pci", window_, "read", "far"});  // waits for its map
+  ASSERT_EQ(0, ::ptrace(PTRACE_SEIZE, pid, nullptr, nullptr)) << std::strerror(errno);
+  ASSERT_EQ(0, ::ptrace(PTRACE_INTERRUPT, pid, nullptr, nullptr));
+  std::thread feeder([&] {  // the tool's open of the FIFO lets a writer in (ENXIO until then)
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     int fd = -1;
-    return await([&] { return (fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; }) &&
-           ::write(fd, map.data(), map.size()) == ssize_t(map.size()) && ::close(fd) == 0;
-  };
-  auto const mapped = [&] {
-    return slurp("/proc/" + std::to_string(pid) + "/maps").find(window_) != std::string::npos;
-  };
-  bool const cut = feed() && await(mapped) && ::truncate(window_.c_str(), 0x1000) == 0 && feed();
-  await([] { return false; });  // until the tool ends
-  std::signal(SIGPIPE, sigpipe);
-  if (!ended) ::kill(pid, SIGKILL), ::waitpid(pid, &wstatus, 0);  // shows as status 137
+    while ((fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) < 0 &&
+           std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (fd >= 0) (void)!::write(fd, map.data(), map.size()), ::close(fd);
+  });
+  auto const mapped = [&] { return slurp("/proc/" + std::to_string(pid) + "/maps").find(window_) != std::string::npos; };
+  int wstatus = 0;
+  bool cut = false;
+  while (::waitpid(pid, &wstatus, 0) == pid && WIFSTOPPED(wstatus)) {
+    if (mapped()) {
+      cut = ::truncate(window_.c_str(), 0x1000) == 0;
+      ::ptrace(PTRACE_DETACH, pid, nullptr, nullptr);
+      ::waitpid(pid, &wstatus, 0);
+      break;
+    }
+    ::ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
+  }
+  feeder.join();
   ToolRun const run = outcome(wstatus);
-  ASSERT_TRUE(cut) << "the window was not cut between the two loads of the map; stderr: " << run.err;
+  ASSERT_TRUE(cut) << "the window was not cut after it was mapped; stderr: " << run.err;
   expectFailure(run, 1, "tarnreg: Got SIGBUS when performing operation on register 'far'");
+}
+
+// A map read through a pipe is read once: a good one serves the command, a bad one is
+// refused with the line the loader counted.
+TEST_F(Tarnreg, AMapThroughAPipeIsReadOnceAndItsBadLineNamed) {
+  std::string const fifo = dir_ + "/piped.csv";
+  ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+  std::string const text = slurp(map_);
+  for (std::string const tail : {"", "3,bad,cfg,true,x\n"}) {
+    std::thread feeder([&] { std::ofstream(fifo) << text << tail; });
+    ToolRun const run = runTool({"--map", fifo, "--mock", "--mock-file", mockFile_, "read", "scratch"});
+    feeder.join();
+    if (tail.empty()) {
+      EXPECT_EQ(0, run.status) << run.err;
+    } else {
+      size_t const lines = std::count(text.begin(), text.end(), '\n') + 1;
+      expectFailure(run, 1, "tarnreg: map " + fifo + ", line " + std::to_string(lines) + ": Invalid width token");
+    }
+  }
 }
 
 // A shadow-field table owned by another process: the shadow_writer helper mounts it

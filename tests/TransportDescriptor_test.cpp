@@ -41,13 +41,7 @@ TEST(TransportDescriptorEnum, LiteralsValuesAndTextForms) {
   EXPECT_THROW(TransportFlavourInstance(Kiv::String("PciDOV")), Kiv::RangeException);
   // A value outside the table still formats, so an error text about it can be built.
   EXPECT_EQ(fmt::format("{}", TransportType{200}), "200");
-  auto const& table = transportDescriptorEnumTable();
-  EXPECT_STREQ(table.typeName(0), "TarnRegFile::TransportType");
-  EXPECT_STREQ(table.typeName(1), "TarnRegFile::TransportProtocol");
-  EXPECT_STREQ(table.typeName(2), "TarnRegFile::TransportFlavour");
-}
-
-TEST(TransportDescriptorEnum, SequenceToValueReadsOneLiteral) {
+  // The text parser reads one literal and stops after it.
   std::string const text = "'I2cSmbusIoctl', rest";
   Kiv::String::IteratorConst pos = text.data();
   TransportProtocol protocol{};
@@ -85,38 +79,37 @@ TEST(TransportDescriptor, EveryKindFixesItsTripleAndKeepsItsArguments) {
   EXPECT_EQ(dov->references(), before);
 }
 
+// Built by type name with text arguments, as the generic interface does; bad arguments are refused.
 TEST(TransportDescriptor, GenericConstructionAndAttributeReads) {
   auto& registry = Kiv::TypeRegistry::instance();
-  auto const build = [&](char const* type, std::vector<std::string> const& args) {
-    return Kiv::ptr_cast<BaseTransportDescriptor>(registry.construct(type, args));
+  struct Case {
+    char const* type;
+    std::vector<std::string> args;
+    std::vector<std::pair<char const*, char const*>> attributes;  // empty: refused
   };
-  auto const i2c = build("TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0", "0x50"});
-  ASSERT_TRUE(i2c);
-  for (auto [attribute, text] : {std::pair{"type", "i2c"}, {"protocol", "I2cSmbusIoctl"},
-                                 {"flavour", "I2cSmbusDataBlock"}, {"devNode", "/dev/i2c-0"}, {"devId", "80"}})
-    EXPECT_EQ(registry.attribute(*i2c, attribute), text) << attribute;
-  auto const vorm = build("TarnRegFile::I2cVormTransportDescriptor", {"None", "7"});
-  ASSERT_TRUE(vorm);
-  EXPECT_EQ(registry.attribute(*vorm, "devId"), "7");
-  EXPECT_EQ(registry.attribute(*vorm, "vorm"), "None");
-  auto const pci = build("TarnRegFile::PciTransportDescriptor", {"None"});
-  ASSERT_TRUE(pci);
-  EXPECT_EQ(registry.attribute(*pci, "pciDov"), "None");
-  auto const mock = build("TarnRegFile::MockTransportDescriptor", {});
-  ASSERT_TRUE(mock);
-  EXPECT_EQ(registry.attribute(*mock, "dumpPath"), "/tmp/MockTarnDebugReg.csv");
-  EXPECT_EQ(registry.attribute(*build("TarnRegFile::MockTransportDescriptor", {"/tmp/chip0.csv"}), "dumpPath"),
-            "/tmp/chip0.csv");
-
-  std::pair<char const*, std::vector<std::string>> const refused[] = {
-      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0"}},
-      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0", "fifty"}},
-      {"TarnRegFile::I2cVormTransportDescriptor", {"someVorm", "1"}},
-      // The PCI address is checked before anything is opened.
-      {"TarnRegFile::PciTransportDescriptor", {"../../etc/passwd", "0"}},
+  Case const cases[] = {
+      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0", "0x50"},
+       {{"type", "i2c"}, {"protocol", "I2cSmbusIoctl"}, {"flavour", "I2cSmbusDataBlock"}, {"devNode", "/dev/i2c-0"},
+        {"devId", "80"}}},
+      {"TarnRegFile::I2cVormTransportDescriptor", {"None", "7"}, {{"devId", "7"}, {"vorm", "None"}}},
+      {"TarnRegFile::PciTransportDescriptor", {"None"}, {{"pciDov", "None"}}},
+      {"TarnRegFile::MockTransportDescriptor", {}, {{"dumpPath", "/tmp/MockTarnDebugReg.csv"}}},
+      {"TarnRegFile::MockTransportDescriptor", {"/tmp/chip0.csv"}, {{"dumpPath", "/tmp/chip0.csv"}}},
+      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0"}, {}},
+      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0", "fifty"}, {}},
+      {"TarnRegFile::I2cVormTransportDescriptor", {"someVorm", "1"}, {}},
+      {"TarnRegFile::PciTransportDescriptor", {"../../etc/passwd", "0"}, {}},  // checked before anything is opened
   };
-  for (auto const& [type, args] : refused)
-    EXPECT_THROW(registry.construct(type, args), std::runtime_error) << type << " with " << args.size() << " args";
+  for (auto const& c : cases) {
+    SCOPED_TRACE(fmt::format("{} with {} args", c.type, c.args.size()));
+    if (c.attributes.empty()) {
+      EXPECT_THROW(registry.construct(c.type, c.args), std::runtime_error);
+      continue;
+    }
+    auto const d = Kiv::ptr_cast<BaseTransportDescriptor>(registry.construct(c.type, c.args));
+    ASSERT_TRUE(d);
+    for (auto [attribute, text] : c.attributes) EXPECT_EQ(registry.attribute(*d, attribute), text) << attribute;
+  }
 }
 
 }  // namespace

@@ -72,9 +72,9 @@ public:
 
 private:
   void fail(HardwareRegister const& reg, TransportOperation op) const {
-    std::string const text = "bus timeout on " + reg.name.str();
+    std::string const text = "bus timeout on " + std::string(reg.name);
     if (mode == Fail::runtime) throw std::runtime_error(text);
-    if (mode == Fail::system) throw TransportError(text, TransportErrorKind::System, reg.name.str(), op, EIO);
+    if (mode == Fail::system) throw TransportError(text, TransportErrorKind::System, std::string(reg.name), op, EIO);
     if (mode == Fail::sigbus) throw Kiv::SigbusException();
     if (mode == Fail::other) throw std::logic_error("not an I/O failure");
   }
@@ -169,12 +169,12 @@ TEST(TransportMethod, FullInitFailuresInTheirOrder) {
 TEST(TransportMethod, NothingWorksBeforeAnImplementationExists) {
   auto tm = TransportMethod::TransportMethodIs("chip0");
   bool called = false;
+  auto const never = [&](auto...) { called = true; };
   for (std::function<void()> const& use : std::vector<std::function<void()>>{
            [&] { tm->regRead("scratch"); }, [&] { tm->regWrite("scratch", 1); },
-           [&] { tm->regReadWithCallback("scratch", [&](auto...) { called = true; }); },
-           [&] { tm->regWriteWithCallback("scratch", 1, [&](auto...) { called = true; }); },
-           [&] { tm->regNameToAddr("scratch"); }, [&] { tm->regAddrToName(0); }, [&] { tm->regList(); },
-           [&] { tm->hasRegName("scratch"); }})
+           [&] { tm->regReadWithCallback("scratch", never); }, [&] { tm->regWriteWithCallback("scratch", 1, never); },
+           [&] { tm->regNameToAddr("scratch"); }, [&] { tm->regAddrToName(0); }, [&] { tm->regNameAt(0); },
+           [&] { tm->regList(); }, [&] { tm->hasRegName("scratch"); }})
     EXPECT_EQ(errorOf(use), kNoImpl);
   EXPECT_FALSE(called);
 }
@@ -201,7 +201,7 @@ struct VormHook {
   TransportMethod::TransportFactory previous;
 };
 
-TEST(TransportMethodTable, RowHandsItsDescriptorAndTheCsvPathOrElseTheModel) {
+TEST(TransportMethodTable, RowsHandOnTheirSourceAndRefuseWhatTheyCannotBuild) {
   VormHook const hook(recordingVorm);
   auto tm = TransportMethod::TransportMethodIs("chip0");
   auto const vorm = i2cVormTransportDescriptorFactory(nullptr, 0x22);
@@ -212,35 +212,25 @@ TEST(TransportMethodTable, RowHandsItsDescriptorAndTheCsvPathOrElseTheModel) {
   auto const model = smallModel();
   tm->fullInit(vorm, TransportMethodRegFile("", model));
   EXPECT_EQ(gHookRegFile, TransportMethodRegFile("", model));
-}
-
-TEST(TransportMethodTable, MissingHookWrongDescriptorClassAndNullResultAreErrors) {
-  auto tm = TransportMethod::TransportMethodIs("chip0");
-  auto const vorm = i2cVormTransportDescriptorFactory(nullptr, 1);
-  {
-    VormHook const none(nullptr);
-    EXPECT_EQ(errorOf([&] { tm->init(vorm, kDemoCsv); }),
-              "transport implementation 'i2c/I2cVorm/I2cSmbusVorm' is not available in this build");
-  }
-  // A base descriptor built with "pci" carries the PCI triple but no access object.
-  EXPECT_EQ(errorOf([&] { tm->init(Kiv::create<BaseTransportDescriptor>(TransportType::pci), kDemoCsv); }),
-            "descriptor of transport 'pci/DirectAccess/PciDov' is a TarnRegFile::BaseTransportDescriptor, "
-            "not a TarnRegFile::PciTransportDescriptor");
-  EXPECT_EQ(tm->implPtr(), nullptr);
-
-  tm->init(mockTransportDescriptorFactory(), kDemoCsv);
+  // A null result is an error that keeps the notifier; a row without a factory, or a base
+  // descriptor with a row's triple (no access object), is refused.
   auto const notifier = tm->errorNotifier();
-  VormHook const hook(recordingVorm);
   gHookReturnsNull = true;
   EXPECT_EQ(errorOf([&] { tm->init(vorm, kDemoCsv); }), "TransportMethod implementation init failed");
   gHookReturnsNull = false;
   EXPECT_EQ(tm->implPtr(), nullptr);
-  EXPECT_EQ(tm->errorNotifier(), notifier);  // the failed attempt made no new notifier
+  EXPECT_EQ(tm->errorNotifier(), notifier);
+  VormHook const none(nullptr);
+  EXPECT_EQ(errorOf([&] { tm->init(vorm, kDemoCsv); }),
+            "transport implementation 'i2c/I2cVorm/I2cSmbusVorm' is not available in this build");
+  EXPECT_EQ(errorOf([&] { tm->init(Kiv::create<BaseTransportDescriptor>(TransportType::pci), kDemoCsv); }),
+            "descriptor of transport 'pci/DirectAccess/PciDov' is a TarnRegFile::BaseTransportDescriptor, "
+            "not a TarnRegFile::PciTransportDescriptor");
 }
 
 // ---------------------------------------------------------------- access and failures
 
-TEST(TransportMethod, SuccessfulAccessesPassValuesThroughAlsoByName) {
+TEST(TransportMethod, AccessesPassValuesAndNonIoExceptionsThrough) {
   Rig rig;
   EXPECT_EQ(rig.tm->regRead("ctrl"), 0x1234u);
   rig.tm->regWrite("ctrl", 77);
@@ -256,6 +246,10 @@ TEST(TransportMethod, SuccessfulAccessesPassValuesThroughAlsoByName) {
   registry.call(*rig.tm, "regWrite", {"ctrl", "0x10"});
   EXPECT_EQ(rig.fake->lastWrite, 16u);
   EXPECT_EQ(registry.call(*rig.tm, "regNameToAddr", {"ctrl"}), "16");
+  // Exceptions that are not I/O failures propagate, without a notification.
+  rig.fake->mode = FakeImpl::Fail::other;
+  EXPECT_THROW(rig.tm->regRead("ctrl"), std::logic_error);
+  EXPECT_THROW(rig.tm->regWriteWithCallback("ctrl", 1, nullptr), std::logic_error);
   EXPECT_EQ(rig.watcher.calls, 0);
 }
 
@@ -287,14 +281,6 @@ TEST(TransportMethod, IoFailureBecomesAllOnesItsTraceTheLastFailureAndANotificat
     EXPECT_EQ(last.kind, c.kind);
     EXPECT_EQ(last.errnum, c.errnum);
   }
-}
-
-TEST(TransportMethod, OtherExceptionsPropagateWithoutNotification) {
-  Rig rig(FakeImpl::Fail::other);
-  EXPECT_THROW(rig.tm->regRead("ctrl"), std::logic_error);
-  EXPECT_THROW(rig.tm->regWrite("ctrl", 1), std::logic_error);
-  EXPECT_THROW(rig.tm->regWriteWithCallback("ctrl", 1, nullptr), std::logic_error);
-  EXPECT_EQ(rig.watcher.calls, 0);
 }
 
 TEST(TransportMethod, FailedCallbackAccessCallsBackOnceWithStatusTwoAndNoTraceEvenWithoutCallback) {

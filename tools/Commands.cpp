@@ -15,7 +15,7 @@ namespace Tarnreg {
 
 namespace {
 
-using TarnRegFile::Register;
+using TarnRegFile::RegisterRef;
 
 // The chip is named after its map ("maps/demo_chip.csv" -> "demo_chip"); the name
 // only appears in the transport's own trace lines.
@@ -29,7 +29,7 @@ std::string chipNameOf(std::string const& mapPath) {
 
 // A write the map says cannot be right is refused unless forced: writing a read-only
 // register or bits the register does not have would otherwise seem to succeed.
-void checkWrite(Register const& reg, U32 value, bool force) {
+void checkWrite(RegisterRef const& reg, U32 value, bool force) {
   if (force) return;
   if (!reg.writeable)
     throw ToolError::failure(fmt::format("register '{}' is read-only (--force writes it anyway)", reg.name));
@@ -56,24 +56,24 @@ public:
 
 private:
   RegisterMap map() const { return RegisterMap(options_.mapPath, addrBlockSize(options_.transport.kind)); }
-  DeviceSession session() const {
-    return DeviceSession(options_.transport, options_.mapPath, chipNameOf(options_.mapPath));
+  DeviceSession session(RegisterMap const& registers) const {
+    return DeviceSession(options_.transport, registers, chipNameOf(options_.mapPath));
   }
 
   void read() {
     // The map is loaded and the name checked before any device is opened.
     RegisterMap const registers = map();
-    Register const& reg = registers.find(options_.regName);
-    DeviceSession device = session();
-    printer_.registerValue({&reg, device.read(reg.name)});
+    RegisterRef const reg = registers.find(options_.regName);
+    DeviceSession device = session(registers);
+    printer_.registerValue({&reg, device.read(reg.name.data())});
   }
 
   void write() {
     RegisterMap const registers = map();
-    Register const& reg = registers.find(options_.regName);
+    RegisterRef const reg = registers.find(options_.regName);
     checkWrite(reg, options_.value, options_.force);
-    DeviceSession device = session();
-    device.write(reg.name, options_.value);
+    DeviceSession device = session(registers);
+    device.write(reg.name.data(), options_.value);
     printer_.written({&reg, options_.value});
   }
 
@@ -81,10 +81,10 @@ private:
   // half table (or half JSON document) behind on standard output.
   void dump() {
     RegisterMap const registers = map();
-    DeviceSession device = session();
+    DeviceSession device = session(registers);
     std::vector<RegisterValue> values;
     values.reserve(registers.byAddress().size());
-    for (auto const* reg : registers.byAddress()) values.push_back({reg, device.read(reg->name)});
+    for (auto const& reg : registers.byAddress()) values.push_back({&reg, device.read(reg.name.data())});
     printer_.registerValues(values);
   }
 

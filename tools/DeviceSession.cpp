@@ -83,11 +83,14 @@ void requireUsableMockFile(std::string const& path) {
 
 }  // namespace
 
-DeviceSession::DeviceSession(TransportChoice const& choice, std::string const& mapPath,
-                             std::string const& chipName)
+DeviceSession::DeviceSession(TransportChoice const& choice, RegisterMap const& map, std::string const& chipName)
     : transport_(TarnRegFile::transportMethodFactory(chipName)) {
   try {
-    open(choice, mapPath);
+    // The transport answers from the map already loaded, handed over as a register-file
+    // model: the map's path (a pipe perhaps) is read once, by RegisterMap.
+    open(choice, TarnRegFile::TransportMethodRegFile(
+                     Kiv::String(), Hardware::TarnRegFile::HardwareRegisterFile::HardwareRegisterFileIs(
+                                        Kiv::String(chipName), map.file().index())));
   } catch (ToolError const&) {
     throw;
   } catch (TarnRegFile::DumpFileError const& e) {  // a line that is not two numbers
@@ -102,28 +105,26 @@ DeviceSession::DeviceSession(TransportChoice const& choice, std::string const& m
 
 DeviceSession::~DeviceSession() { watcher_.notifierIs(nullptr); }
 
-void DeviceSession::open(TransportChoice const& choice, std::string const& mapPath) {
+void DeviceSession::open(TransportChoice const& choice, TarnRegFile::TransportMethodRegFile const& regFile) {
   switch (choice.kind) {
     case TransportKind::Mock:
       requireUsableMockFile(choice.mockFile);
       mockLock_ = lockMockFile(choice.mockFile);
-      transport_->init(TarnRegFile::mockTransportDescriptorFactory(choice.mockFile), mapPath);
+      transport_->fullInit(TarnRegFile::mockTransportDescriptorFactory(choice.mockFile), regFile);
       return;
     case TransportKind::Pci:
-      transport_->init(TarnRegFile::pciTransportDescriptorFactory(Hardware::pciDovImplFactory(choice.pciResource)),
-                       mapPath);
+      transport_->fullInit(TarnRegFile::pciTransportDescriptorFactory(Hardware::pciDovImplFactory(choice.pciResource)), regFile);
       return;
     case TransportKind::I2c: {
       auto const flavour = choice.i2cWordFlavour ? TransportFlavour::I2cSmbusDataWord
                                                  : TransportFlavour::I2cSmbusDataBlock;
-      transport_->init(TarnRegFile::i2cTransportDescriptorFactory(flavour, choice.i2cDevNode, choice.i2cAddress),
-                       mapPath);
+      transport_->fullInit(TarnRegFile::i2cTransportDescriptorFactory(flavour, choice.i2cDevNode, choice.i2cAddress), regFile);
       return;
     }
     case TransportKind::I2cAsync:
       vorm_ = Hardware::Vorm::VormIs(Kiv::String(choice.i2cDevNode.c_str()),
                                      std::make_shared<Hardware::VormI2cDevBackend>(choice.i2cDevNode));
-      transport_->init(TarnRegFile::i2cVormTransportDescriptorFactory(vorm_, choice.i2cAddress), mapPath);
+      transport_->fullInit(TarnRegFile::i2cVormTransportDescriptorFactory(vorm_, choice.i2cAddress), regFile);
       return;
     case TransportKind::None:
       break;

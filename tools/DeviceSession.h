@@ -9,6 +9,7 @@
 #include "TarnRegFile/TransportMethod.h"
 #include "TarnRegFile/Utils.h"
 
+#include "RegisterMap.h"
 #include "TransportChoice.h"
 
 #include <string>
@@ -28,10 +29,10 @@ namespace Tarnreg {
 /// has run. The manager ends every request within its timeout, so the wait is bounded.
 class DeviceSession {
 public:
-  /// @brief Opens the transport of @p choice (not None) over the map at @p mapPath, for
+  /// @brief Opens the transport of @p choice (not None) over the loaded @p map, for
   /// the chip called @p chipName.
   /// @throws ToolError (failure) when the device or the mock's register file cannot be used.
-  DeviceSession(TransportChoice const& choice, std::string const& mapPath, std::string const& chipName);
+  DeviceSession(TransportChoice const& choice, RegisterMap const& map, std::string const& chipName);
   ~DeviceSession();
   DeviceSession(DeviceSession const&) = delete;
   DeviceSession& operator=(DeviceSession const&) = delete;
@@ -49,7 +50,7 @@ private:
     U32 signals = 0;
   };
 
-  void open(TransportChoice const& choice, std::string const& mapPath);
+  void open(TransportChoice const& choice, TarnRegFile::TransportMethodRegFile const& regFile);
   void failIfSignalled(U32 signalsBefore) const;
   void failIfNotRecorded(std::string const& regName) const;
   /// Dispatches the manager's completions until @p done, or fails at the manager's timeout.

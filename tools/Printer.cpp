@@ -20,7 +20,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 Json valueObject(RegisterValue const& entry) {
-  return Json{{"name", entry.reg->name}, {"address", entry.reg->number}, {"value", entry.value}};
+  return Json{{"name", std::string(entry.reg->name)}, {"address", entry.reg->number}, {"value", entry.value}};
 }
 
 // Register names are bytes as written in the map; one that is not UTF-8 must not
@@ -72,30 +72,30 @@ void Printer::registerValues(std::vector<RegisterValue> const& entries) const {
     line(render(array));
     return;
   }
-  size_t const width = nameColumnWidth(entries, [](RegisterValue const& e) -> std::string const& { return e.reg->name; });
+  size_t const width = nameColumnWidth(entries, [](RegisterValue const& e) { return e.reg->name; });
   line(fmt::format("{:<10}  {:<{}}  {}", "address", "name", width, "value"));
   for (auto const& entry : entries)
     line(fmt::format("{:#010x}  {:<{}}  {:#010x}", entry.reg->number, entry.reg->name, width, entry.value));
 }
 
-void Printer::registers(std::vector<TarnRegFile::Register const*> const& regs) const {
+void Printer::registers(std::vector<TarnRegFile::RegisterRef> const& regs) const {
   using TarnRegFile::Register;
   if (json_) {
     Json array = Json::array();
-    for (auto const* reg : regs)
-      array.push_back(Json{{"name", reg->name},
-                           {"address", reg->number},
-                           {"type", Register::regTypeToString(reg->type)},
-                           {"width", reg->width},
-                           {"writeable", reg->writeable}});
+    for (auto const& reg : regs)
+      array.push_back(Json{{"name", std::string(reg.name)},
+                           {"address", reg.number},
+                           {"type", Register::regTypeToString(reg.type)},
+                           {"width", reg.width},
+                           {"writeable", reg.writeable}});
     line(render(array));
     return;
   }
-  size_t const width = nameColumnWidth(regs, [](Register const* r) -> std::string const& { return r->name; });
+  size_t const width = nameColumnWidth(regs, [](TarnRegFile::RegisterRef const& r) { return r.name; });
   line(fmt::format("{:<10}  {:<{}}  {:<9}  {:>5}  {}", "address", "name", width, "type", "width", "access"));
-  for (auto const* reg : regs)
-    line(fmt::format("{:#010x}  {:<{}}  {:<9}  {:>5}  {}", reg->number, reg->name, width,
-                     Register::regTypeToString(reg->type), reg->width, reg->writeable ? "rw" : "ro"));
+  for (auto const& reg : regs)
+    line(fmt::format("{:#010x}  {:<{}}  {:<9}  {:>5}  {}", reg.number, reg.name, width,
+                     Register::regTypeToString(reg.type), reg.width, reg.writeable ? "rw" : "ro"));
 }
 
 void Printer::lookup(U32 address, std::string const& name) const {

@@ -15,7 +15,7 @@ namespace Tarnreg {
 
 /// @brief A register with the value read from it.
 struct RegisterValue {
-  TarnRegFile::Register const* reg;
+  TarnRegFile::RegisterRef const* reg;
   U32 value;
 };
 
@@ -45,7 +45,7 @@ public:
   /// @brief Every register with its value, in the given order (dump).
   void registerValues(std::vector<RegisterValue> const& entries) const;
   /// @brief Every register's description, in the given order (list).
-  void registers(std::vector<TarnRegFile::Register const*> const& regs) const;
+  void registers(std::vector<TarnRegFile::RegisterRef> const& regs) const;
   /// @brief The name found at an address (lookup).
   void lookup(U32 address, std::string const& name) const;
   /// @brief The entries of a shadow-field table, in the given order: address, start, size, value.

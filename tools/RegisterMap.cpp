@@ -23,22 +23,21 @@ RegisterMap::RegisterMap(std::string path, U8 addrBlockSize) : path_(std::move(p
     throw ToolError::failure(fmt::format("map {}, line {}: {}", path_, e.line(), e.what()));
   }
   sorted_.reserve(file_->size());
-  for (auto const& entry : file_->registers()) sorted_.push_back(&entry.second);
+  file_->forEachRegister([&](TarnRegFile::RegisterRef const& reg) { sorted_.push_back(reg); });
   TarnRegFile::Utils::sortByAddress(sorted_);
 }
 
-TarnRegFile::Register const& RegisterMap::find(std::string_view name) const {
+TarnRegFile::RegisterRef RegisterMap::find(std::string_view name) const {
   if (!file_->hasRegName(name))
     throw ToolError::failure(fmt::format("no register '{}' in map {}", name, path_));
   return file_->findRegisterByName(name);
 }
 
-std::string const& RegisterMap::nameAt(U32 address) const {
-  auto const& names = file_->namesByAddress();
-  auto const it = names.find(address);
-  if (it == names.end())
+std::string RegisterMap::nameAt(U32 address) const {
+  char const* const name = file_->nameAt(address);
+  if (name == nullptr)
     throw ToolError::failure(fmt::format("no register at address {:#x} in map {}", address, path_));
-  return it->second;
+  return name;
 }
 
 }  // namespace Tarnreg

@@ -24,18 +24,20 @@ public:
   /// @brief The map's file path, as given.
   std::string const& path() const noexcept { return path_; }
   /// @brief Every register reachable by name, sorted by address, then by name.
-  std::vector<TarnRegFile::Register const*> const& byAddress() const noexcept { return sorted_; }
+  std::vector<TarnRegFile::RegisterRef> const& byAddress() const noexcept { return sorted_; }
   /// @brief The register called @p name.
   /// @throws ToolError (failure) "no register '<name>' in map <path>".
-  TarnRegFile::Register const& find(std::string_view name) const;
+  TarnRegFile::RegisterRef find(std::string_view name) const;
   /// @brief The name the map gives byte address @p address (the first line that claims it).
   /// @throws ToolError (failure) "no register at address <hex> in map <path>".
-  std::string const& nameAt(U32 address) const;
+  std::string nameAt(U32 address) const;
+  /// @brief The loaded map.
+  TarnRegFile::RegisterFile const& file() const noexcept { return *file_; }
 
 private:
   std::string path_;
   std::unique_ptr<TarnRegFile::RegisterFile const> file_;
-  std::vector<TarnRegFile::Register const*> sorted_;
+  std::vector<TarnRegFile::RegisterRef> sorted_;
 };
 
 }  // namespace Tarnreg

@@ -11,7 +11,7 @@ int main(int argc, char** argv) {
   }
   try {
     TarnRegFile::RegisterFile map(argv[1], 4);
-    auto const& scratch = map.findRegisterByName("scratch");
+    auto const scratch = map.findRegisterByName("scratch");
     std::string const back = map.findRegNameByAddr(scratch.number);
     std::printf("%s (%u bits) at 0x%x -> %s\n", static_cast<std::string>(scratch).c_str(), scratch.width,
                 scratch.number, back.c_str());
