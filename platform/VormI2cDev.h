@@ -37,6 +37,7 @@
 /// EBUSY); plain I2C transfers carry the address in each message.
 
 #include "Export.h"
+#include "Fd.h"
 #include "Types.h"
 #include "Vorm.h"
 
@@ -112,7 +113,7 @@ private:
   VormOutcome smbusTransfer(VormTransfer& t) noexcept;
 
   std::string devNode_;
-  int fd_ = -1;
+  Kiv::Fd fd_;
   unsigned long functions_ = 0;
   Mode mode_ = Mode::i2cTransfer;
   int peripheral_ = -1;  // set with I2C_SLAVE on the descriptor (SMBus mode; worker only)
