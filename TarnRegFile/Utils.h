@@ -2,10 +2,10 @@
 /// @file Utils.h
 /// @brief Small text and Linux system helpers shared by the register-map loader and the transports.
 
-#include "Export.h"
-#include "Fd.h"
-#include "FileLock.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/FileLock.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstdint>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "Fd.h"
+#include "TarnRegFile/platform/Fd.h"
 
 #include <cerrno>
 #include <utility>

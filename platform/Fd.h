@@ -3,7 +3,7 @@
 /// @brief The owner of one file descriptor: every descriptor the library opens is held by one,
 /// so that no error path has to remember to close it.
 
-#include "Export.h"
+#include "TarnRegFile/platform/Export.h"
 
 namespace Kiv {
 

@@ -1,4 +1,4 @@
-#include "FileLock.h"
+#include "TarnRegFile/platform/FileLock.h"
 
 #include <cerrno>
 

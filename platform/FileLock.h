@@ -2,7 +2,7 @@
 /// @file FileLock.h
 /// @brief A flock() advisory lock held on a descriptor it does not own, released when it is destroyed.
 
-#include "Export.h"
+#include "TarnRegFile/platform/Export.h"
 
 namespace Kiv {
 

@@ -1,4 +1,4 @@
-#include "MemoryMap.h"
+#include "TarnRegFile/platform/MemoryMap.h"
 
 #include <cerrno>
 

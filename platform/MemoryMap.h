@@ -2,7 +2,7 @@
 /// @file MemoryMap.h
 /// @brief A shared mapping of a file, unmapped when its owner is destroyed.
 
-#include "Export.h"
+#include "TarnRegFile/platform/Export.h"
 
 #include <cstddef>
 

@@ -1,8 +1,8 @@
-#include "PciDov.h"
+#include "TarnRegFile/platform/PciDov.h"
 
-#include "Fd.h"
-#include "SigbusGuard.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

@@ -28,10 +28,10 @@
 /// is the owner's statement about the device, and the mapping stays valid until
 /// the object dies.
 
-#include "Export.h"
-#include "KivPtr.h"
-#include "MemoryMap.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/MemoryMap.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <string>

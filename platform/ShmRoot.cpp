@@ -1,6 +1,6 @@
-#include "ShmRoot.h"
+#include "TarnRegFile/platform/ShmRoot.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

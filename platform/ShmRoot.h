@@ -15,9 +15,9 @@
 /// the owner asks for group access. A directory that everybody may write to is
 /// refused: anyone could plant entries in it.
 
-#include "Export.h"
-#include "Fd.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <string>
 #include <string_view>

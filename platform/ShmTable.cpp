@@ -1,8 +1,8 @@
-#include "ShmTable.h"
+#include "TarnRegFile/platform/ShmTable.h"
 
-#include "ShmTableFile.h"
-#include "ShmTableLayout.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/ShmTableFile.h"
+#include "TarnRegFile/platform/ShmTableLayout.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

@@ -77,9 +77,9 @@
 /// a process holds it: descriptor, writer lock, mapping, header checks) and
 /// ShmTableLayout.h (the byte layout and its word accessors).
 
-#include "Export.h"
-#include "ShmRoot.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/ShmRoot.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <memory>

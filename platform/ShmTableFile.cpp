@@ -1,6 +1,6 @@
-#include "ShmTableFile.h"
+#include "TarnRegFile/platform/ShmTableFile.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

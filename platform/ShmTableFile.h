@@ -5,10 +5,10 @@
 /// existing one (checking every header field before anything else is read) and taking the writer
 /// lock live here; the write and read protocol over the mapped words lives in ShmTable.cpp. Not installed.
 
-#include "Fd.h"
-#include "FileLock.h"
-#include "MemoryMap.h"
-#include "ShmTableLayout.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/FileLock.h"
+#include "TarnRegFile/platform/MemoryMap.h"
+#include "TarnRegFile/platform/ShmTableLayout.h"
 
 #include <memory>
 #include <string>

@@ -1,4 +1,4 @@
-#include "ShmTableLayout.h"
+#include "TarnRegFile/platform/ShmTableLayout.h"
 
 #include <algorithm>
 

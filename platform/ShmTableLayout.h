@@ -4,7 +4,7 @@
 /// word-level accessors every process uses on it. ShmTable.h describes the protocol these words carry;
 /// docs/shared-memory.md has the byte map. Not installed.
 
-#include "ShmTable.h"
+#include "TarnRegFile/platform/ShmTable.h"
 
 #include <atomic>
 #include <bit>

@@ -1,9 +1,9 @@
-#include "Vorm.h"
+#include "TarnRegFile/platform/Vorm.h"
 
-#include "Assert.h"
-#include "Fd.h"
-#include "KivException.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

@@ -1,7 +1,7 @@
-#include "VormI2cDev.h"
+#include "TarnRegFile/platform/VormI2cDev.h"
 
-#include "FileLock.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/FileLock.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

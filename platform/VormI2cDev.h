@@ -36,10 +36,10 @@
 /// variant: an address that a kernel driver has claimed fails the request with
 /// EBUSY); plain I2C transfers carry the address in each message.
 
-#include "Export.h"
-#include "Fd.h"
-#include "Types.h"
-#include "Vorm.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/Types.h"
+#include "TarnRegFile/platform/Vorm.h"
 
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
