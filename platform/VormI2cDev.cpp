@@ -1,4 +1,5 @@
 #include "TarnRegFile/platform/VormI2cDev.h"
+#include "TarnRegFile/platform/VormI2cWire.h"
 
 #include "TarnRegFile/platform/FileLock.h"
 #include "TarnRegFile/platform/Trace.h"

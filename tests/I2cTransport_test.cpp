@@ -24,6 +24,7 @@
 
 #include <fcntl.h>
 #include <linux/i2c-dev.h>
+#include <linux/i2c.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>

@@ -7,6 +7,7 @@
 #include "TarnRegFile/platform/KivException.h"
 #include "TarnRegFile/platform/Vorm.h"
 #include "TarnRegFile/platform/VormI2cDev.h"
+#include "TarnRegFile/platform/VormI2cWire.h"
 #include "TarnRegFile/platform/VormSim.h"
 
 #include <gmock/gmock.h>
