@@ -11,9 +11,11 @@
 ///
 /// The tree is walked one component at a time with openat(O_NOFOLLOW), so a
 /// symbolic link planted anywhere below the root is refused instead of
-/// followed. Directories are created 0700 and files 0600, or 0750 and 0660 when
-/// the owner asks for group access. A directory that everybody may write to is
-/// refused: anyone could plant entries in it.
+/// followed; so is a root that is a link, with or without a trailing slash.
+/// Directories are created 0700 and files 0600, or 0750 and 0660 when the owner
+/// asks for group access. A directory that everybody may write to is refused, and
+/// so is one (the root included) owned by anyone but this effective user or root:
+/// its owner could move entries away and plant tables the process would trust.
 
 #include "TarnRegFile/platform/Export.h"
 #include "TarnRegFile/platform/Fd.h"
@@ -89,6 +91,7 @@ public:
   static unsigned dirMode(GroupMode group) noexcept { return group == GroupMode::Group ? 0750u : 0700u; }
 
 private:
+  std::string openPath(std::string_view path) const;
   Fd openRoot(bool create, GroupMode group, std::string_view path) const;
   Fd openDirAt(int parent, std::string const& name, bool create, GroupMode group, std::string_view path) const;
 
