@@ -2,6 +2,7 @@
 
 #include "TarnRegFile/platform/ShmTableFile.h"
 #include "TarnRegFile/platform/ShmTableLayout.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
 #include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
@@ -193,11 +194,29 @@ void Table::adopt(std::shared_ptr<Mapping> map) const {
   seed_ = map_->seed;
 }
 
-Table::Mapping const& Table::current() const {
-  if (loadAcquire(map_->header().retired) != 0) [[unlikely]]
+// Every read of the mapping goes through here. Another process may cut the file short under
+// the mapping (truncate it); the first load past the new end raises SIGBUS, which the guard
+// turns into the corruption error instead of the death of the reader. A rebuilt table is
+// followed first, outside the guard: reopening allocates and owns descriptors.
+template <class F>
+void Table::guardedRead(F&& op) const {
+  bool retired = false;
+  bool const whole = SigbusGuard::run([&] {
+    if (loadAcquire(map_->header().retired) != 0) [[unlikely]]
+      retired = true;
+    else
+      op(std::as_const(*map_));
+  });
+  if (!whole) [[unlikely]]
+    cutShort();
+  if (retired) [[unlikely]] {
     followReplacement();
-  return *map_;
+    if (!SigbusGuard::run([&] { op(std::as_const(*map_)); }))
+      cutShort();
+  }
 }
+
+void Table::cutShort() const { throwCorrupt(path_, "its file was cut short while being read (bus error)"); }
 
 void Table::followReplacement() const {
   if (writer_)
@@ -437,11 +456,13 @@ bool Table::remove(std::byte const* key, U32 hash) {
 }
 
 bool Table::lookup(std::byte const* key, U32 hash, std::byte* out) const {
-  return probe(current(), key, hash, out).found;
+  bool found = false;
+  guardedRead([&](Mapping const& map) { found = probe(map, key, hash, out).found; });
+  return found;
 }
 
 Table::Cursor Table::first() const {
-  current();
+  guardedRead([](Mapping const&) {});
   Cursor cursor;
   cursor.map_ = map_;
   return cursor;
@@ -450,28 +471,44 @@ Table::Cursor Table::first() const {
 bool Table::next(Cursor& cursor, std::byte* out) const {
   if (!cursor.map_)
     return false;
-  Mapping const& map = *cursor.map_;
-  while (cursor.bucket_ < map.geo.bucketCount) {
-    if (readEntry(map, cursor.bucket_++, out).state == kUsed)
-      return true;
-  }
-  return false;
+  Mapping const& map = *cursor.map_;  // the file the cursor started on, retired or not
+  bool found = false;
+  if (!SigbusGuard::run([&] {
+        while (!found && cursor.bucket_ < map.geo.bucketCount)
+          found = readEntry(map, cursor.bucket_++, out).state == kUsed;
+      })) [[unlikely]]
+    cutShort();
+  return found;
 }
 
 U32 Table::size() const {
-  Mapping const& map = current();
-  U32 const size = loadAcquire(map.header().size);
-  U32 const capacity = map.capacity();  // read second: it only grows, so a sound table never fails this
+  U32 size = 0, capacity = 0;
+  guardedRead([&](Mapping const& map) {
+    size = loadAcquire(map.header().size);
+    capacity = map.capacity();  // read second: it only grows, so a sound table never fails this
+  });
   if (size > capacity)
     throwCorrupt(path_, fmt::format("entry count {} exceeds the capacity {}", size, capacity));
   return size;
 }
 
-U32 Table::capacity() const { return current().capacity(); }
+U32 Table::capacity() const {
+  U32 capacity = 0;
+  guardedRead([&](Mapping const& map) { capacity = map.capacity(); });
+  return capacity;
+}
 
-U32 Table::bucketCount() const { return current().geo.bucketCount; }
+U32 Table::bucketCount() const {
+  U32 buckets = 0;
+  guardedRead([&](Mapping const& map) { buckets = map.geo.bucketCount; });
+  return buckets;
+}
 
-U32 Table::changeCounter() const { return loadAcquire(current().header().changeCounter); }
+U32 Table::changeCounter() const {
+  U32 counter = 0;
+  guardedRead([&](Mapping const& map) { counter = loadAcquire(map.header().changeCounter); });
+  return counter;
+}
 
 U32 Table::valueSize() const noexcept { return map_->geo.valueSize; }
 

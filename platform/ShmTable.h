@@ -33,7 +33,10 @@
 /// progress and the read is retried (bounded, yielding after a few tries).
 /// Anything else (a check that does not match, an unknown state, an odd seq
 /// the journal does not explain) is damage and raises CorruptionException.
-/// Readers map the file read-only and take no lock.
+/// Readers map the file read-only and take no lock. A file cut short under a
+/// reader's mapping (another process truncated it) is damage too: every read runs
+/// under the SIGBUS guard (SigbusGuard.h), which turns the bus error into
+/// CorruptionException; the process installs the guard's handler on its first read.
 ///
 /// The check word is a mix of the bucket index, seq, state, hash and data
 /// words; each mixing step is a bijection, so any damage confined to one word
@@ -217,7 +220,9 @@ private:
   void rebuild(U32 bucketCount);
 
   void adopt(std::shared_ptr<Mapping> map) const;
-  Mapping const& current() const;
+  template <class F>
+  void guardedRead(F&& op) const;
+  [[noreturn]] void cutShort() const;
   void followReplacement() const;
   Entry readEntry(Mapping const& map, U32 bucket, std::byte* out) const;
   Probe probe(Mapping const& map, std::byte const* key, U32 hash, std::byte* buffer) const;
