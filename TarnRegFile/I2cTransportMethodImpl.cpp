@@ -1,7 +1,7 @@
 #include "TarnRegFile/I2cTransportMethodImpl.h"
 
-#include "Assert.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include "TarnRegFile/TransportMethod.h"
 
@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <linux/i2c-dev.h>
+#include <linux/i2c.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -117,6 +118,9 @@ int smbusTransfer(int fd, SmbusRequest& request) {
 
 }  // namespace
 
+// The register value from the bytes a block read returned (elements 1..4): the bytes beyond the
+// register's width are cleared from the last received, then the first byte received becomes the
+// most significant.
 uint32_t blockReadValue(i2c_smbus_data const& data, HardwareRegister const& reg) noexcept {
   uint32_t const received = uint32_t(data.block[1]) | uint32_t(data.block[2]) << 8 | uint32_t(data.block[3]) << 16 |
                       uint32_t(data.block[4]) << 24;
@@ -149,6 +153,8 @@ void writeDataBlock(int fd, HardwareRegister const& reg, uint32_t value) {
                 reg, TransportOperation::Write);
 }
 
+// One SMBus transfer of @p size at the 8-bit register @p address; throws "Register address <addr> is
+// out of range!" (before any I/O) above 0xff, "I2C word <read|write> from address <addr> failed: <reason>".
 void dataWordAccess(int fd, uint32_t address, uint8_t readWrite, uint32_t size, i2c_smbus_data& data) {
   TransportOperation const op = readWrite != 0 ? TransportOperation::Read : TransportOperation::Write;
   if (address >= kWordAddressLimit)

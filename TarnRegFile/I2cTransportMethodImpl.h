@@ -16,15 +16,13 @@
 /// small table of functions (I2cBusOps) chosen once, when the transport is built; the
 /// core resolves names and checks widths before either function is called.
 
-#include "Export.h"
-#include "HardwareRegisterFile.h"
-#include "KivPtr.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/HardwareRegisterFile.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include "TarnRegFile/BaseTransportMethodImpl.h"
 #include "TarnRegFile/Utils.h"
-
-#include <linux/i2c.h>
 
 #include <cstdint>
 
@@ -51,16 +49,6 @@ TARN_API void writeDataBlock(int fd, HardwareRegister const& reg, uint32_t value
 TARN_API uint32_t readDataWord(int fd, HardwareRegister const& reg);
 /// @brief Writes the low 16 bits of @p value as one SMBus word (8-bit address).
 TARN_API void writeDataWord(int fd, HardwareRegister const& reg, uint32_t value);
-/// @brief One SMBus transfer of @p size at the 8-bit register @p address.
-/// @throws std::runtime_error "Register address <addr> is out of range!" (before any I/O) for
-///         an address above 0xff, "I2C word <read|write> from address <addr> failed: <reason>".
-TARN_API void dataWordAccess(int fd, uint32_t address, uint8_t readWrite, uint32_t size, i2c_smbus_data& data);
-
-/// @brief The register value from the bytes a block read returned (elements 1..4): the bytes
-/// beyond the register's width are cleared from the last received, then the first byte
-/// received becomes the most significant. Not part of the library's interface.
-uint32_t blockReadValue(i2c_smbus_data const& data, HardwareRegister const& reg) noexcept;
-
 }  // namespace i2cflavspec
 
 /// @brief What a flavour is: the address block size of its register map and its two accesses.

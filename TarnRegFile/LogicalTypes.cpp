@@ -1,9 +1,9 @@
 #include "TarnRegFile/LogicalTypes.h"
 
-#include "Assert.h"
-#include "KivException.h"
-#include "KivHash.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/KivHash.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <cstring>
 

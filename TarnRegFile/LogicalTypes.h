@@ -6,13 +6,13 @@
 /// const* const& end). Two `char const*` variables passed to a name constructor
 /// select that parser, so pass names as Kiv::String (literals are fine).
 
-#include "Export.h"
-#include "KivCollection.h"
-#include "KivHash.h"
-#include "KivString.h"
-#include "KivValue.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivCollection.h"
+#include "TarnRegFile/platform/KivHash.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/KivValue.h"
 #include "TarnRegFile/NameTypes.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <fmt/format.h>

@@ -19,10 +19,10 @@
 /// when rewriting; the access succeeds, and dumpErrno() says why the file was
 /// not written.
 
-#include "Export.h"
-#include "HardwareRegisterFile.h"
-#include "KivPtr.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/HardwareRegisterFile.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include "TarnRegFile/BaseTransportMethodImpl.h"
 #include "TarnRegFile/TransportDescriptor.h"

@@ -1,7 +1,7 @@
 #include "TarnRegFile/NameTypes.h"
 
-#include "KivBits.h"
-#include "KivException.h"
+#include "TarnRegFile/platform/KivBits.h"
+#include "TarnRegFile/platform/KivException.h"
 
 namespace TarnRegFile {
 

@@ -10,10 +10,10 @@
 /// const* const& end). Two `char const*` variables passed to a name constructor
 /// select that parser, so pass names as Kiv::String (literals are fine).
 
-#include "Export.h"
-#include "KivString.h"
-#include "KivValue.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/KivValue.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <functional>

@@ -9,11 +9,11 @@
 /// Every type has the runtime's text-parsing constructor (char const*& pos, char
 /// const* const& end).
 
-#include "Export.h"
-#include "KivString.h"
-#include "KivValue.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/KivValue.h"
 #include "TarnRegFile/NameTypes.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <functional>

@@ -24,8 +24,8 @@
 /// Names never contain a NUL byte (the loader and the model refuse one), so the NUL
 /// after each name makes `Entry::name()` a C string that outlives every lookup.
 
-#include "Export.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <cstring>

@@ -6,9 +6,9 @@
 /// publishes one `HardwareRegisterFile` per chip; the library's register-file
 /// helper answers lookups from it exactly as from a CSV map.
 
-#include "Export.h"
-#include "KivEntity.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include "TarnRegFile/RegisterIndex.h"
 

@@ -2,7 +2,7 @@
 /// @file KivBits.h
 /// @brief Bit widths: the mask of a width and the check of a field width.
 
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 namespace Kiv {
 

@@ -1,4 +1,4 @@
-#include "KivEntity.h"
+#include "TarnRegFile/platform/KivEntity.h"
 
 #include <fmt/format.h>
 

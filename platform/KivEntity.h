@@ -22,10 +22,10 @@
 /// a state machine's last reference goes, `retireReactors()` runs before it is
 /// destroyed, so that no notification reaches an object half torn down.
 
-#include "Export.h"
-#include "KivPtr.h"
-#include "KivNotifierList.h"
-#include "KivString.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/KivNotifierList.h"
+#include "TarnRegFile/platform/KivString.h"
 
 #include <string>
 

@@ -1,6 +1,6 @@
-#include "KivGeneric.h"
+#include "TarnRegFile/platform/KivGeneric.h"
 
-#include "KivNumber.h"
+#include "TarnRegFile/platform/KivNumber.h"
 
 #include <fmt/format.h>
 

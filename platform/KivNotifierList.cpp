@@ -1,6 +1,6 @@
-#include "KivNotifierList.h"
+#include "TarnRegFile/platform/KivNotifierList.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 namespace Kiv {
 

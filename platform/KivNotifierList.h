@@ -13,8 +13,8 @@
 /// first exception propagates; later ones are traced with the notifier's
 /// description and dropped. The bookkeeping is restored however the delivery ends.
 
-#include "Export.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -7,7 +7,7 @@
 /// its digits here and adds only its own syntax around them (prefixes, signs,
 /// white space) and its own error texts.
 
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <optional>

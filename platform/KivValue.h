@@ -26,10 +26,10 @@
 ///
 /// The base is empty: a type keeps its layout (and stays trivially copyable) with it.
 
-#include "KivHash.h"
-#include "KivString.h"
-#include "KivValueText.h"
-#include "Types.h"
+#include "TarnRegFile/platform/KivHash.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/KivValueText.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <fmt/format.h>
 

@@ -1,6 +1,6 @@
-#include "KivValueText.h"
+#include "TarnRegFile/platform/KivValueText.h"
 
-#include "KivNumber.h"
+#include "TarnRegFile/platform/KivNumber.h"
 
 #include <fmt/format.h>
 

@@ -1,6 +1,6 @@
-#include "ShmRoot.h"
+#include "TarnRegFile/platform/ShmRoot.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 
@@ -10,6 +10,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,7 +39,18 @@ Kiv::TraceHandle kTrace("Shm/Root");
   throwErrno(path, what, name, error);
 }
 
-/// Refuses a directory that anybody may plant entries in.
+/// "name (uid N)", or "uid N" for a user the system does not know.
+std::string describeUser(uid_t uid) {
+  char buffer[1024];
+  passwd entry {};
+  passwd* found = nullptr;
+  if (::getpwuid_r(uid, &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr)
+    return fmt::format("{} (uid {})", found->pw_name, uid);
+  return fmt::format("uid {}", uid);
+}
+
+/// Refuses a directory that anybody may plant entries in, and one that another unprivileged
+/// user owns: its owner could move what we create away and plant tables we would trust.
 void checkDirectory(int fd, std::string_view path, std::string_view name) {
   struct stat st {};
   if (::fstat(fd, &st) != 0)
@@ -46,27 +58,37 @@ void checkDirectory(int fd, std::string_view path, std::string_view name) {
   if (st.st_mode & S_IWOTH)
     throw std::runtime_error(fmt::format(
         "shared-memory path '{}': directory '{}' is writable by everyone; refusing to use it", path, name));
+  if (st.st_uid != ::geteuid() && st.st_uid != 0)
+    throw std::runtime_error(
+        fmt::format("shared-memory path '{}': directory '{}' is owned by {}, neither this user nor root; "
+                    "refusing to use it",
+                    path, name, describeUser(st.st_uid)));
+}
+
+/// The root directory as it is opened: without trailing slashes, which would make the kernel
+/// follow a symbolic link in its last component despite O_NOFOLLOW.
+std::string rootPathOf(std::string const& dir) {
+  std::string path = dir;
+  while (path.size() > 1 && path.back() == '/')
+    path.pop_back();
+  return path;
 }
 
 }  // namespace
 
-Fd& Fd::operator=(Fd&& other) noexcept {
-  if (this != &other) {
-    reset();
-    fd_ = other.release();
-  }
-  return *this;
-}
-
-int Fd::release() noexcept { return std::exchange(fd_, -1); }
-
-void Fd::reset() noexcept {
-  if (fd_ >= 0)
-    ::close(fd_);
-  fd_ = -1;
-}
-
 Root::Root(std::string dir) : dir_(std::move(dir)) {}
+
+std::string Root::openPath(std::string_view path) const {
+  std::string const opened = rootPathOf(dir_);
+  std::size_t const slash = opened.rfind('/');
+  std::string_view const last = slash == std::string::npos ? std::string_view(opened)
+                                                           : std::string_view(opened).substr(slash + 1);
+  // "." or ".." would be resolved through whatever the component before it is, a link included.
+  if (last == "." || last == "..")
+    throw std::runtime_error(fmt::format("shared-memory path '{}': root '{}' ends in '{}'; name the directory itself",
+                                         path, dir_, last));
+  return opened;
+}
 
 void Root::validatePath(std::string_view path) {
   auto fail = [&](std::string_view why) {
@@ -100,19 +122,20 @@ void Root::validatePath(std::string_view path) {
 
 Fd Root::openRoot(bool create, GroupMode group, std::string_view path) const {
   int const flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-  Fd fd(::open(dir_.c_str(), flags));
+  std::string const dir = openPath(path);
+  Fd fd(::open(dir.c_str(), flags));
   bool created = false;
   if (!fd && errno == ENOENT && create) {
-    if (::mkdir(dir_.c_str(), dirMode(group)) == 0)
+    if (::mkdir(dir.c_str(), dirMode(group)) == 0)
       created = true;
     else if (errno != EEXIST)
       throwErrno(path, "create root directory", dir_, errno);
-    fd = Fd(::open(dir_.c_str(), flags));
+    fd = Fd(::open(dir.c_str(), flags));
   }
   if (!fd) {
     if (errno == ENOENT)
       return Fd();
-    throwOpenFailure(AT_FDCWD, path, dir_, "open root directory", errno);
+    throwOpenFailure(AT_FDCWD, path, dir, "open root directory", errno);
   }
   if (created) {
     ::fchmod(fd.get(), dirMode(group));  // exact mode whatever the umask

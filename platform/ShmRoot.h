@@ -11,12 +11,15 @@
 ///
 /// The tree is walked one component at a time with openat(O_NOFOLLOW), so a
 /// symbolic link planted anywhere below the root is refused instead of
-/// followed. Directories are created 0700 and files 0600, or 0750 and 0660 when
-/// the owner asks for group access. A directory that everybody may write to is
-/// refused: anyone could plant entries in it.
+/// followed; so is a root that is a link, with or without a trailing slash.
+/// Directories are created 0700 and files 0600, or 0750 and 0660 when the owner
+/// asks for group access. A directory that everybody may write to is refused, and
+/// so is one (the root included) owned by anyone but this effective user or root:
+/// its owner could move entries away and plant tables the process would trust.
 
-#include "Export.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <string>
 #include <string_view>
@@ -27,30 +30,6 @@ namespace Kiv::Shm {
 enum class GroupMode : U8 {
   Private,  ///< files 0600, directories 0700
   Group,    ///< files 0660, directories 0750
-};
-
-/// @brief Owns one file descriptor and closes it on destruction.
-class TARN_API Fd {
-public:
-  Fd() = default;
-  explicit Fd(int fd) noexcept : fd_(fd) {}
-  ~Fd() { reset(); }
-  Fd(Fd&& other) noexcept : fd_(other.release()) {}
-  Fd& operator=(Fd&& other) noexcept;
-  Fd(Fd const&) = delete;
-  Fd& operator=(Fd const&) = delete;
-
-  /// @brief The descriptor, or -1.
-  int get() const noexcept { return fd_; }
-  /// @brief True when a descriptor is held.
-  explicit operator bool() const noexcept { return fd_ >= 0; }
-  /// @brief Gives the descriptor up without closing it.
-  int release() noexcept;
-  /// @brief Closes the held descriptor, if any.
-  void reset() noexcept;
-
-private:
-  int fd_ = -1;
 };
 
 /// @brief A root directory of shared-memory tables.
@@ -112,6 +91,7 @@ public:
   static unsigned dirMode(GroupMode group) noexcept { return group == GroupMode::Group ? 0750u : 0700u; }
 
 private:
+  std::string openPath(std::string_view path) const;
   Fd openRoot(bool create, GroupMode group, std::string_view path) const;
   Fd openDirAt(int parent, std::string const& name, bool create, GroupMode group, std::string_view path) const;
 

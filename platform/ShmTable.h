@@ -33,7 +33,10 @@
 /// progress and the read is retried (bounded, yielding after a few tries).
 /// Anything else (a check that does not match, an unknown state, an odd seq
 /// the journal does not explain) is damage and raises CorruptionException.
-/// Readers map the file read-only and take no lock.
+/// Readers map the file read-only and take no lock. A file cut short under a
+/// reader's mapping (another process truncated it) is damage too: every read runs
+/// under the SIGBUS guard (SigbusGuard.h), which turns the bus error into
+/// CorruptionException; the process installs the guard's handler on its first read.
 ///
 /// The check word is a mix of the bucket index, seq, state, hash and data
 /// words; each mixing step is a bijection, so any damage confined to one word
@@ -72,10 +75,14 @@
 /// mutable state). A Table object belongs to one thread at a time, const or
 /// not; share the table between threads by giving each its own reader object.
 /// Do not fork a writer: the child would share its lock.
+///
+/// Three units: this one (the write and read protocol), ShmTableFile.h (a file as
+/// a process holds it: descriptor, writer lock, mapping, header checks) and
+/// ShmTableLayout.h (the byte layout and its word accessors).
 
-#include "Export.h"
-#include "ShmRoot.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/ShmRoot.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <memory>
@@ -85,6 +92,8 @@
 #include <vector>
 
 namespace Kiv::Shm {
+
+class TableFile;
 
 /// @brief A table was found inconsistent: damaged or not a table of this layout.
 class TARN_API CorruptionException : public std::runtime_error {
@@ -103,7 +112,7 @@ struct TableSpec {
 };
 
 class TARN_API Table {
-  struct Mapping;
+  using Mapping = TableFile;  ///< one mapped file (ShmTableFile.h)
 
 public:
   static constexpr U32 kHeaderBytes = 128;
@@ -205,16 +214,15 @@ private:
 
   Table(Root root, std::string_view path, GroupMode group, bool writer);
 
-  static std::shared_ptr<Mapping> createFile(Root const& root, Root::Place const& where, GroupMode group,
-                                             TableSpec shape, U32 bucketCount, U32 seed);
-  static std::shared_ptr<Mapping> mapFile(Fd fd, bool writable, std::string const& path);
   void attach(TableSpec shape, Root::Place const& where);
   bool replayJournal(Mapping& map);
   void limitIs(TableSpec shape);
   void rebuild(U32 bucketCount);
 
   void adopt(std::shared_ptr<Mapping> map) const;
-  Mapping const& current() const;
+  template <class F>
+  void guardedRead(F&& op) const;
+  [[noreturn]] void cutShort() const;
   void followReplacement() const;
   Entry readEntry(Mapping const& map, U32 bucket, std::byte* out) const;
   Probe probe(Mapping const& map, std::byte const* key, U32 hash, std::byte* buffer) const;

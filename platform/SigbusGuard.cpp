@@ -1,4 +1,4 @@
-#include "SigbusGuard.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
 
 #include <atomic>
 #include <cerrno>
@@ -39,9 +39,7 @@ SigbusException::SigbusException() : std::runtime_error("Caught SIGBUS") {}
 namespace SigbusGuard {
 namespace {
 
-struct JumpTarget {
-  sigjmp_buf env;
-};
+using detail::JumpTarget;
 
 // The guarded access in progress on this thread, or null outside one.
 [[gnu::tls_model("initial-exec")]] thread_local JumpTarget* tArmed = nullptr;
@@ -183,6 +181,21 @@ U32 guardedRead32(U32 const volatile* addr) {
 void guardedWrite32(U32 volatile* addr, U32 value) {
   if (!tryWrite32(addr, value)) throwSigbus();
 }
+
+namespace detail {
+
+void arm(JumpTarget& target) noexcept {
+  target.outer = tArmed;
+  tArmed = &target;
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+void disarm(JumpTarget& target) noexcept {
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  tArmed = target.outer;
+}
+
+}  // namespace detail
 
 void autoHandlerInstallIs(bool on) noexcept { gAutoInstall.store(on, std::memory_order_relaxed); }
 

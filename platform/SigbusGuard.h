@@ -20,9 +20,10 @@
 /// buffer on the stack (no signal-mask syscall), two thread-local stores and the
 /// access itself.
 
-#include "Export.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Types.h"
 
+#include <csetjmp>
 #include <stdexcept>
 
 namespace Kiv {
@@ -59,6 +60,44 @@ TARN_API bool tryRead32(U32 const volatile* addr, U32& value);
 
 /// @brief Store that reports a bus error by returning false.
 TARN_API bool tryWrite32(U32 volatile* addr, U32 value);
+
+namespace detail {
+/// A guarded region in progress on this thread; regions nest.
+struct JumpTarget {
+  sigjmp_buf env;
+  JumpTarget* outer;
+};
+TARN_API void arm(JumpTarget& target) noexcept;
+TARN_API void disarm(JumpTarget& target) noexcept;
+}  // namespace detail
+
+/// @brief Runs @p body so that a bus error inside it abandons it and returns false instead of
+/// killing the process; true when it ran to its end. An exception from @p body passes through.
+///
+/// For readers of memory that another process may cut short (a shared file truncated under its
+/// mapping). A bus error jumps out of @p body: nothing it runs may own a resource, hold a lock
+/// or leave shared state half-changed while it touches the memory (plain loads and copies into
+/// caller buffers are fine). Cost on the success path: one sigsetjmp without the signal mask
+/// and two calls that swap a thread-local pointer.
+template <class F>
+bool run(F&& body) {
+  if (!initialized()) [[unlikely]]
+    init();
+  detail::JumpTarget target;
+  if (sigsetjmp(target.env, 0) != 0) [[unlikely]] {
+    detail::disarm(target);
+    return false;
+  }
+  detail::arm(target);
+  try {
+    body();
+  } catch (...) {
+    detail::disarm(target);
+    throw;
+  }
+  detail::disarm(target);
+  return true;
+}
 
 /// @brief Process-wide switch consulted by PCI access objects before they set up
 /// their own SIGBUS handling. On by default; a component that guards its accesses

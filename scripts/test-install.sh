@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
-# Installs each architecture's build into a temporary prefix and builds a program
-# outside the tree against it twice: through find_package(TarnRegFile) and through
-# pkg-config. Both programs must load a shipped register map.
+# Installs each architecture's build into a temporary prefix and checks that an outside
+# program needs nothing but the installed include directory, -ltarnregfile and fmt:
+#  - every installed header compiles on its own with -I<prefix>/include alone, and none
+#    reaches the kernel's <linux/i2c.h>;
+#  - the consumer (examples/consumer), which uses each exported family, is built through
+#    find_package(TarnRegFile), through pkg-config and by hand with just -I, -L, -ltarnregfile
+#    and -lfmt, and each build runs.
 set -eu
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -19,6 +23,19 @@ for preset in amd64 i386; do
     m32=(-m32)
     libarch=i386-linux-gnu
   fi
+  echo "-- $preset: every installed header on its own"
+  include="$prefix/include"
+  [ ! -e "$include/TarnRegFile/platform/ShmTableLayout.h" ] || { echo "table internals are installed"; exit 1; }
+  for header in $(cd "$include" && find TarnRegFile -name '*.h' | sort); do
+    printf '#include <%s>\n' "$header" |
+      g++-12 "${m32[@]}" -std=c++20 -fsyntax-only -H -I"$include" -x c++ - 2>"$work/deps" ||
+      { cat "$work/deps"; echo "$header does not compile with the installed include directory alone"; exit 1; }
+    if grep -q 'linux/i2c\.h' "$work/deps"; then
+      echo "$header reaches <linux/i2c.h>"
+      exit 1
+    fi
+  done
+
   echo "-- $preset: find_package consumer"
   cmake -S examples/consumer -B "$work/$preset/cmake-consumer" -G Ninja -DCMAKE_CXX_COMPILER=g++-12 \
     -DCMAKE_PREFIX_PATH="$prefix" "${toolchain[@]}" >/dev/null
@@ -32,6 +49,11 @@ for preset in amd64 i386; do
   # shellcheck disable=SC2086
   g++-12 "${m32[@]}" -o "$work/$preset/pc-consumer" examples/consumer/consumer.cpp $flags
   LD_LIBRARY_PATH="$libdir" "$work/$preset/pc-consumer" examples/maps/demo_chip.csv
+
+  echo "-- $preset: consumer with the include directory, -ltarnregfile and fmt only"
+  g++-12 "${m32[@]}" -std=c++20 -o "$work/$preset/bare-consumer" examples/consumer/consumer.cpp \
+    -I"$prefix/include" -L"$libdir" -ltarnregfile -lfmt
+  LD_LIBRARY_PATH="$libdir" "$work/$preset/bare-consumer" examples/maps/demo_chip.csv
   file "$work/$preset/pc-consumer" | grep -q "$([ "$preset" = i386 ] && echo 'ELF 32-bit' || echo 'ELF 64-bit')"
 done
 echo "install test: both architectures OK"

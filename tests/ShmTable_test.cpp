@@ -3,9 +3,9 @@
 // (also around a writer killed at random), damage detection, and tables
 // exchanged between i386 and amd64 processes.
 
-#include "ShmRoot.h"
-#include "ShmTable.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/ShmRoot.h"
+#include "TarnRegFile/platform/ShmTable.h"
+#include "TarnRegFile/platform/Trace.h"
 #include "helpers/ShmTestTraits.h"
 
 #include <fmt/format.h>
@@ -21,6 +21,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <optional>
 #include <random>
@@ -175,12 +176,31 @@ TEST_F(ShmTableTest, PlantedLinksAndWorldWritableDirectoriesAreRefused) {
     EXPECT_THAT(errorOf([&] { Table::openWriter(root(), path, shape(4)); }), HasSubstr("symbolic link"));
     EXPECT_THAT(errorOf([&] { Table::openReader(root(), path); }), HasSubstr("symbolic link"));
   }
-  EXPECT_THAT(errorOf([&] { Table::openWriter(Root(base_ + "/linkroot"), "t", shape(4)); }),
-              HasSubstr("symbolic link"));
+  // A trailing slash or "." would make the kernel follow the root's link despite O_NOFOLLOW.
+  for (char const* link : {"/linkroot", "/linkroot/", "/linkroot//", "/linkroot/."})
+    EXPECT_THAT(errorOf([&] { Table::openWriter(Root(base_ + link), "t", shape(4)); }),
+                ::testing::AnyOf(HasSubstr("symbolic link"), HasSubstr("ends in '.'")))
+        << link;
   EXPECT_TRUE(fs::is_empty(elsewhere));  // nothing was created through the links
+  EXPECT_NO_THROW(Table::openReader(Root(base_ + "/root/"), "real/t"));
 
   ASSERT_EQ(::chmod(file("real").c_str(), 0777), 0);
   EXPECT_THAT(errorOf([&] { Table::openReader(root(), "real/t"); }), HasSubstr("writable by everyone"));
+  ASSERT_EQ(::chmod(file("real").c_str(), 0700), 0);
+
+  // Another unprivileged user's directory, the root or one below it: its owner could swap what is in it.
+  if (::geteuid() != 0)
+    GTEST_SKIP() << "giving a directory to another user needs root";
+  for (std::string const& dir : {file("real"), base_ + "/root"}) {
+    ASSERT_EQ(::chown(dir.c_str(), 65534, 65534), 0);
+    for (auto const& what : {errorOf([&] { Table::openReader(root(), "real/t"); }),
+                             errorOf([&] { Table::openWriter(root(), "real/u", shape(4)); })}) {
+      EXPECT_THAT(what, HasSubstr("'" + (dir == file("real") ? std::string("real") : dir) + "' is owned by "));
+      EXPECT_THAT(what, HasSubstr("uid 65534"));
+    }
+    ASSERT_EQ(::chown(dir.c_str(), 0, 0), 0);
+  }
+  EXPECT_NO_THROW(Table::openReader(root(), "real/t"));  // root's own directories are fine
 }
 
 TEST_F(ShmTableTest, FilesAndDirectoriesGetNarrowModesWhateverTheUmask) {
@@ -585,6 +605,18 @@ TEST_F(ShmTableTest, DamageIsDetectedNeverServedAsData) {
     patch(path, 0, pristine.data(), pristine.size());
   }
   EXPECT_GT(detected, 3000u / 4);
+
+  // Cut short under mapped readers (another process truncating the file): each read is the
+  // corruption error, not the reader's death by SIGBUS.
+  Table reader = Table::openReader(root(), "damage/t");
+  Table::Cursor cursor = reader.first();
+  Bytes out;
+  ASSERT_TRUE(reader.next(cursor, out.data()));
+  ASSERT_EQ(::truncate(path.c_str(), 0), 0);
+  for (auto const& read : std::initializer_list<std::function<void()>>{
+           [&] { get(reader, 1); }, [&] { reader.next(cursor, out.data()); }, [&] { reader.size(); },
+           [&] { reader.changeCounter(); }, [&] { reader.first(); }})
+    EXPECT_THAT(errorOf(read), HasSubstr("table 'damage/t' is corrupt: its file was cut short"));
 
   ASSERT_EQ(::truncate(path.c_str(), 64), 0);  // not a table at all
   EXPECT_THAT(errorOf([&] { Table::openReader(root(), "damage/t"); }), HasSubstr("table 'damage/t' is corrupt"));

@@ -1,7 +1,7 @@
 // Real bus errors: a shared mapping of a file that is then truncated makes every
 // access past the new end of the file raise SIGBUS.
 
-#include "SigbusGuard.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -89,6 +89,16 @@ TEST(SigbusGuard, GuardedAccessesReachTheFileAndFaultsPastItsEndThrow) {
   EXPECT_FALSE(Guard::tryRead32(map.gone(1), value));
   EXPECT_EQ(0xabcdu, value) << "a failed load must leave the destination untouched";
   EXPECT_FALSE(Guard::tryWrite32(map.gone(1), 1u));
+
+  // A guarded region: abandoned at the fault, nested ones unwind to the right target, an
+  // exception passes through and leaves nothing armed (a later stray fault still kills).
+  U32 reached = 0;
+  EXPECT_FALSE(Guard::run([&] { reached = 1, reached += *map.gone(2); }));
+  EXPECT_EQ(1u, reached);
+  EXPECT_TRUE(Guard::run([&] { EXPECT_FALSE(Guard::run([&] { (void)*map.gone(); })); reached = *map.good(3); }));
+  EXPECT_EQ(0xcafef00du, reached);
+  EXPECT_THROW(Guard::run([] { throw std::out_of_range("x"); }), std::out_of_range);
+  EXPECT_DIES_OF_SIGBUS((deathTestChild(), (void)*map.gone(3)));
 }
 
 TEST(SigbusGuard, ThreadsSurviveThousandsOfFaultsEachAndKeepWorking) {

@@ -4,10 +4,11 @@
 // (I2cTransportVorm_test); the i2c-dev bus and its byte images are exercised against the
 // kernel's i2c-stub in tests/vm/Vorm_vmtest.cpp, here only its refusal of a non-adapter.
 
-#include "KivException.h"
-#include "Vorm.h"
-#include "VormI2cDev.h"
-#include "VormSim.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/Vorm.h"
+#include "TarnRegFile/platform/VormI2cDev.h"
+#include "TarnRegFile/platform/VormI2cWire.h"
+#include "TarnRegFile/platform/VormSim.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

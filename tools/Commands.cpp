@@ -1,7 +1,7 @@
 #include "Commands.h"
 
 #include "DeviceSession.h"
-#include "KivBits.h"
+#include "TarnRegFile/platform/KivBits.h"
 #include "Printer.h"
 #include "RegisterMap.h"
 #include "ShadowShow.h"

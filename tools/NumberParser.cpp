@@ -1,6 +1,6 @@
 #include "NumberParser.h"
 
-#include "KivNumber.h"
+#include "TarnRegFile/platform/KivNumber.h"
 
 namespace Tarnreg {
 

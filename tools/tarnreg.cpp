@@ -11,7 +11,7 @@
 #include "Printer.h"
 #include "ToolError.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

@@ -1,8 +1,8 @@
 #pragma once
 // Reading value texts back, and the range errors of value constructors, for the value-type tests.
 
-#include "KivException.h"
-#include "KivString.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/KivString.h"
 
 #include <gtest/gtest.h>
 
