@@ -5,8 +5,8 @@
 
 #include "helpers/ShmTestTraits.h"
 
-#include "ShmBell.h"
-#include "ShmWatch.h"
+#include "TarnRegFile/platform/ShmBell.h"
+#include "TarnRegFile/platform/ShmWatch.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 
 #include "TarnRegFile/SystemStatusShm.h"
 
-#include "ShmEntityManager.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
 
 #include <gtest/gtest.h>
 
