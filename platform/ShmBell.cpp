@@ -52,7 +52,7 @@ Fd openBellFile(Root const& root, Root::Place const& where, GroupMode group) {
     if (Fd fd = root.openFile(bell, true)) {
       if (isBell(fd.get()))
         return fd;
-      // Not ours, or damaged: a fresh bell replaces it (whoever watched the old one re-registers).
+      // Not ours, or damaged: a fresh bell replaces it (whoever watched the old one hears no more).
       kTrace.line(0, "shared-memory table '{}': replacing the unreadable bell file '{}'", where.path, bell.leaf);
       root.unlinkName(bell, bell.leaf);
       continue;
