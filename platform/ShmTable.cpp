@@ -69,6 +69,7 @@ Table Table::openWriter(Root const& root, std::string_view path, TableSpec shape
         continue;  // created by someone else meanwhile: attach to theirs
       table.adopt(std::move(fresh));
       table.scratch_.resize(shape.valueSize);
+      table.bell_ = Bell::attach(root, where, group);
       kTrace.line(1, "created shared-memory table '{}' (capacity {}, {} buckets of {} bytes)", path, shape.capacity,
                   table.map_->geo.bucketCount, table.map_->geo.bucketBytes);
       return table;
@@ -78,6 +79,7 @@ Table Table::openWriter(Root const& root, std::string_view path, TableSpec shape
       continue;  // replaced by a rebuild before we got the lock
     table.adopt(TableFile::open(std::move(fd), true, table.path_, std::move(lock)));
     table.attach(shape, where);
+    table.bell_ = Bell::attach(root, where, group);
     return table;
   }
   throw std::runtime_error(fmt::format("shared-memory table '{}' keeps being replaced; cannot attach as writer", path));
@@ -379,6 +381,7 @@ void Table::countChange() {
   Header& h = map_->header();
   storeRelaxed(h.size, used_);
   storeRelease(h.changeCounter, loadRelaxed(h.changeCounter) + 1);
+  bell_.ringIfWatched();
 }
 
 void Table::requireWriter(char const* operation) const {

@@ -76,11 +76,16 @@
 /// not; share the table between threads by giving each its own reader object.
 /// Do not fork a writer: the child would share its lock.
 ///
+/// Other processes learn of committed changes without polling through the
+/// table's bell (ShmBell.h, ShmWatch.h): the writer rings it after each change,
+/// at the cost of one load while nobody watches.
+///
 /// Three units: this one (the write and read protocol), ShmTableFile.h (a file as
 /// a process holds it: descriptor, writer lock, mapping, header checks) and
 /// ShmTableLayout.h (the byte layout and its word accessors).
 
 #include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/ShmBell.h"
 #include "TarnRegFile/platform/ShmRoot.h"
 #include "TarnRegFile/platform/Types.h"
 
@@ -242,6 +247,7 @@ private:
   U32 limit_ = 0;    ///< writer only: the capacity
   U32 ceiling_ = 0;  ///< writer only: the most buckets the capacity and the file limit allow
   std::vector<std::byte> scratch_;
+  Bell bell_;  ///< writer only: rings the table's watchers after each change (ShmBell.h)
 };
 
 }  // namespace Kiv::Shm

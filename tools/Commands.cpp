@@ -5,6 +5,8 @@
 #include "Printer.h"
 #include "RegisterMap.h"
 #include "ShadowShow.h"
+#include "ShadowWatch.h"
+#include "StatusCommand.h"
 
 #include <fmt/format.h>
 
@@ -51,6 +53,8 @@ public:
       case Command::Lookup: return printer_.lookup(options_.address, map().nameAt(options_.address));
       case Command::ShadowShow:
         return printer_.shadowEntries(readShadowEntries(options_.shadowRoot, options_.shadowPath));
+      case Command::ShadowWatch: return watchShadowTable(options_.shadowRoot, options_.shadowPath, printer_);
+      case Command::Status: return runStatusCommand(options_, printer_);
     }
   }
 
