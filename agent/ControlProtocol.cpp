@@ -2,6 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <cstdlib>
+
+#include <unistd.h>
+
 namespace TarnAgent {
 
 namespace {
@@ -59,6 +63,15 @@ ParsedRequest parseRequest(std::string_view line) {
   }
   return ParsedRequest{std::move(request), {}};
 }
+
+std::string defaultRuntimeDir() {
+  if (char const* d = std::getenv("RUNTIME_DIRECTORY"); d && *d) return d;
+  if (::geteuid() == 0) return "/run/tarnagent";
+  if (char const* d = std::getenv("XDG_RUNTIME_DIR"); d && *d) return std::string(d) + "/tarnagent";
+  return fmt::format("/tmp/tarnagent-{}", ::geteuid());
+}
+
+std::string socketPathIn(std::string const& runtimeDir) { return runtimeDir + "/control.sock"; }
 
 std::string okAnswer(std::string_view text) {
   std::string out = text.empty() ? std::string("ok") : fmt::format("ok {}", text);

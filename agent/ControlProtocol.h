@@ -45,6 +45,13 @@ struct ParsedRequest {
 /// @brief Parses one request line (without its line end; a trailing '\r' is taken off).
 ParsedRequest parseRequest(std::string_view line);
 
+/// @brief Where the agent's control socket is unless told otherwise: $RUNTIME_DIRECTORY (set by
+/// systemd), else /run/tarnagent for root, else $XDG_RUNTIME_DIR/tarnagent, else
+/// /tmp/tarnagent-UID. The agent and its clients share this rule.
+std::string defaultRuntimeDir();
+/// @brief The socket's path in @p runtimeDir: "<runtimeDir>/control.sock".
+std::string socketPathIn(std::string const& runtimeDir);
+
 /// @brief "ok" or "ok TEXT", with a line end.
 std::string okAnswer(std::string_view text);
 /// @brief "error TEXT", with a line end; line ends and other control characters inside

@@ -56,15 +56,6 @@ void removeStaleSocket(std::string const& path) {
 
 }  // namespace
 
-std::string defaultRuntimeDir() {
-  if (char const* d = std::getenv("RUNTIME_DIRECTORY"); d && *d) return d;
-  if (::geteuid() == 0) return "/run/tarnagent";
-  if (char const* d = std::getenv("XDG_RUNTIME_DIR"); d && *d) return std::string(d) + "/tarnagent";
-  return fmt::format("/tmp/tarnagent-{}", ::geteuid());
-}
-
-std::string socketPathIn(std::string const& runtimeDir) { return runtimeDir + "/control.sock"; }
-
 class ControlServer::Connection : public std::enable_shared_from_this<Connection> {
 public:
   Connection(stream_protocol::socket socket, Handler const& handler, std::shared_ptr<size_t> open)

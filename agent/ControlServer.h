@@ -21,12 +21,6 @@
 
 namespace TarnAgent {
 
-/// @brief The default runtime directory: $RUNTIME_DIRECTORY (set by systemd), else
-/// /run/tarnagent for root, else $XDG_RUNTIME_DIR/tarnagent, else /tmp/tarnagent-UID.
-std::string defaultRuntimeDir();
-/// @brief The socket's path in @p runtimeDir.
-std::string socketPathIn(std::string const& runtimeDir);
-
 class ControlServer {
 public:
   using Handler = std::function<std::string(std::string_view line)>;

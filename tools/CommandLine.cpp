@@ -60,6 +60,7 @@ struct Parsed {
   bool i2cAsyncGiven = false;
   bool addrGiven = false;
   bool flavourGiven = false;
+  AgentCommand agent;
 };
 
 Parsed parseRaw(int argc, char const* const* argv) {
@@ -98,6 +99,8 @@ Parsed parseRaw(int argc, char const* const* argv) {
   auto* show = shadow->add_subcommand("show");
   show->add_option("--root", raw.shadowRoot);
   show->add_option("PATH", raw.shadowPath)->required();
+  AgentCommandLine agentLine;
+  agentLine.addTo(app, *shadow);
 
   app.parse(argc, argv);
 
@@ -107,8 +110,11 @@ Parsed parseRaw(int argc, char const* const* argv) {
   else if (*list) parsed.command = Command::List;
   else if (*lookup) parsed.command = Command::Lookup;
   else if (*show) parsed.command = Command::ShadowShow;
-  else if (*shadow) throw ToolError::usage("shadow needs a command: show (see tarnreg --help)");
-  else throw ToolError::usage("no command given: read, write, dump, list or lookup (see tarnreg --help)");
+  else if (agentLine.given()) parsed.command = Command::Agent;
+  else if (*shadow) throw ToolError::usage("shadow needs a command: show or diff (see tarnreg --help)");
+  else throw ToolError::usage(
+      "no command given: read, write, dump, list, lookup, shadow, field, reg or agent (see tarnreg --help)");
+  if (parsed.command == Command::Agent) parsed.agent = agentLine.command();
   parsed.mockFileGiven = mockFile->count() > 0;
   parsed.pciGiven = pci->count() > 0;
   parsed.i2cGiven = i2c->count() > 0;
@@ -166,6 +172,7 @@ char const* commandName(Command command) {
     case Command::List: return "list";
     case Command::Lookup: return "lookup";
     case Command::ShadowShow: return "shadow show";
+    case Command::Agent: return "agent";
   }
   return "?";
 }
@@ -179,6 +186,12 @@ Options check(Parsed const& parsed) {
   options.verbosity = raw.verbosity;
   options.transport = transportOf(parsed);
 
+  if (parsed.command == Command::Agent) {
+    if (!raw.map.empty() || options.transport.kind != TransportKind::None)
+      throw ToolError::usage("field, reg, agent and shadow diff ask tarnagent: they take no --map and no transport");
+    options.agent = parsed.agent;
+    return options;
+  }
   if (parsed.command == Command::ShadowShow) {
     if (!raw.map.empty() || options.transport.kind != TransportKind::None)
       throw ToolError::usage("shadow show reads shared memory only: it takes no --map and no transport");
@@ -210,6 +223,11 @@ std::string const& usageText() {
        tarnreg --map MAP [TRANSPORT] [--json] list
        tarnreg --map MAP [TRANSPORT] [--json] lookup ADDRESS
        tarnreg shadow show [--root DIR] PATH [--json]
+       tarnreg field write|read CHIP REG FIELD [VALUE] [--runtime-dir DIR] [--json]
+       tarnreg reg write|read CHIP REG [VALUE] [--runtime-dir DIR] [--json]
+       tarnreg agent call CHIP OP [ARG...] [--runtime-dir DIR] [--json]
+       tarnreg agent chips [--runtime-dir DIR] [--json]
+       tarnreg shadow diff CHIP [--runtime-dir DIR] [--json]
   MAP is a CSV register map (first line "number,name,type,writeable,width")
   TRANSPORT is one of:
     --mock [--mock-file FILE]   simulated registers, kept in FILE
@@ -241,6 +259,15 @@ std::string const& usageText() {
     lookup    print the name of the register at ADDRESS; no device is touched
     shadow show  print the entries of a shadow-field table (address, start, size,
               value) sorted by key, reading it alongside the process that writes it
+  Commands for a running tarnagent (docs/agent.md), over its control socket
+  DIR/control.sock (default DIR: the agent's, such as /run/tarnagent for root):
+    field write|read  write a logical field of CHIP / print its last written value
+    reg write|read    write a logical register (up to 64 bits) / print its last value
+    agent call        call an operation of CHIP by name (fieldWrite, regWrite,
+                      fieldGetLastWritten, regGetLastWritten) and print its result
+    agent chips       list the described chips and whether each is ready
+    shadow diff       desired against applied value of every physical field of CHIP,
+                      the pending ones marked *
   Options:
     --json       print JSON: an object per register or entry, an array for dump,
                  list and shadow show

@@ -4,6 +4,7 @@
 
 #include "Types.h"
 
+#include "AgentClient.h"
 #include "TransportChoice.h"
 
 #include <optional>
@@ -12,7 +13,7 @@
 namespace Tarnreg {
 
 /// @brief What the command line asks for.
-enum class Command { Read, Write, Dump, List, Lookup, ShadowShow };
+enum class Command { Read, Write, Dump, List, Lookup, ShadowShow, Agent };
 
 /// @brief Everything the command line gave, checked and converted.
 struct Options {
@@ -27,6 +28,7 @@ struct Options {
   U32 address = 0;             ///< lookup
   std::string shadowRoot;      ///< shadow show --root
   std::string shadowPath;      ///< shadow show PATH
+  AgentCommand agent;          ///< field, reg, agent, shadow diff: a request for tarnagent
 };
 
 /// @brief The text --help prints.

@@ -52,6 +52,7 @@ public:
       case Command::Lookup: return printer_.lookup(options_.address, map().nameAt(options_.address));
       case Command::ShadowShow:
         return printer_.shadowEntries(readShadowEntries(options_.shadowRoot, options_.shadowPath));
+      case Command::Agent: return runAgentCommand(options_.agent, options_.json);
     }
   }
 
