@@ -173,7 +173,7 @@ std::string RequestHandler::diff(std::string const& name) const {
     U32 const appliedValue = status->field(key).value;
     bool const isPending = !applied || appliedValue != desired;
     pending += isPending;
-    nlohmann::json f = {{"register", p.reg}, {"field", p.field}, {"logical", l.reg + "." + l.field},
+    nlohmann::json f = {{"register", p.reg.str()}, {"field", p.field.str()}, {"logical", l.reg.str() + "." + l.field.str()},
                         {"address", key.address}, {"start", p.start}, {"size", p.size}, {"desired", desired},
                         {"applied", applied ? nlohmann::json(appliedValue) : nlohmann::json()},
                         {"pending", isPending}};

@@ -134,12 +134,12 @@ std::shared_ptr<ChipLayout const> parseLayout(Object const& o, std::string const
     p.size = static_cast<U8>(f.number("size", 32));
     if (p.size == 0) fail(f.at("size"), "0 is below 1");
     if (p.start + p.size > 32) fail(f.at("size"), fmt::format("{} run past bit 31", bits(p.start, p.size)));
-    auto const reg = map->registers().find(p.reg);
+    auto const reg = map->registers().find(p.reg.view());
     if (reg == map->registers().end()) fail(f.at("register"), fmt::format("'{}' is not in {}", p.reg, layout->mapPath));
     p.regNumber = reg->second.number;
     if (p.regNumber > (1u << 28)) fail(f.at("register"), fmt::format("register number {} is beyond {}", p.regNumber, 1u << 28));
     auto const [it, fresh] =
-        physicalByName.try_emplace(p.reg + "." + p.field, Place{static_cast<U32>(i), f.where()});
+        physicalByName.try_emplace(p.reg.str() + "." + p.field.str(), Place{static_cast<U32>(i), f.where()});
     if (!fresh) fail(f.where(), fmt::format("{}.{} is already {}", p.reg, p.field, it->second.where));
     // Overlapping fields of one register would overwrite each other's bits on every write.
     for (U32 other : fieldsByRegister[p.regNumber]) {
@@ -158,8 +158,8 @@ std::shared_ptr<ChipLayout const> parseLayout(Object const& o, std::string const
   for (size_t r = 0; r < registers.size(); ++r) {
     Object const reg(registers[r], fmt::format("{}[{}]", o.at("registers"), r));
     reg.only({"name", "fields"});
-    std::string const name = reg.string("name");
-    auto const [named, freshName] = registerNames.try_emplace(name, reg.where());
+    Kiv::String const name(reg.string("name"));
+    auto const [named, freshName] = registerNames.try_emplace(name.str(), reg.where());
     if (!freshName) fail(reg.at("name"), fmt::format("'{}' is already {}", name, named->second));
     Json const& lfields = reg.array("fields");
     if (lfields.empty()) fail(reg.at("fields"), "is empty: a logical register comes with its fields");
@@ -170,7 +170,8 @@ std::shared_ptr<ChipLayout const> parseLayout(Object const& o, std::string const
       f.only({"name", "start", "size", "initial", "physical"});
       LogicalFieldSpec l;
       l.reg = name;
-      l.field = f.string("name");
+      std::string const fieldName = f.string("name");
+      l.field = Kiv::String(fieldName);
       l.start = static_cast<U8>(f.number("start", 63));
       l.size = static_cast<U8>(f.number("size", 32));
       if (l.size == 0) fail(f.at("size"), "0 is below 1");
@@ -178,8 +179,8 @@ std::shared_ptr<ChipLayout const> parseLayout(Object const& o, std::string const
       l.initial = static_cast<U32>(f.number("initial", 0xFFFFFFFFu, 0));
       if (l.size < 32 && (l.initial >> l.size) != 0)
         fail(f.at("initial"), fmt::format("{:#x} does not fit {} bits", l.initial, l.size));
-      auto const [fn, freshField] = fieldNames.try_emplace(l.field, f.where());
-      if (!freshField) fail(f.at("name"), fmt::format("'{}' is already {}", l.field, fn->second));
+      auto const [fn, freshField] = fieldNames.try_emplace(fieldName, f.where());
+      if (!freshField) fail(f.at("name"), fmt::format("'{}' is already {}", fieldName, fn->second));
       for (auto const& [s, z] : slices)
         if (l.start < s + z && s < U32(l.start) + l.size)
           fail(f.where(), fmt::format("{} overlap {} of the same register", bits(l.start, l.size), bits(s, z)));
@@ -204,7 +205,7 @@ std::shared_ptr<ChipLayout const> parseLayout(Object const& o, std::string const
   }
   for (auto const& p : layout->physical)
     if (p.logical == ~0u)
-      fail(physicalByName.at(p.reg + "." + p.field).where, fmt::format("{}.{} has no logical field", p.reg, p.field));
+      fail(physicalByName.at(p.reg.str() + "." + p.field.str()).where, fmt::format("{}.{} has no logical field", p.reg, p.field));
   return layout;
 }
 

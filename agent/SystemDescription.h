@@ -13,8 +13,10 @@
 /// tens of thousands of fields, whose description is then written, read and checked once.
 /// docs/agent.md gives the format.
 
+#include "KivString.h"
 #include "Types.h"
 
+#include <algorithm>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -49,8 +51,8 @@ constexpr U32 addrBlockSize(TransportKind kind) noexcept { return kind == Transp
 
 /// @brief A bit slice of a 32-bit register of the map.
 struct PhysicalFieldSpec {
-  std::string reg;
-  std::string field;
+  Kiv::String reg;  // the library's strings: a chip built from them shares their characters
+  Kiv::String field;
   U32 regNumber = 0;  ///< the register's number in the map
   U8 start = 0;
   U8 size = 1;
@@ -59,8 +61,8 @@ struct PhysicalFieldSpec {
 
 /// @brief A bit slice of a logical register (up to 64 bits), backed by one physical field.
 struct LogicalFieldSpec {
-  std::string reg;
-  std::string field;
+  Kiv::String reg;
+  Kiv::String field;
   U8 start = 0;
   U8 size = 1;
   U32 initial = 0;
@@ -79,8 +81,12 @@ struct ChipSpec {
   std::string name;
   TransportSpec transport;
   std::shared_ptr<ChipLayout const> layout;
-  /// The capacity of the chip's shadow tables: one past the highest byte address a field uses.
-  U32 shadowCapacity() const noexcept { return layout->maxRegNumber * addrBlockSize(transport.kind) + 1; }
+  /// The capacity of the chip's shadow tables (an entry per physical field), and at least one
+  /// past the highest byte address a field uses: the physical field count the chip is left
+  /// with, which mounting takes as the capacity.
+  U32 shadowCapacity() const noexcept {
+    return std::max<U32>(static_cast<U32>(layout->physical.size()), layout->maxRegNumber * addrBlockSize(transport.kind) + 1);
+  }
 };
 
 struct SystemDescription {
