@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -26,6 +27,7 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -192,7 +194,11 @@ protected:
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
-  bool alive() const { return pid_ > 0 && ::kill(pid_, 0) == 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; }
+  // Whether the agent runs (an agent that ended is left for stop() to reap).
+  bool alive() const {
+    siginfo_t info{};
+    return pid_ > 0 && ::waitid(P_PID, pid_, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
+  }
 
   // One connection per request; the answer line with its line end ("" when unreachable).
   std::string ask(std::string const& request) const {
@@ -239,7 +245,7 @@ protected:
     return TarnRegFile::SystemStatusPublisher::open(Kiv::Shm::Root(rig_.shmRoot()), "sys");
   }
 
-  ChipRig rig_{16};
+  ChipRig rig_{16, "c0"};
   std::string description_;
   pid_t pid_ = -1;
 };
@@ -280,11 +286,13 @@ TEST_F(AgentProcess, KilledWhileWritingRestartsWritingOnlyTheRegistersThatDiffer
   start();
   awaitReady("c0", true);
   // A client writes field after field; the agent dies in the middle of it.
-  std::thread writer([this] {
-    for (int i = 0; i < 4000 && alive(); ++i) ask(fmt::format("call c0 fieldWrite L{} f{} {}", i % 16, i % 4, i & 0xff));
+  std::atomic<bool> killed = false;
+  std::thread writer([&] {
+    for (int i = 0; i < 4000 && !killed; ++i) ask(fmt::format("call c0 fieldWrite L{} f{} {}", i % 16, i % 4, i & 0xff));
   });
   std::this_thread::sleep_for(60ms);
   EXPECT_EQ(stop(SIGKILL), 128 + SIGKILL);
+  killed = true;
   writer.join();
 
   // What the dead agent wanted and what it recorded as applied, register by register.
@@ -373,6 +381,30 @@ TEST_F(AgentProcess, AThousandMalformedRequestsLeaveTheAgentServing) {
   EXPECT_EQ(ask("call c0 fieldWrite L0 f0 0x5"), "ok\n");
   EXPECT_EQ(rig_.fileRegister(0), 5u);
   EXPECT_EQ(tarnreg("field write c0 L0 f0 256").second, "tarnreg: value 256 does not fit the 8 bits of L0.f0\n");
+}
+
+TEST_F(AgentProcess, OnlyItsOwnUserOrRootIsServed) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to ask as another user";
+  start();
+  std::string const socket = runtimeDir() + "/control.sock";
+  struct stat dir {}, sock {};
+  ASSERT_EQ(0, ::stat(runtimeDir().c_str(), &dir));
+  ASSERT_EQ(0, ::stat(socket.c_str(), &sock));
+  EXPECT_EQ(dir.st_mode & 07777, 0700u);
+  EXPECT_EQ(sock.st_mode & 07777, 0600u);
+  // Opened to everyone, so that only the peer's credentials stand in the way.
+  ASSERT_EQ(0, ::chmod(rig_.dir().c_str(), 0755));
+  ASSERT_EQ(0, ::chmod(runtimeDir().c_str(), 0755));
+  ASSERT_EQ(0, ::chmod(socket.c_str(), 0666));
+  pid_t const child = ::fork();
+  if (child == 0) {
+    bool const dropped = ::setgid(65534) == 0 && ::setuid(65534) == 0;
+    ::_exit(dropped && ask("ping") == "error permission denied: uid 65534 is neither this agent's user nor root\n" ? 0 : 1);
+  }
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ask("ping"), "ok pong\n");
 }
 
 TEST_F(AgentProcess, ABadDescriptionIsRefusedBeforeAnythingStarts) {
