@@ -228,7 +228,11 @@ void BM_PublishedChipToObjectsBuilt(benchmark::State& state) {
   int toChild[2], fromChild[2];
   if (::pipe(toChild) || ::pipe(fromChild)) std::abort();
   pid_t const child = ::fork();
-  if (child == 0) publisherProcess(running.scratch.dir + "/shm", toChild[0], fromChild[1]);
+  if (child == 0) {
+    ::close(toChild[1]);  // so that the parent's close ends the child
+    ::close(fromChild[0]);
+    publisherProcess(running.scratch.dir + "/shm", toChild[0], fromChild[1]);
+  }
   std::vector<double> us;
   auto const exchange = [&](char c) {
     timespec sent;
