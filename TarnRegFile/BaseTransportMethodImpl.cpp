@@ -1,6 +1,6 @@
 #include "TarnRegFile/BaseTransportMethodImpl.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <string>
 

@@ -14,10 +14,10 @@
 /// complete synchronously on top of the plain forms; an asynchronous transport
 /// overrides them.
 
-#include "Export.h"
-#include "HardwareRegisterFile.h"
-#include "KivPtr.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/HardwareRegisterFile.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include "TarnRegFile/Errors.h"
 #include "TarnRegFile/RegisterFileHelper.h"

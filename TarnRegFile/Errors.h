@@ -8,8 +8,8 @@
 /// access, the register name or address a lookup missed, the mock dump file that
 /// cannot be read. Catch by type, look at the fields.
 
-#include "Export.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <stdexcept>
 #include <string>

@@ -1,7 +1,7 @@
 #include "TarnRegFile/I2cTransportMethodImpl.h"
 
-#include "Assert.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include "TarnRegFile/TransportMethod.h"
 

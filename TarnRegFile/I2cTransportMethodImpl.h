@@ -16,10 +16,10 @@
 /// small table of functions (I2cBusOps) chosen once, when the transport is built; the
 /// core resolves names and checks widths before either function is called.
 
-#include "Export.h"
-#include "HardwareRegisterFile.h"
-#include "KivPtr.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/HardwareRegisterFile.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include "TarnRegFile/BaseTransportMethodImpl.h"
 #include "TarnRegFile/Utils.h"

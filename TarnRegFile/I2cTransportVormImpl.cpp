@@ -1,6 +1,6 @@
 #include "TarnRegFile/I2cTransportVormImpl.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include "TarnRegFile/TransportDescriptor.h"
 #include "TarnRegFile/TransportMethod.h"

@@ -14,11 +14,11 @@
 /// The bookkeeping of outstanding accesses is I2cTransportVormImplSm's. Destroying the
 /// transport drops its outstanding accesses: their callbacks never run.
 
-#include "Export.h"
-#include "HardwareRegisterFile.h"
-#include "KivPtr.h"
-#include "Types.h"
-#include "Vorm.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/HardwareRegisterFile.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/Types.h"
+#include "TarnRegFile/platform/Vorm.h"
 
 #include "TarnRegFile/BaseTransportMethodImpl.h"
 #include "TarnRegFile/I2cTransportVormImplSm.h"

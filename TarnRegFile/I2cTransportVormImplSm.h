@@ -15,12 +15,12 @@
 /// runs no callback; the manager then finishes the request silently, because nobody
 /// holds it any more, and does not write the entry's data word, which is gone.
 
-#include "Export.h"
-#include "KivEntity.h"
-#include "KivPtr.h"
-#include "KivString.h"
-#include "Types.h"
-#include "Vorm.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/Types.h"
+#include "TarnRegFile/platform/Vorm.h"
 
 #include "TarnRegFile/BaseTransportMethodImpl.h"
 #include "TarnRegFile/RegisterFileHelper.h"

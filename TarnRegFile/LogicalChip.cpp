@@ -1,8 +1,8 @@
 #include "TarnRegFile/LogicalChip.h"
 
-#include "Assert.h"
-#include "KivGeneric.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <algorithm>
 #include <vector>

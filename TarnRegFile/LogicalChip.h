@@ -10,15 +10,15 @@
 /// (`LogicalFieldName`, `PhysicalField`, ...) are built when a caller asks for one: by a
 /// lookup, a notification or an iteration. Lookups by name never allocate.
 
-#include "Export.h"
-#include "KivEntity.h"
-#include "KivPtr.h"
-#include "KivString.h"
-#include "ShmEntityManager.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
 #include "TarnRegFile/LogicalTypes.h"
 #include "TarnRegFile/PhysicalTypes.h"
 #include "TarnRegFile/ShadowTypes.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <boost/unordered/unordered_flat_set.hpp>
 

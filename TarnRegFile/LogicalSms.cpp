@@ -1,8 +1,8 @@
 #include "TarnRegFile/LogicalSms.h"
 
-#include "KivGeneric.h"
-#include "ShmTable.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/ShmTable.h"
+#include "TarnRegFile/platform/Trace.h"
 
 namespace TarnRegFile {
 namespace {

@@ -22,9 +22,9 @@
 /// propagates to the caller of the chip's mutation; the chip keeps the new
 /// value and a later full pass pushes it.
 
-#include "Export.h"
-#include "KivEntity.h"
-#include "KivPtr.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivPtr.h"
 #include "TarnRegFile/LogicalChip.h"
 #include "TarnRegFile/LogicalTypes.h"
 

@@ -1,10 +1,10 @@
 #include "TarnRegFile/LogicalTypes.h"
 
-#include "Assert.h"
-#include "KivException.h"
-#include "KivHash.h"
-#include "KivValueText.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/KivHash.h"
+#include "TarnRegFile/platform/KivValueText.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <cstring>
 #include <ostream>

@@ -1,6 +1,6 @@
 #include "TarnRegFile/MockTransportMethodImpl.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include "TarnRegFile/TransportMethod.h"
 #include "TarnRegFile/Utils.h"

@@ -1,7 +1,7 @@
 #include "TarnRegFile/PciTransportMethodImpl.h"
 
-#include "SigbusGuard.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include "TarnRegFile/TransportMethod.h"
 

@@ -17,11 +17,11 @@
 /// without touching it: the exception is thrown, or, when the access object looks
 /// after bus errors itself, a SIGBUS is raised for its handling to deal with.
 
-#include "Export.h"
-#include "HardwareRegisterFile.h"
-#include "KivPtr.h"
-#include "PciDov.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/HardwareRegisterFile.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/PciDov.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include "TarnRegFile/BaseTransportMethodImpl.h"
 

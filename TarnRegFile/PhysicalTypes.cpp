@@ -1,8 +1,8 @@
 #include "TarnRegFile/PhysicalTypes.h"
 
-#include "KivException.h"
-#include "KivHash.h"
-#include "KivValueText.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/KivHash.h"
+#include "TarnRegFile/platform/KivValueText.h"
 
 #include <ostream>
 

@@ -10,9 +10,9 @@
 /// const* const& end). Two `char const*` variables passed to a name constructor
 /// select that parser, so pass names as Kiv::String (literals are fine).
 
-#include "Export.h"
-#include "KivString.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <fmt/format.h>
 

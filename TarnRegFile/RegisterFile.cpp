@@ -1,7 +1,7 @@
 #include "TarnRegFile/RegisterFile.h"
 
-#include "Assert.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include "TarnRegFile/Errors.h"
 #include "TarnRegFile/Utils.h"

@@ -2,8 +2,8 @@
 /// @file RegisterFile.h
 /// @brief CSV register maps of a chip: one `Register` per line, looked up by name and by address.
 
-#include "Export.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <cstdint>

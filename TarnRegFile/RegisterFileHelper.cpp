@@ -1,6 +1,6 @@
 #include "TarnRegFile/RegisterFileHelper.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include "TarnRegFile/Errors.h"
 #include "TarnRegFile/RegisterFile.h"

@@ -6,12 +6,12 @@
 /// and never learn which source answered: both give
 /// `Hardware::TarnRegFile::HardwareRegister` records and the same error texts.
 
-#include "Export.h"
-#include "HardwareRegisterFile.h"
-#include "KivCollection.h"
-#include "KivEntity.h"
-#include "KivString.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/HardwareRegisterFile.h"
+#include "TarnRegFile/platform/KivCollection.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <memory>
 #include <string_view>

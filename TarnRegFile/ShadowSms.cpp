@@ -1,10 +1,10 @@
 #include "TarnRegFile/ShadowSms.h"
 
-#include "Assert.h"
-#include "KivGeneric.h"
-#include "ShmTable.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/ShmTable.h"
 #include "TarnRegFile/TransportMethod.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <stdexcept>
 

@@ -28,13 +28,13 @@
 /// holds it, the applied image and the status collection do not, and the next
 /// change of that register or the next state machine applies it.
 
-#include "Export.h"
-#include "KivCollection.h"
-#include "KivEntity.h"
-#include "KivPtr.h"
-#include "KivString.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivCollection.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/KivString.h"
 #include "TarnRegFile/ShadowTypes.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <boost/unordered/unordered_flat_map.hpp>
 

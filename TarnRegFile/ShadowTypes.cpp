@@ -1,8 +1,8 @@
 #include "TarnRegFile/ShadowTypes.h"
 
-#include "Assert.h"
-#include "KivGeneric.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

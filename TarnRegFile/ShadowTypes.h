@@ -20,14 +20,14 @@
 /// `fieldControl` when its last reference goes (see `onZeroReferences`), so
 /// the mount outlives its users until the entity manager unmounts it.
 
-#include "Export.h"
-#include "KivEntity.h"
-#include "KivPtr.h"
-#include "KivString.h"
-#include "ShmCollection.h"
-#include "ShmEntityManager.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/ShmCollection.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
 #include "TarnRegFile/PhysicalTypes.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <optional>

@@ -1,11 +1,11 @@
 #include "TarnRegFile/SystemChipStatusSm.h"
 
-#include "Assert.h"
-#include "KivGeneric.h"
-#include "KivValueText.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/KivValueText.h"
 #include "TarnRegFile/LogicalSms.h"
 #include "TarnRegFile/ShadowSms.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <ostream>
 #include <stdexcept>

@@ -26,17 +26,17 @@
 /// mounted. Exceptions from the hooks and factories propagate to the caller of
 /// the status change; the models keep what was stored before the failure.
 
-#include "DevId.h"
-#include "Export.h"
-#include "KivCollection.h"
-#include "KivEntity.h"
-#include "KivPtr.h"
-#include "KivString.h"
-#include "ShmEntityManager.h"
+#include "TarnRegFile/platform/DevId.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivCollection.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
 #include "TarnRegFile/LogicalChip.h"
 #include "TarnRegFile/SystemModels.h"
 #include "TarnRegFile/TransportMethod.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <fmt/format.h>
 

@@ -1,11 +1,11 @@
 #include "TarnRegFile/SystemModels.h"
 
-#include "KivGeneric.h"
+#include "TarnRegFile/platform/KivGeneric.h"
 #include "TarnRegFile/LogicalChip.h"
 #include "TarnRegFile/LogicalSms.h"
 #include "TarnRegFile/ShadowSms.h"
 #include "TarnRegFile/TransportMethod.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

@@ -19,11 +19,11 @@
 /// key, notifies nobody. Inserting a null reference throws std::invalid_argument
 /// and changes nothing.
 
-#include "Export.h"
-#include "KivCollection.h"
-#include "KivEntity.h"
-#include "KivPtr.h"
-#include "KivString.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivCollection.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/KivString.h"
 #include "TarnRegFile/LogicalChip.h"
 #include "TarnRegFile/LogicalSms.h"
 #include "TarnRegFile/ShadowSms.h"

@@ -1,8 +1,8 @@
 #include "TarnRegFile/SystemStatusShm.h"
 
-#include "KivHash.h"
-#include "ShmEntityManager.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/KivHash.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

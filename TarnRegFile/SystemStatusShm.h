@@ -35,14 +35,14 @@
 /// Names (chip and profile) are 1 to 63 bytes without NUL; longer ones are refused
 /// with std::invalid_argument before anything changes.
 
-#include "DevId.h"
-#include "Export.h"
-#include "KivPtr.h"
-#include "ShmCollection.h"
-#include "ShmRoot.h"
-#include "ShmWatch.h"
 #include "TarnRegFile/SystemChipStatusSm.h"
-#include "Types.h"
+#include "TarnRegFile/platform/DevId.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/ShmCollection.h"
+#include "TarnRegFile/platform/ShmRoot.h"
+#include "TarnRegFile/platform/ShmWatch.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <memory>

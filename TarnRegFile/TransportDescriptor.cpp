@@ -1,6 +1,6 @@
 #include "TarnRegFile/TransportDescriptor.h"
 
-#include "KivGeneric.h"
+#include "TarnRegFile/platform/KivGeneric.h"
 
 #include <fmt/format.h>
 

@@ -8,12 +8,12 @@
 /// arguments that implementation needs. Descriptors are entities of the runtime
 /// so that they can be held as attributes of other entities.
 
-#include "Export.h"
-#include "KivEntity.h"
-#include "KivPtr.h"
-#include "KivString.h"
-#include "PciDov.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/PciDov.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include "TarnRegFile/TransportDescriptorEnum.h"
 

@@ -1,6 +1,6 @@
 #include "TarnRegFile/TransportDescriptorEnum.h"
 
-#include "KivException.h"
+#include "TarnRegFile/platform/KivException.h"
 
 #include <charconv>
 #include <ostream>

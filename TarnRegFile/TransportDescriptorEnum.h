@@ -8,10 +8,10 @@
 /// value or literal outside the table is the table's business (it throws
 /// `Kiv::RangeException` naming the enumeration).
 
-#include "Export.h"
-#include "KivEnum.h"
-#include "KivString.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivEnum.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <fmt/format.h>
 

@@ -1,11 +1,11 @@
 #include "TarnRegFile/TransportMethod.h"
 
-#include "KivException.h"
-#include "KivGeneric.h"
-#include "KivHash.h"
-#include "KivValueText.h"
-#include "SigbusGuard.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/KivHash.h"
+#include "TarnRegFile/platform/KivValueText.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace TarnRegFile::Utils {
 
@@ -75,32 +76,15 @@ std::string errnoMsg() noexcept {
   }
 }
 
-UnixFdRes& UnixFdRes::operator=(UnixFdRes&& other) noexcept {
-  _mov(other);
-  return *this;
-}
-
-UnixFdRes::~UnixFdRes() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 int32_t UnixFdRes::_mov(UnixFdRes& other) noexcept {
-  // Closing first means a self-move ends up holding nothing: accepted, since
-  // moving a resource onto itself has no sensible meaning for its owner.
-  if (fd_ >= 0) {
-    ::close(fd_);
-    fd_ = -1;
-  }
-  fd_ = other.fd_;
-  other.fd_ = -1;
-  return fd_;
+  reset();
+  Kiv::Fd::operator=(std::move(other));
+  return get();
 }
 
 int32_t UnixFdRes::_destruct() noexcept {
-  if (fd_ < 0) return fd_;
-  int32_t const result = ::close(fd_);
-  fd_ = -1;
-  return result;
+  if (!*this) return get();
+  return ::close(release());
 }
 
 UnixFlockRes::UnixFlockRes(int32_t fd, int32_t mode) {
@@ -110,11 +94,7 @@ UnixFlockRes::UnixFlockRes(int32_t fd, int32_t mode) {
   // A contended LOCK_NB request fails with EAGAIN and is polled every millisecond.
   int32_t const result = syscallAutoRetry([fd, mode] { return ::flock(fd, mode); }, true, true);
   if (result < 0) throw std::runtime_error(std::string("flock error: ") + std::strerror(errno));
-  fd_ = fd;
-}
-
-UnixFlockRes::~UnixFlockRes() {
-  if (fd_ >= 0) ::flock(fd_, LOCK_UN);
+  adopt(fd);
 }
 
 }  // namespace TarnRegFile::Utils

@@ -2,8 +2,10 @@
 /// @file Utils.h
 /// @brief Small text and Linux system helpers shared by the register-map loader and the transports.
 
-#include "Export.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/FileLock.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstdint>
 #include <functional>
@@ -79,46 +81,32 @@ TARN_API int32_t syscallAutoRetry(std::function<int32_t()> const& call, bool ret
 TARN_API std::string errnoMsg() noexcept;
 
 /// @brief Owns one file descriptor and closes it when destroyed or overwritten. -1 holds nothing.
-class TARN_API UnixFdRes {
+///
+/// The platform's descriptor owner (Kiv::Fd) under the names the transports use.
+class TARN_API UnixFdRes : public Kiv::Fd {
 public:
   /// @brief Takes ownership of @p fd (a negative value owns nothing).
-  explicit UnixFdRes(int32_t fd = -1) noexcept : fd_(fd) {}
-  /// @brief Takes the other's descriptor, leaving -1 behind.
-  UnixFdRes(UnixFdRes&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+  explicit UnixFdRes(int32_t fd = -1) noexcept : Kiv::Fd(fd) {}
+  UnixFdRes(UnixFdRes&& other) noexcept = default;
   /// @brief Closes the held descriptor, then takes the other's.
-  UnixFdRes& operator=(UnixFdRes&& other) noexcept;
-  UnixFdRes(UnixFdRes const&) = delete;
-  UnixFdRes& operator=(UnixFdRes const&) = delete;
-  ~UnixFdRes();
+  UnixFdRes& operator=(UnixFdRes&& other) noexcept = default;
 
   /// @brief The held descriptor (-1 when none).
-  int32_t fd() const noexcept { return fd_; }
-  /// @brief Closes the held descriptor, takes the other's and returns it.
+  int32_t fd() const noexcept { return get(); }
+  /// @brief Closes the held descriptor, takes the other's and returns it (a self-move ends up holding nothing).
   int32_t _mov(UnixFdRes& other) noexcept;
   /// @brief Closes the held descriptor and returns close's result; with none held returns the descriptor.
   int32_t _destruct() noexcept;
-
-private:
-  int32_t fd_;
 };
 
 /// @brief Holds a flock() advisory lock on a descriptor it does not own; unlocks when destroyed.
-class TARN_API UnixFlockRes {
+class TARN_API UnixFlockRes : public Kiv::FileLock {
 public:
   /// @brief Locks @p fd with the flock operation bits @p mode (LOCK_SH or LOCK_EX, optionally LOCK_NB).
   ///
   /// A contended LOCK_NB request is polled every millisecond until it succeeds.
   /// Throws std::runtime_error on a bad descriptor or mode and when flock fails.
   UnixFlockRes(int32_t fd, int32_t mode);
-  UnixFlockRes(UnixFlockRes const&) = delete;
-  UnixFlockRes& operator=(UnixFlockRes const&) = delete;
-  ~UnixFlockRes();
-
-  /// @brief The locked descriptor.
-  int32_t fd() const noexcept { return fd_; }
-
-private:
-  int32_t fd_ = -1;
 };
 
 }  // namespace TarnRegFile::Utils

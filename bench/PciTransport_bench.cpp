@@ -15,8 +15,8 @@
 // whose plain accessors then guard themselves. "Impl" variants call the
 // implementation directly, without TransportMethod, to show what the entity adds.
 
-#include "PciDov.h"
-#include "SigbusGuard.h"
+#include "TarnRegFile/platform/PciDov.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
 
 #include "TarnRegFile/PciTransportMethodImpl.h"
 #include "TarnRegFile/TransportMethod.h"

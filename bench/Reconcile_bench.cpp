@@ -13,8 +13,8 @@
 //    transport: time to every chip's shadow state machine, process memory per field (anonymous
 //    memory: the shared tables are counted apart, as shm_bytes_per_field).
 
-#include "PciDov.h"
-#include "ShmEntityManager.h"
+#include "TarnRegFile/platform/PciDov.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
 #include "TarnRegFile/LogicalChip.h"
 #include "TarnRegFile/LogicalSms.h"
 #include "TarnRegFile/ShadowSms.h"

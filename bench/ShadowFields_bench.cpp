@@ -1,7 +1,7 @@
 // Per-field-change costs of a shadow-field collection mounted in shared memory
 // with 65,536 entries: the copying write, the zero-copy commit and lookups.
 
-#include "ShmEntityManager.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
 #include "TarnRegFile/ShadowTypes.h"
 
 #include <benchmark/benchmark.h>

@@ -7,7 +7,7 @@
 // table grows with its entries, so the two should cost the same, in time and
 // in file size. The program ends with one line per comparison.
 
-#include "ShmCollection.h"
+#include "TarnRegFile/platform/ShmCollection.h"
 #include "TarnRegFile/ShadowTypes.h"
 
 #include <benchmark/benchmark.h>

@@ -1,8 +1,8 @@
 // Cost of a register access through the PCI access object: plain volatile
 // access versus the SIGBUS-guarded one, over a real shared file mapping.
 
-#include "PciDov.h"
-#include "SigbusGuard.h"
+#include "TarnRegFile/platform/PciDov.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
 
 #include <benchmark/benchmark.h>
 

@@ -17,10 +17,10 @@
 //    callback), re-issued from its callback. Compare each with its plain counterpart in
 //    the same run: the ratio is the transport's share.
 
-#include "Vorm.h"
-#include "VormSim.h"
+#include "TarnRegFile/platform/Vorm.h"
+#include "TarnRegFile/platform/VormSim.h"
 
-#include "HardwareRegisterFile.h"
+#include "TarnRegFile/platform/HardwareRegisterFile.h"
 #include "TarnRegFile/TransportMethod.h"
 
 #include <benchmark/benchmark.h>

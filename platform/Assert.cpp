@@ -1,4 +1,4 @@
-#include "Assert.h"
+#include "TarnRegFile/platform/Assert.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -17,8 +17,8 @@
 /// The macros are the one place where a macro is needed: only the preprocessor
 /// can turn the condition into text and name the enclosing function.
 
-#include "Export.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <sstream>
 

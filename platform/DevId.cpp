@@ -1,6 +1,6 @@
-#include "DevId.h"
+#include "TarnRegFile/platform/DevId.h"
 
-#include "KivValueText.h"
+#include "TarnRegFile/platform/KivValueText.h"
 
 #include <ostream>
 

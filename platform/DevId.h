@@ -8,9 +8,9 @@
 /// (the default) means "not told yet". The text form is the number in decimal
 /// ("7"); the parser reads it back and refuses anything above 255.
 
-#include "Export.h"
-#include "KivString.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <fmt/format.h>
 

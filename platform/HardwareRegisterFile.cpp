@@ -1,4 +1,4 @@
-#include "HardwareRegisterFile.h"
+#include "TarnRegFile/platform/HardwareRegisterFile.h"
 
 namespace Hardware::TarnRegFile {
 

@@ -6,10 +6,10 @@
 /// publishes one `HardwareRegisterFile` per chip; the library's register-file
 /// helper answers lookups from it exactly as from a CSV map.
 
-#include "Export.h"
-#include "KivCollection.h"
-#include "KivEntity.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivCollection.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <string>
 

@@ -1,6 +1,6 @@
-#include "KivEntity.h"
+#include "TarnRegFile/platform/KivEntity.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <algorithm>
 

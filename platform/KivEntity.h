@@ -22,9 +22,9 @@
 /// a state machine's last reference goes, `retireReactors()` runs before it is
 /// destroyed, so that no notification reaches an object half torn down.
 
-#include "Export.h"
-#include "KivPtr.h"
-#include "KivString.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/KivString.h"
 
 #include <exception>
 #include <vector>

@@ -1,6 +1,6 @@
-#include "KivEnum.h"
+#include "TarnRegFile/platform/KivEnum.h"
 
-#include "KivException.h"
+#include "TarnRegFile/platform/KivException.h"
 
 #include <fmt/format.h>
 

@@ -7,9 +7,9 @@
 /// enumeration's index in that table. Unknown values and literals raise
 /// `Kiv::RangeException` naming the enumeration.
 
-#include "Export.h"
-#include "KivString.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <initializer_list>
 #include <string>

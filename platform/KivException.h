@@ -2,7 +2,7 @@
 /// @file KivException.h
 /// @brief Exceptions of the entity runtime.
 
-#include "Export.h"
+#include "TarnRegFile/platform/Export.h"
 
 #include <stdexcept>
 #include <string>

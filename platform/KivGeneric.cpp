@@ -1,4 +1,4 @@
-#include "KivGeneric.h"
+#include "TarnRegFile/platform/KivGeneric.h"
 
 #include <fmt/format.h>
 

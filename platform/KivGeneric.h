@@ -13,9 +13,9 @@
 /// 0x-hex, True/False or true/false, strings as given or quoted, values in their
 /// text form); results are rendered with `Kiv::toStrep` (strings unquoted).
 
-#include "Export.h"
-#include "KivEntity.h"
-#include "KivValueText.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivValueText.h"
 
 #include <functional>
 #include <map>

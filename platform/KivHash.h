@@ -6,8 +6,8 @@
 /// only fixed-width arithmetic, so every process computes the same value on
 /// i386 and on amd64: shared-memory tables rely on that to agree on slots.
 
-#include "Export.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <string_view>

@@ -1,4 +1,4 @@
-#include "KivPtr.h"
+#include "TarnRegFile/platform/KivPtr.h"
 
 namespace Kiv {
 

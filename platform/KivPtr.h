@@ -7,8 +7,8 @@
 /// library is built with KIV_ATOMIC_REFCOUNT, which makes them atomic. The layout
 /// is the same either way.
 
-#include "Export.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <atomic>
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "KivString.h"
+#include "TarnRegFile/platform/KivString.h"
 
 #include <cstdlib>
 #include <new>

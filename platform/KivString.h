@@ -6,9 +6,9 @@
 /// copy; the empty string owns no block. Copies cost one count increment, and
 /// comparing two copies of the same string compares pointers first.
 
-#include "Export.h"
-#include "KivHash.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivHash.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <fmt/format.h>
 

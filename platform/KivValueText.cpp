@@ -1,4 +1,4 @@
-#include "KivValueText.h"
+#include "TarnRegFile/platform/KivValueText.h"
 
 #include <fmt/format.h>
 

@@ -10,11 +10,11 @@
 /// attribute's name in front, so "key: TarnRegFile::ShadowFieldKey::start ..." tells
 /// which part of a nested value was wrong.
 
-#include "Export.h"
-#include "KivException.h"
-#include "KivPtr.h"
-#include "KivString.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <concepts>
 #include <limits>

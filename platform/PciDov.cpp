@@ -1,7 +1,8 @@
-#include "PciDov.h"
+#include "TarnRegFile/platform/PciDov.h"
 
-#include "SigbusGuard.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 
@@ -12,9 +13,7 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace Hardware {
 namespace {
@@ -81,38 +80,22 @@ PciDovImpl::PciDovImpl(std::string path, bool managesSigbus)
     Kiv::SigbusGuard::init();
     guardsPlainAccess_ = true;
   }
-  int const fd = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
-  if (fd < 0) throw std::runtime_error(systemError("open", path_, errno));
+  Kiv::Fd const fd(::open(path_.c_str(), O_RDWR | O_CLOEXEC));
+  if (!fd) throw std::runtime_error(systemError("open", path_, errno));
   struct stat st;
-  if (::fstat(fd, &st) != 0) {
-    int const err = errno;
-    ::close(fd);
-    throw std::runtime_error(systemError("stat", path_, err));
-  }
-  if (!S_ISREG(st.st_mode)) {
-    ::close(fd);
-    throw std::runtime_error(fmt::format("PciDovImpl: {} is not a regular file", path_));
-  }
-  if (st.st_size <= 0 || std::uintmax_t(st.st_size) > SIZE_MAX) {
-    ::close(fd);
+  if (::fstat(fd.get(), &st) != 0) throw std::runtime_error(systemError("stat", path_, errno));
+  if (!S_ISREG(st.st_mode)) throw std::runtime_error(fmt::format("PciDovImpl: {} is not a regular file", path_));
+  if (st.st_size <= 0 || std::uintmax_t(st.st_size) > SIZE_MAX)
     throw std::runtime_error(fmt::format("PciDovImpl: {} has no mappable size ({} bytes)", path_,
                                          static_cast<long long>(st.st_size)));
-  }
-  std::size_t const size = std::size_t(st.st_size);
-  void* const base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  int const mapErr = errno;
-  // The mapping keeps the resource open; the descriptor is not needed any more.
-  ::close(fd);
-  if (base == MAP_FAILED) throw std::runtime_error(systemError("map", path_, mapErr));
-  base_ = static_cast<unsigned char*>(base);
-  size_ = size;
+  // The mapping keeps the resource open; the descriptor closes when the constructor ends.
+  map_ = Kiv::MemoryMap(fd.get(), std::size_t(st.st_size), true);
+  if (!map_) throw std::runtime_error(systemError("map", path_, errno));
   readyIs(true);
-  kTrace.line(2, "Mapped {} ({:#x} bytes){}", path_, size_, guardsPlainAccess_ ? ", guarding plain accesses" : "");
+  kTrace.line(2, "Mapped {} ({:#x} bytes){}", path_, map_.size(), guardsPlainAccess_ ? ", guarding plain accesses" : "");
 }
 
-PciDovImpl::~PciDovImpl() {
-  if (base_ != nullptr) ::munmap(base_, size_);
-}
+PciDovImpl::~PciDovImpl() = default;
 
 char const* PciDovImpl::kind() const { return "PciDovImpl"; }
 
@@ -125,9 +108,9 @@ std::string PciDovImpl::resourcePath(std::string const& pciAddress, int barIndex
 void PciDovImpl::throwOutOfRange(U32 offset) const {
   if ((offset & 3u) != 0)
     throw std::out_of_range(fmt::format("PciDovImpl: offset {:#x} is not 4-byte aligned (size {:#x}, {})",
-                                        offset, size_, path_));
+                                        offset, map_.size(), path_));
   throw std::out_of_range(
-      fmt::format("PciDovImpl: offset {:#x} is outside the mapping (size {:#x}, {})", offset, size_, path_));
+      fmt::format("PciDovImpl: offset {:#x} is outside the mapping (size {:#x}, {})", offset, map_.size(), path_));
 }
 
 void PciDovImpl::noteFault(char const* access, U32 offset) {

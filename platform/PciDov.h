@@ -28,9 +28,10 @@
 /// is the owner's statement about the device, and the mapping stays valid until
 /// the object dies.
 
-#include "Export.h"
-#include "KivPtr.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/MemoryMap.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <string>
@@ -63,7 +64,7 @@ public:
   /// @throws std::runtime_error naming the path and the system's reason when
   ///         the file cannot be opened, is not a regular file, is empty or cannot be mapped.
   explicit PciDovImpl(std::string path, bool managesSigbus = false);
-  ~PciDovImpl() override;
+  ~PciDovImpl() override;  // unmaps
 
   /// @brief "PciDovImpl".
   char const* kind() const override;
@@ -83,7 +84,7 @@ public:
   bool lastAccessFaulted() const noexcept { return lastAccessFaulted_; }
 
   /// @brief Size of the mapping in bytes.
-  std::size_t size() const noexcept { return size_; }
+  std::size_t size() const noexcept { return map_.size(); }
   /// @brief The mapped file.
   std::string const& path() const noexcept { return path_; }
 
@@ -98,16 +99,15 @@ public:
 
 private:
   U32 volatile* word(U32 offset) const {
-    if ((offset & 3u) != 0 || size_ < 4 || offset > size_ - 4) [[unlikely]]
+    if ((offset & 3u) != 0 || map_.size() < 4 || offset > map_.size() - 4) [[unlikely]]
       throwOutOfRange(offset);
-    return reinterpret_cast<U32 volatile*>(base_ + offset);
+    return reinterpret_cast<U32 volatile*>(map_.data() + offset);
   }
   [[noreturn]] void throwOutOfRange(U32 offset) const;
   void noteFault(char const* access, U32 offset);
 
   std::string path_;
-  unsigned char* base_ = nullptr;
-  std::size_t size_ = 0;
+  Kiv::MemoryMap map_;
   bool managesSigbus_ = false;
   bool guardsPlainAccess_ = false;
   bool lastAccessFaulted_ = false;

@@ -1,6 +1,6 @@
-#include "ShmBell.h"
+#include "TarnRegFile/platform/ShmBell.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 
@@ -14,7 +14,6 @@
 #include <linux/membarrier.h>
 #include <sys/file.h>
 #include <sys/inotify.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -30,8 +29,7 @@ constexpr U32 kMagic = 0x4C45424Bu;  // the bytes "KBEL"
 constexpr U32 kVersion = 1;
 constexpr U32 kMagicWord = 0, kVersionWord = 1, kWatchersWord = 2, kRungWord = 3, kRingsWord = 4;
 
-U32* wordsOf(void* map) { return static_cast<U32*>(map); }
-std::atomic_ref<U32> word(void* map, U32 index) { return std::atomic_ref<U32>(wordsOf(map)[index]); }
+std::atomic_ref<U32> word(U32* words, U32 index) { return std::atomic_ref<U32>(words[index]); }
 
 [[noreturn]] void throwErrno(std::string_view path, std::string_view what) {
   throw std::runtime_error(fmt::format("shared-memory table '{}': cannot {}: {}", path, what, std::strerror(errno)));
@@ -72,9 +70,9 @@ Fd openBellFile(Root const& root, Root::Place const& where, GroupMode group) {
       fmt::format("shared-memory table '{}': its bell file keeps being replaced; cannot open it", where.path));
 }
 
-void* mapBell(int fd, std::string_view path) {
-  void* map = ::mmap(nullptr, Bell::kBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  if (map == MAP_FAILED)
+MemoryMap mapBell(int fd, std::string_view path) {
+  MemoryMap map(fd, Bell::kBytes, true);
+  if (!map)
     throwErrno(path, "map the bell file");
   return map;
 }
@@ -98,27 +96,15 @@ void globalBarrier() {
 U32 Bell::nobody_ = 0;
 
 Bell::Bell(Bell&& other) noexcept
-    : watchers_(std::exchange(other.watchers_, &nobody_)), map_(std::exchange(other.map_, nullptr)),
-      fd_(std::move(other.fd_)) {}
+    : watchers_(std::exchange(other.watchers_, &nobody_)), fd_(std::move(other.fd_)), map_(std::move(other.map_)) {}
 
 Bell& Bell::operator=(Bell&& other) noexcept {
   if (this != &other) {
-    reset();
     watchers_ = std::exchange(other.watchers_, &nobody_);
-    map_ = std::exchange(other.map_, nullptr);
-    fd_ = std::move(other.fd_);
+    map_ = std::move(other.map_);
+    fd_ = std::move(other.fd_);  // closing the old bell wakes its watchers: that writer is gone
   }
   return *this;
-}
-
-Bell::~Bell() { reset(); }
-
-void Bell::reset() noexcept {
-  if (map_ != nullptr)
-    ::munmap(map_, kBytes);
-  map_ = nullptr;
-  watchers_ = &nobody_;
-  fd_.reset();  // closing a bell opened for writing wakes its watchers: this writer is gone
 }
 
 Bell Bell::attach(Root const& root, Root::Place const& where, GroupMode group) {
@@ -127,21 +113,21 @@ Bell Bell::attach(Root const& root, Root::Place const& where, GroupMode group) {
   Bell bell;
   bell.fd_ = openBellFile(root, where, group);
   bell.map_ = mapBell(bell.fd_.get(), where.path);
-  bell.watchers_ = &wordsOf(bell.map_)[kWatchersWord];
+  U32* const words = bell.words();
+  bell.watchers_ = &words[kWatchersWord];
   // Every live watcher holds a shared lock: getting the exclusive one means the count is
   // only what killed watchers left behind.
-  if (::flock(bell.fd_.get(), LOCK_EX | LOCK_NB) == 0) {
-    if (U32 const stale = word(bell.map_, kWatchersWord).exchange(0); stale != 0)
+  if (FileLock const alone(bell.fd_.get(), LOCK_EX | LOCK_NB); alone.held()) {
+    if (U32 const stale = word(words, kWatchersWord).exchange(0); stale != 0)
       kTrace.line(1, "shared-memory table '{}': {} watcher(s) registered but none alive; count reset", where.path,
                   stale);
-    word(bell.map_, kRungWord).store(0);
-    ::flock(bell.fd_.get(), LOCK_UN);
+    word(words, kRungWord).store(0);
   }
   if (bell.watchers() != 0) {
     // A new writer may have completed a write its predecessor left half done, or that
     // predecessor died between setting the flag and ringing: ring whatever the flag says.
-    word(bell.map_, kRungWord).store(1);
-    U32 const rings = word(bell.map_, kRingsWord).load() + 1;
+    word(words, kRungWord).store(1);
+    U32 const rings = word(words, kRingsWord).load() + 1;
     (void)::pwrite(bell.fd_.get(), &rings, sizeof rings, kRingsWord * 4);
   }
   return bell;
@@ -149,9 +135,9 @@ Bell Bell::attach(Root const& root, Root::Place const& where, GroupMode group) {
 
 void Bell::ringWatched() noexcept {
   // The change is published; the exchange orders it before the flag (a full barrier).
-  if (word(map_, kRungWord).exchange(1) != 0)
+  if (word(words(), kRungWord).exchange(1) != 0)
     return;  // rung already and not yet answered: the watchers will read this change too
-  U32 const rings = word(map_, kRingsWord).load(std::memory_order_relaxed) + 1;
+  U32 const rings = word(words(), kRingsWord).load(std::memory_order_relaxed) + 1;
   // The write itself is the signal (inotify IN_MODIFY to every watcher); the count it stores is for inspection.
   (void)::pwrite(fd_.get(), &rings, sizeof rings, kRingsWord * 4);
 }
@@ -161,33 +147,27 @@ void Bell::ringWatched() noexcept {
 Watcher::Watcher(Root const& root, std::string_view path, GroupMode group) : path_(path) {
   Root::Place const where = root.place(path, true, group);
   bell_ = openBellFile(root, where, group);
-  map_ = mapBell(bell_.get(), path_);
+  MemoryMap map = mapBell(bell_.get(), path_);
   inotify_ = Fd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-  if (!inotify_) {
-    ::munmap(map_, Bell::kBytes);
+  if (!inotify_)
     throwErrno(path_, "create an inotify descriptor");
-  }
   // The bell as opened (not a name that could be replaced meanwhile), through its /proc link.
   std::string const self = fmt::format("/proc/self/fd/{}", bell_.get());
-  if (::inotify_add_watch(inotify_.get(), self.c_str(), IN_MODIFY | IN_CLOSE_WRITE) < 0) {
-    ::munmap(map_, Bell::kBytes);
+  if (::inotify_add_watch(inotify_.get(), self.c_str(), IN_MODIFY | IN_CLOSE_WRITE) < 0)
     throwErrno(path_, "watch the bell file");
-  }
-  while (::flock(bell_.get(), LOCK_SH) != 0) {
-    if (errno != EINTR) {
-      ::munmap(map_, Bell::kBytes);
-      throwErrno(path_, "lock the bell file");
-    }
-  }
-  word(map_, kWatchersWord).fetch_add(1);
+  alive_ = FileLock(bell_.get(), LOCK_SH);
+  if (!alive_.held())
+    throwErrno(path_, "lock the bell file");
+  map_ = std::move(map);  // from here on the watcher counts, and unregisters when it goes
+  word(words(), kWatchersWord).fetch_add(1);
   globalBarrier();
-  word(map_, kRungWord).exchange(0);
+  word(words(), kRungWord).exchange(0);
   kTrace.line(2, "watching shared-memory table '{}'", path_);
 }
 
 Watcher::Watcher(Watcher&& other) noexcept
     : path_(std::move(other.path_)), inotify_(std::move(other.inotify_)), bell_(std::move(other.bell_)),
-      map_(std::exchange(other.map_, nullptr)) {}
+      map_(std::move(other.map_)), alive_(std::move(other.alive_)) {}
 
 Watcher& Watcher::operator=(Watcher&& other) noexcept {
   if (this != &other) {
@@ -195,7 +175,8 @@ Watcher& Watcher::operator=(Watcher&& other) noexcept {
     path_ = std::move(other.path_);
     inotify_ = std::move(other.inotify_);
     bell_ = std::move(other.bell_);
-    map_ = std::exchange(other.map_, nullptr);
+    map_ = std::move(other.map_);
+    alive_ = std::move(other.alive_);
   }
   return *this;
 }
@@ -203,11 +184,11 @@ Watcher& Watcher::operator=(Watcher&& other) noexcept {
 Watcher::~Watcher() { unregister(); }
 
 void Watcher::unregister() noexcept {
-  if (map_ == nullptr)
+  if (!map_)
     return;
-  word(map_, kWatchersWord).fetch_sub(1);
-  ::munmap(map_, Bell::kBytes);
-  map_ = nullptr;
+  word(words(), kWatchersWord).fetch_sub(1);
+  map_.reset();
+  alive_.unlock();
   bell_.reset();
   inotify_.reset();
 }
@@ -230,7 +211,7 @@ bool Watcher::dispatch() {
   if (!happened)
     return false;
   // Cleared before the caller reads: a commit after this point rings again.
-  word(map_, kRungWord).exchange(0);
+  word(words(), kRungWord).exchange(0);
   return true;
 }
 

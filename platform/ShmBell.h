@@ -53,9 +53,12 @@
 /// watcher that needs it, nameless and complete before it is named. A watcher
 /// may be created before its table exists: it is rung when a writer creates it.
 
-#include "Export.h"
-#include "ShmRoot.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/FileLock.h"
+#include "TarnRegFile/platform/MemoryMap.h"
+#include "TarnRegFile/platform/ShmRoot.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <atomic>
 #include <string>
@@ -74,7 +77,8 @@ public:
   Bell& operator=(Bell&& other) noexcept;
   Bell(Bell const&) = delete;
   Bell& operator=(Bell const&) = delete;
-  ~Bell();
+  /// @brief Closes the bell, which wakes the watchers: this writer is gone.
+  ~Bell() = default;
 
   /// @brief Opens (creating when missing) the bell of the table at @p where, as its writer.
   ///
@@ -97,12 +101,12 @@ public:
 
 private:
   void ringWatched() noexcept;
-  void reset() noexcept;
+  U32* words() const noexcept { return reinterpret_cast<U32*>(map_.data()); }
 
-  static U32 nobody_;          ///< what an unattached bell's count points at: always 0
-  U32* watchers_ = &nobody_;   ///< in the mapping
-  void* map_ = nullptr;
+  static U32 nobody_;         ///< what an unattached bell's count points at: always 0
+  U32* watchers_ = &nobody_;  ///< in map_
   Fd fd_;
+  MemoryMap map_;
 };
 
 /// @brief A watcher of one table (see the file comment). Movable; owns its descriptor.
@@ -133,11 +137,13 @@ public:
 
 private:
   void unregister() noexcept;
+  U32* words() const noexcept { return reinterpret_cast<U32*>(map_.data()); }
 
   std::string path_;
   Fd inotify_;
   Fd bell_;
-  void* map_ = nullptr;
+  MemoryMap map_;
+  FileLock alive_;  ///< shared, for the watcher's life; released before bell_ closes
 };
 
 }  // namespace Kiv::Shm

@@ -18,8 +18,8 @@
 /// through this object (write, commitSlot, remove of a present key); changes
 /// made by other processes show in the table's changeCounter().
 
-#include "ShmTable.h"
-#include "Types.h"
+#include "TarnRegFile/platform/ShmTable.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <array>
 #include <cstddef>

@@ -32,12 +32,12 @@
 /// exception's message to a process-wide handler (`reportCorruption`), which
 /// by default writes a level-0 trace line and can be replaced.
 
-#include "Export.h"
-#include "KivEntity.h"
-#include "KivPtr.h"
-#include "KivString.h"
-#include "ShmRoot.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/ShmRoot.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <functional>
 #include <map>

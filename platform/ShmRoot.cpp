@@ -1,6 +1,6 @@
-#include "ShmRoot.h"
+#include "TarnRegFile/platform/ShmRoot.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 
@@ -49,22 +49,6 @@ void checkDirectory(int fd, std::string_view path, std::string_view name) {
 }
 
 }  // namespace
-
-Fd& Fd::operator=(Fd&& other) noexcept {
-  if (this != &other) {
-    reset();
-    fd_ = other.release();
-  }
-  return *this;
-}
-
-int Fd::release() noexcept { return std::exchange(fd_, -1); }
-
-void Fd::reset() noexcept {
-  if (fd_ >= 0)
-    ::close(fd_);
-  fd_ = -1;
-}
 
 Root::Root(std::string dir) : dir_(std::move(dir)) {}
 

@@ -15,8 +15,9 @@
 /// the owner asks for group access. A directory that everybody may write to is
 /// refused: anyone could plant entries in it.
 
-#include "Export.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <string>
 #include <string_view>
@@ -27,30 +28,6 @@ namespace Kiv::Shm {
 enum class GroupMode : U8 {
   Private,  ///< files 0600, directories 0700
   Group,    ///< files 0660, directories 0750
-};
-
-/// @brief Owns one file descriptor and closes it on destruction.
-class TARN_API Fd {
-public:
-  Fd() = default;
-  explicit Fd(int fd) noexcept : fd_(fd) {}
-  ~Fd() { reset(); }
-  Fd(Fd&& other) noexcept : fd_(other.release()) {}
-  Fd& operator=(Fd&& other) noexcept;
-  Fd(Fd const&) = delete;
-  Fd& operator=(Fd const&) = delete;
-
-  /// @brief The descriptor, or -1.
-  int get() const noexcept { return fd_; }
-  /// @brief True when a descriptor is held.
-  explicit operator bool() const noexcept { return fd_ >= 0; }
-  /// @brief Gives the descriptor up without closing it.
-  int release() noexcept;
-  /// @brief Closes the held descriptor, if any.
-  void reset() noexcept;
-
-private:
-  int fd_ = -1;
 };
 
 /// @brief A root directory of shared-memory tables.

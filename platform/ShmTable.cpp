@@ -1,6 +1,8 @@
-#include "ShmTable.h"
+#include "TarnRegFile/platform/ShmTable.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/ShmTableFile.h"
+#include "TarnRegFile/platform/ShmTableLayout.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 
@@ -13,290 +15,18 @@
 #include <utility>
 
 #include <sched.h>
-#include <sys/file.h>
-#include <sys/mman.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace Kiv::Shm {
 
+using namespace layout;
+
 namespace {
 
 Kiv::TraceHandle kTrace("Shm/Table");
 
-static_assert(std::endian::native == std::endian::little, "the table layout is little-endian");
-
-constexpr U32 kMagic = 0x4C42544Bu;  // the bytes "KTBL"
-constexpr U32 kEmpty = 0;
-constexpr U32 kUsed = 1;
-constexpr U32 kDeleted = 2;
-constexpr U32 kNoBucket = ~0u;
-constexpr U32 kMaxReadAttempts = 100000;
-constexpr U64 kMaxFileBytes = U64{1} << 30;
-constexpr U32 kMinBuckets = 16;  // a new table's buckets, when its capacity needs that many
-// Layout 1 differs only in its capacity: a fixed word under the header check, which
-// set the bucket count to bit_ceil(2 x capacity). Tables of layout 1 are read, and
-// a writer attaching to one rebuilds it in the current layout.
-constexpr U32 kLayout1 = 1;
-
-/// The file header. The words before headerCheck never change after creation and are covered by it.
-struct Header {
-  U32 magic;          // 0
-  U32 layoutVersion;  // 4
-  U32 headerBytes;    // 8
-  U32 valueSize;      // 12
-  U32 keySize;        // 16
-  U32 layout1Capacity;  // 20: 0; layout 1 kept its fixed capacity here
-  U32 bucketCount;    // 24
-  U32 bucketBytes;    // 28
-  U32 slotOffset;     // 32
-  U32 journalOffset;  // 36
-  U32 bucketsOffset;  // 40
-  U32 seed;           // 44
-  U32 headerCheck;    // 48
-  U32 retired;        // 52: 1 once a rebuilt file replaces this one
-  U32 reserved1[2];   // 56
-  // A separate cache line: the writer changes these on every write, readers
-  // poll `retired` on every operation.
-  U32 writerPid;        // 64
-  U32 size;             // 68
-  U32 changeCounter;    // 72
-  U32 capacity;         // 76: the most entries the table may hold; only a writer raises it, in place
-  U32 reserved2[12];    // 80
-};
-static_assert(sizeof(Header) == Table::kHeaderBytes);
-static_assert(offsetof(Header, bucketsOffset) == 40 && offsetof(Header, seed) == 44);
-static_assert(offsetof(Header, headerCheck) == 48 && offsetof(Header, retired) == 52);
-static_assert(offsetof(Header, writerPid) == 64 && offsetof(Header, size) == 68);
-static_assert(offsetof(Header, changeCounter) == 72 && offsetof(Header, capacity) == 76);
-constexpr U32 kCheckedHeaderWords = offsetof(Header, headerCheck) / 4;
-
-// An entry (the image of one bucket): seq, state, hash, check, then the value
-// as stride/4 words. The journal is a seq word, a bucket index and an entry image.
-constexpr U32 kSeq = 0, kState = 1, kHash = 2, kCheck = 3, kData = 4;
-constexpr U32 kJournalSeq = 0, kJournalBucket = 1, kJournalImage = 2;
-
-/// Sizes derived from the value size, key size and bucket count.
-struct Geometry {
-  U32 valueSize = 0;
-  U32 keySize = 0;
-  U32 stride = 0;  // value size rounded up to whole words
-  U32 bucketCount = 0;
-  U32 homeShift = 0;  // 32 - log2(bucketCount)
-  U32 bucketBytes = 0;
-  U32 slotOffset = 0;
-  U32 journalOffset = 0;
-  U32 bucketsOffset = 0;
-  U64 fileBytes = 0;
-};
-
-constexpr U32 roundUp64(U32 bytes) { return (bytes + 63u) & ~63u; }
-
-/// Assumes sizes within their limits and a power-of-two bucket count of at least 2 (checked by the callers).
-Geometry geometryOf(U32 valueSize, U32 keySize, U32 bucketCount) {
-  Geometry g;
-  g.valueSize = valueSize;
-  g.keySize = keySize;
-  g.stride = (valueSize + 3u) & ~3u;
-  g.bucketCount = bucketCount;
-  g.homeShift = 32u - static_cast<U32>(std::countr_zero(g.bucketCount));
-  U32 const entryBytes = 4 * kData + g.stride;
-  // Buckets never straddle cache lines needlessly: a power of two up to a line, whole lines beyond.
-  g.bucketBytes = entryBytes <= 64 ? std::bit_ceil(entryBytes) : roundUp64(entryBytes);
-  g.slotOffset = Table::kHeaderBytes;
-  g.journalOffset = g.slotOffset + roundUp64(g.stride);
-  g.bucketsOffset = g.journalOffset + roundUp64(4 * kJournalImage + entryBytes);
-  g.fileBytes = g.bucketsOffset + U64{g.bucketCount} * g.bucketBytes;
-  return g;
-}
-
-/// The first bucket probed for @p hash. Fibonacci hashing takes the top bits of
-/// a multiple, so a caller's hash with weak low bits still spreads evenly.
-inline U32 homeOf(Geometry const& g, U32 hash) { return (hash * 0x9E3779B1u) >> g.homeShift; }
-
-bool sizesPlausible(U32 valueSize, U32 keySize) {
-  return valueSize >= 1 && valueSize <= Table::kMaxValueSize && keySize >= 1 && keySize <= valueSize;
-}
-
-bool capacityPlausible(U32 capacity) { return capacity >= 1 && capacity <= Table::kMaxCapacity; }
-
-/// The most buckets a file of these values may have: the largest power of two that keeps it within kMaxFileBytes.
-U32 fileBucketLimit(U32 valueSize, U32 keySize) {
-  Geometry const g = geometryOf(valueSize, keySize, 2);
-  return static_cast<U32>(std::bit_floor((kMaxFileBytes - g.bucketsOffset) / g.bucketBytes));
-}
-
-/// The most buckets a table limited to @p capacity entries ever needs: twice the
-/// capacity (so that a full table is at most half used), within the file limit.
-U32 bucketCeiling(U32 valueSize, U32 keySize, U32 capacity) {
-  return static_cast<U32>(std::min<U64>(std::bit_ceil(U64{2} * capacity), fileBucketLimit(valueSize, keySize)));
-}
-
-/// Buckets for @p entries: twice as many (at least kMinBuckets), at most @p ceiling.
-U32 bucketsFor(U32 entries, U32 ceiling) {
-  return static_cast<U32>(std::min<U64>(ceiling, std::max<U64>(kMinBuckets, std::bit_ceil(U64{2} * entries))));
-}
-
-/// Entries and deleted markers together may fill three quarters of the buckets; beyond, probes get long.
-constexpr U32 crowdedAt(U32 bucketCount) { return bucketCount - bucketCount / 4; }
-
-// Everything in the mapping is read and written as whole 32-bit atomics so
-// that readers racing with the writer (in any process) are well defined.
-inline U32 loadAcquire(U32 const& word) {
-  return std::atomic_ref<U32>(const_cast<U32&>(word)).load(std::memory_order_acquire);
-}
-inline U32 loadRelaxed(U32 const& word) {
-  return std::atomic_ref<U32>(const_cast<U32&>(word)).load(std::memory_order_relaxed);
-}
-inline void storeRelaxed(U32& word, U32 value) { std::atomic_ref<U32>(word).store(value, std::memory_order_relaxed); }
-inline void storeRelease(U32& word, U32 value) { std::atomic_ref<U32>(word).store(value, std::memory_order_release); }
-
-/// One step of the check: xor, multiply by an odd constant, rotate; each a bijection.
-/// (The rotation keeps a difference in the top bit from cancelling against the next word.)
-constexpr U32 mix(U32 sum, U32 word) { return std::rotl((sum ^ word) * 0x9E3779B1u, 15); }
-constexpr U32 checkBasis(U32 bucket) { return mix(0x811C9DC5u, bucket); }
-
-/// What a read of an entry image found, with the check it should carry.
-struct Image {
-  U32 state;
-  U32 hash;
-  U32 check;     // as stored
-  U32 computed;  // from the words read
-};
-
-/// Reads the image at @p image (its tag given separately), copying the value into @p out.
-inline Image readImage(Geometry const& g, U32 bucket, U32 tag, U32 const* image, std::byte* out) {
-  Image r;
-  r.state = loadRelaxed(image[kState]);
-  r.hash = loadRelaxed(image[kHash]);
-  r.check = loadRelaxed(image[kCheck]);
-  U32 sum = mix(mix(mix(checkBasis(bucket), tag), r.state), r.hash);
-  U32 const fullWords = g.valueSize / 4;
-  U32 const tailBytes = g.valueSize % 4;
-  U32 const* data = image + kData;
-  for (U32 i = 0; i < fullWords; ++i) {
-    U32 const word = loadRelaxed(data[i]);
-    sum = mix(sum, word);
-    std::memcpy(out + 4 * i, &word, 4);
-  }
-  if (tailBytes != 0) {
-    U32 const word = loadRelaxed(data[fullWords]);
-    sum = mix(sum, word);
-    std::byte* tail = out + 4 * fullWords;
-    switch (tailBytes) {  // cheaper than a call to memcpy for one to three bytes
-      case 3:
-        tail[2] = static_cast<std::byte>(word >> 16);
-        [[fallthrough]];
-      case 2:
-        tail[1] = static_cast<std::byte>(word >> 8);
-        [[fallthrough]];
-      default:
-        tail[0] = static_cast<std::byte>(word);
-    }
-  }
-  r.computed = sum;
-  return r;
-}
-
-/// Writes state, hash, value (zero-padded; all zero when @p value is null) and check of an image.
-inline void fillImage(Geometry const& g, U32* image, U32 bucket, U32 tag, U32 state, U32 hash,
-                      std::byte const* value) {
-  storeRelaxed(image[kState], state);
-  storeRelaxed(image[kHash], hash);
-  U32 sum = mix(mix(mix(checkBasis(bucket), tag), state), hash);
-  U32 const fullWords = g.valueSize / 4;
-  U32 const tailBytes = g.valueSize % 4;
-  U32* const data = image + kData;
-  for (U32 i = 0; i < fullWords; ++i) {
-    U32 word = 0;
-    if (value != nullptr)
-      std::memcpy(&word, value + 4 * i, 4);
-    sum = mix(sum, word);
-    storeRelaxed(data[i], word);
-  }
-  if (tailBytes != 0) {
-    U32 word = 0;
-    for (U32 i = 0; value != nullptr && i < tailBytes; ++i)
-      word |= U32{static_cast<U8>(value[4 * fullWords + i])} << (8 * i);
-    sum = mix(sum, word);
-    storeRelaxed(data[fullWords], word);
-  }
-  storeRelaxed(image[kCheck], sum);
-}
-
-U32 headerCheckOf(Header const& h) {
-  U32 const* words = &h.magic;
-  U32 sum = 0x811C9DC5u;
-  for (U32 i = 0; i < kCheckedHeaderWords; ++i)
-    sum = mix(sum, loadRelaxed(words[i]));
-  return sum;
-}
-
-U32 randomSeed() {
-  U32 seed = 0;
-  if (::getrandom(&seed, sizeof seed, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof seed))
-    seed = static_cast<U32>(::getpid()) * 0x9E3779B1u ^ static_cast<U32>(reinterpret_cast<std::uintptr_t>(&seed));
-  return seed;
-}
-
-[[noreturn]] void throwCorrupt(std::string_view path, std::string_view what) {
-  std::string message = fmt::format("shared-memory table '{}' is corrupt: {}", path, what);
-  kTrace.line(0, "{}", message);
-  throw CorruptionException(message);
-}
-
-[[noreturn]] void throwErrno(std::string_view path, std::string_view what) {
-  throw std::runtime_error(fmt::format("shared-memory table '{}': cannot {}: {}", path, what, std::strerror(errno)));
-}
-
-bool sameFile(int fd, Root::Place const& where) {
-  struct stat mine {}, named {};
-  return ::fstat(fd, &mine) == 0 && ::fstatat(where.dir.get(), where.leaf.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-         mine.st_dev == named.st_dev && mine.st_ino == named.st_ino;
-}
-
-/// Takes the writer lock or explains who holds it.
-void lockWriter(int fd, std::string_view path) {
-  if (::flock(fd, LOCK_EX | LOCK_NB) == 0)
-    return;
-  if (errno != EWOULDBLOCK)
-    throwErrno(path, "lock the table for writing");
-  U32 pid = 0;
-  if (::pread(fd, &pid, sizeof pid, offsetof(Header, writerPid)) == static_cast<ssize_t>(sizeof pid) && pid != 0)
-    throw std::runtime_error(fmt::format("shared-memory table '{}' already has a writer (pid {})", path, pid));
-  throw std::runtime_error(fmt::format("shared-memory table '{}' already has a writer", path));
-}
-
 }  // namespace
-
-struct Table::Mapping {
-  std::byte* base = nullptr;
-  std::size_t bytes = 0;
-  Fd fd;  // the writer's lock lives on it
-  Geometry geo;
-  U32 seed = 0;
-  dev_t dev = 0;
-  ino_t ino = 0;
-
-  Mapping() = default;
-  Mapping(Mapping const&) = delete;
-  Mapping& operator=(Mapping const&) = delete;
-  ~Mapping() {
-    if (base != nullptr)
-      ::munmap(base, bytes);
-  }
-
-  Header& header() const { return *reinterpret_cast<Header*>(base); }
-  U32* bucket(U32 index) const {
-    return reinterpret_cast<U32*>(base + geo.bucketsOffset + std::size_t{index} * geo.bucketBytes);
-  }
-  U32* journal() const { return reinterpret_cast<U32*>(base + geo.journalOffset); }
-  U32 capacity() const {
-    return layoutVersion == kLayout1 ? loadRelaxed(header().layout1Capacity) : loadAcquire(header().capacity);
-  }
-  U32 layoutVersion = Table::kLayoutVersion;
-};
 
 // ---- construction ---------------------------------------------------------------------------------------------
 
@@ -309,108 +39,6 @@ Table& Table::operator=(Table&&) noexcept = default;
 Table::~Table() {
   if (writer_ && map_)
     storeRelaxed(map_->header().writerPid, 0);
-}
-
-std::shared_ptr<Table::Mapping> Table::mapFile(Fd fd, bool writable, std::string const& path) {
-  struct stat st {};
-  if (::fstat(fd.get(), &st) != 0)
-    throwErrno(path, "inspect the table file");
-  U64 const fileBytes = static_cast<U64>(st.st_size);
-  if (fileBytes < kHeaderBytes)
-    throwCorrupt(path, fmt::format("the file is {} bytes, too small for a header", fileBytes));
-  if (fileBytes > kMaxFileBytes)
-    throwCorrupt(path, fmt::format("the file is {} bytes, larger than any table", fileBytes));
-
-  auto map = std::make_shared<Mapping>();
-  map->bytes = static_cast<std::size_t>(fileBytes);
-  int const prot = writable ? PROT_READ | PROT_WRITE : PROT_READ;
-  void* base = ::mmap(nullptr, map->bytes, prot, MAP_SHARED, fd.get(), 0);
-  if (base == MAP_FAILED)
-    throwErrno(path, "map the table file");
-  map->base = static_cast<std::byte*>(base);
-  map->dev = st.st_dev;
-  map->ino = st.st_ino;
-
-  Header const& h = map->header();
-  U32 const magic = loadRelaxed(h.magic);
-  if (magic != kMagic)
-    throwCorrupt(path, fmt::format("bad magic {:#010x}", magic));
-  U32 const version = loadRelaxed(h.layoutVersion);
-  if (version != kLayoutVersion && version != kLayout1)
-    throwCorrupt(path, fmt::format("layout version {}, this build reads versions {} and {}", version, kLayout1,
-                                   kLayoutVersion));
-  map->layoutVersion = version;
-  if (loadRelaxed(h.headerCheck) != headerCheckOf(h))
-    throwCorrupt(path, "header check mismatch");
-  U32 const valueSize = loadRelaxed(h.valueSize);
-  U32 const keySize = loadRelaxed(h.keySize);
-  U32 const bucketCount = loadRelaxed(h.bucketCount);
-  U32 const capacity = map->capacity();  // a writer may raise it meanwhile, never lower it
-  if (!sizesPlausible(valueSize, keySize) || !capacityPlausible(capacity) || !std::has_single_bit(bucketCount) ||
-      bucketCount < 2 || bucketCount > bucketCeiling(valueSize, keySize, capacity) ||
-      (version == kLayout1 && bucketCount != std::bit_ceil(U64{2} * capacity)))
-    throwCorrupt(path, fmt::format("impossible sizes: value {}, key {}, {} buckets, capacity {}", valueSize, keySize,
-                                   bucketCount, capacity));
-  Geometry const g = geometryOf(valueSize, keySize, bucketCount);
-  if (loadRelaxed(h.headerBytes) != kHeaderBytes || loadRelaxed(h.bucketBytes) != g.bucketBytes ||
-      (version != kLayout1 && loadRelaxed(h.layout1Capacity) != 0) || loadRelaxed(h.slotOffset) != g.slotOffset ||
-      loadRelaxed(h.journalOffset) != g.journalOffset || loadRelaxed(h.bucketsOffset) != g.bucketsOffset)
-    throwCorrupt(path, "the header's layout fields disagree with its sizes");
-  if (g.fileBytes != fileBytes)
-    throwCorrupt(path, fmt::format("the file is {} bytes, its header describes {}", fileBytes, g.fileBytes));
-  if (loadRelaxed(h.retired) > 1)
-    throwCorrupt(path, "bad retired flag");
-  map->geo = g;
-  map->seed = loadRelaxed(h.seed);
-  map->fd = std::move(fd);
-  return map;
-}
-
-std::shared_ptr<Table::Mapping> Table::createFile(Root const& root, Root::Place const& where, GroupMode group,
-                                                  TableSpec shape, U32 bucketCount, U32 seed) {
-  Geometry const g = geometryOf(shape.valueSize, shape.keySize, bucketCount);
-  Fd fd = root.createUnnamed(where, group);
-  // Allocated now, so that a full tmpfs is this clear error rather than a SIGBUS on a later write.
-  if (int const error = ::posix_fallocate(fd.get(), 0, static_cast<off_t>(g.fileBytes)); error != 0) {
-    errno = error;
-    throwErrno(where.path, fmt::format("allocate {} bytes for the table file", g.fileBytes));
-  }
-  if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0)  // nobody else can see the file yet
-    throwErrno(where.path, "lock the new table file");
-  auto map = std::make_shared<Mapping>();
-  map->bytes = static_cast<std::size_t>(g.fileBytes);
-  void* base = ::mmap(nullptr, map->bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-  if (base == MAP_FAILED)
-    throwErrno(where.path, "map the table file");
-  map->base = static_cast<std::byte*>(base);
-  map->geo = g;
-  map->seed = seed;
-  struct stat st {};
-  ::fstat(fd.get(), &st);
-  map->dev = st.st_dev;
-  map->ino = st.st_ino;
-  map->fd = std::move(fd);
-
-  Header& h = map->header();  // the file is fresh: all zero
-  h.magic = kMagic;
-  h.layoutVersion = kLayoutVersion;
-  h.headerBytes = kHeaderBytes;
-  h.valueSize = g.valueSize;
-  h.keySize = g.keySize;
-  h.bucketCount = g.bucketCount;
-  h.bucketBytes = g.bucketBytes;
-  h.slotOffset = g.slotOffset;
-  h.bucketsOffset = g.bucketsOffset;
-  h.seed = seed;
-  h.journalOffset = g.journalOffset;
-  h.headerCheck = headerCheckOf(h);
-  h.writerPid = static_cast<U32>(::getpid());
-  h.capacity = shape.capacity;
-
-  // Every entry starts empty under seq 0, with a valid check; the journal is empty (seq 0).
-  for (U32 b = 0; b < g.bucketCount; ++b)
-    fillImage(g, map->bucket(b), b, 0, kEmpty, 0, nullptr);
-  return map;
 }
 
 Table Table::openWriter(Root const& root, std::string_view path, TableSpec shape, GroupMode group) {
@@ -433,21 +61,24 @@ Table Table::openWriter(Root const& root, std::string_view path, TableSpec shape
     Fd fd = root.openFile(where, true);
     if (!fd) {
       table.limitIs(shape);
-      auto fresh = createFile(root, where, group, shape,
-                              bucketsFor(std::min(shape.expectedEntries, shape.capacity), table.ceiling_), randomSeed());
+      auto fresh = TableFile::create(root, where, group, shape,
+                                         bucketsFor(std::min(shape.expectedEntries, shape.capacity), table.ceiling_),
+                                         randomSeed());
       if (!root.linkAs(where, fresh->fd.get(), where.leaf))
         continue;  // created by someone else meanwhile: attach to theirs
       table.adopt(std::move(fresh));
       table.scratch_.resize(shape.valueSize);
+      table.bell_ = Bell::attach(root, where, group);
       kTrace.line(1, "created shared-memory table '{}' (capacity {}, {} buckets of {} bytes)", path, shape.capacity,
                   table.map_->geo.bucketCount, table.map_->geo.bucketBytes);
       return table;
     }
-    lockWriter(fd.get(), path);
+    FileLock lock = lockWriter(fd.get(), path);
     if (!sameFile(fd.get(), where))
       continue;  // replaced by a rebuild before we got the lock
-    table.adopt(mapFile(std::move(fd), true, table.path_));
+    table.adopt(TableFile::open(std::move(fd), true, table.path_, std::move(lock)));
     table.attach(shape, where);
+    table.bell_ = Bell::attach(root, where, group);
     return table;
   }
   throw std::runtime_error(fmt::format("shared-memory table '{}' keeps being replaced; cannot attach as writer", path));
@@ -509,7 +140,7 @@ Table Table::openReader(Root const& root, std::string_view path) {
   Fd fd = where.dir ? root.openFile(where, false) : Fd();
   if (!fd)
     throw std::runtime_error(fmt::format("shared-memory table '{}' does not exist", path));
-  table.adopt(mapFile(std::move(fd), false, table.path_));
+  table.adopt(TableFile::open(std::move(fd), false, table.path_));
   return table;
 }
 
@@ -518,7 +149,7 @@ Table Table::openReader(Root const& root, std::string_view path) {
 void Table::rebuild(U32 bucketCount) {
   std::shared_ptr<Mapping> const old = map_;
   Root::Place const where = root_.place(path_, true, group_);
-  auto fresh = createFile(root_, where, group_, TableSpec{old->geo.valueSize, old->geo.keySize, limit_}, bucketCount,
+  auto fresh = TableFile::create(root_, where, group_, TableSpec{old->geo.valueSize, old->geo.keySize, limit_}, bucketCount,
                           old->seed);
   U32 const mask = fresh->geo.bucketCount - 1;
   U32 used = 0;
@@ -578,9 +209,9 @@ void Table::followReplacement() const {
   if (!fd)
     throw std::runtime_error(fmt::format("shared-memory table '{}' was replaced and then removed", path_));
   struct stat st {};
-  if (::fstat(fd.get(), &st) == 0 && st.st_dev == map_->dev && st.st_ino == map_->ino)
+  if (::fstat(fd.get(), &st) == 0 && map_->isFile(st.st_dev, st.st_ino))
     return;  // the replacement is not in place yet; this file still holds every entry
-  adopt(mapFile(std::move(fd), false, path_));
+  adopt(TableFile::open(std::move(fd), false, path_));
   kTrace.line(2, "shared-memory table '{}': reader moved to the rebuilt file", path_);
 }
 
@@ -731,6 +362,7 @@ void Table::countChange() {
   Header& h = map_->header();
   storeRelaxed(h.size, used_);
   storeRelease(h.changeCounter, loadRelaxed(h.changeCounter) + 1);
+  bell_.ringIfWatched();
 }
 
 void Table::requireWriter(char const* operation) const {
@@ -776,7 +408,7 @@ void Table::write(std::byte const* value, U32 hash) {
 
 std::byte* Table::writerSlot() {
   requireWriter("fill the writer slot");
-  return map_->base + map_->geo.slotOffset;
+  return map_->slot();
 }
 
 void Table::commit(U32 hash) { write(writerSlot(), hash); }

@@ -72,10 +72,19 @@
 /// mutable state). A Table object belongs to one thread at a time, const or
 /// not; share the table between threads by giving each its own reader object.
 /// Do not fork a writer: the child would share its lock.
+///
+/// Other processes learn of committed changes without polling through the
+/// table's bell (ShmBell.h, ShmWatch.h): the writer rings it after each change,
+/// at the cost of one load while nobody watches.
+///
+/// Three units: this one (the write and read protocol), ShmTableFile.h (a file as
+/// a process holds it: descriptor, writer lock, mapping, header checks) and
+/// ShmTableLayout.h (the byte layout and its word accessors).
 
-#include "Export.h"
-#include "ShmRoot.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/ShmBell.h"
+#include "TarnRegFile/platform/ShmRoot.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <memory>
@@ -85,6 +94,8 @@
 #include <vector>
 
 namespace Kiv::Shm {
+
+class TableFile;
 
 /// @brief A table was found inconsistent: damaged or not a table of this layout.
 class TARN_API CorruptionException : public std::runtime_error {
@@ -103,7 +114,7 @@ struct TableSpec {
 };
 
 class TARN_API Table {
-  struct Mapping;
+  using Mapping = TableFile;  ///< one mapped file (ShmTableFile.h)
 
 public:
   static constexpr U32 kHeaderBytes = 128;
@@ -205,9 +216,6 @@ private:
 
   Table(Root root, std::string_view path, GroupMode group, bool writer);
 
-  static std::shared_ptr<Mapping> createFile(Root const& root, Root::Place const& where, GroupMode group,
-                                             TableSpec shape, U32 bucketCount, U32 seed);
-  static std::shared_ptr<Mapping> mapFile(Fd fd, bool writable, std::string const& path);
   void attach(TableSpec shape, Root::Place const& where);
   bool replayJournal(Mapping& map);
   void limitIs(TableSpec shape);
@@ -234,6 +242,7 @@ private:
   U32 limit_ = 0;    ///< writer only: the capacity
   U32 ceiling_ = 0;  ///< writer only: the most buckets the capacity and the file limit allow
   std::vector<std::byte> scratch_;
+  Bell bell_;  ///< writer only: rings the table's watchers after each change (ShmBell.h)
 };
 
 }  // namespace Kiv::Shm

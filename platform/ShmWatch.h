@@ -29,10 +29,10 @@
 /// A corrupt table raises CorruptionException from dispatch() (or the
 /// constructor); the values last seen stay the reference.
 
-#include "ShmBell.h"
-#include "ShmCollection.h"
-#include "ShmTable.h"
-#include "Types.h"
+#include "TarnRegFile/platform/ShmBell.h"
+#include "TarnRegFile/platform/ShmCollection.h"
+#include "TarnRegFile/platform/ShmTable.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <algorithm>
 #include <array>
@@ -40,6 +40,7 @@
 #include <cstring>
 #include <functional>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>

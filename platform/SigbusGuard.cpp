@@ -1,4 +1,4 @@
-#include "SigbusGuard.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
 
 #include <atomic>
 #include <cerrno>

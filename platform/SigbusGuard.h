@@ -20,8 +20,8 @@
 /// buffer on the stack (no signal-mask syscall), two thread-local stores and the
 /// access itself.
 
-#include "Export.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <stdexcept>
 

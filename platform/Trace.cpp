@@ -1,4 +1,4 @@
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/args.h>
 #include <fnmatch.h>

@@ -19,7 +19,7 @@
 /// site are. Arguments of other types (the library's value types, enumerations)
 /// are formatted at once, as are lines that also go to text output or a capture.
 
-#include "Export.h"
+#include "TarnRegFile/platform/Export.h"
 
 #include <fmt/format.h>
 

@@ -1,8 +1,9 @@
-#include "Vorm.h"
+#include "TarnRegFile/platform/Vorm.h"
 
-#include "Assert.h"
-#include "KivException.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 
@@ -79,23 +80,7 @@ private:
   size_t size_ = 0;
 };
 
-class Fd {
-public:
-  explicit Fd(int fd = -1) noexcept : fd_(fd) {}
-  Fd(Fd const&) = delete;
-  Fd& operator=(Fd const&) = delete;
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const noexcept { return fd_; }
-  void reset(int fd) noexcept {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
-  }
-
-private:
-  int fd_;
-};
+using Kiv::Fd;
 
 int checkedFd(int fd, char const* what, Kiv::String const& name) {
   if (fd < 0)
@@ -320,9 +305,9 @@ Vorm::Vorm(Kiv::String const& name, std::shared_ptr<VormBackend> backend, Durati
   if (timeout <= Duration::zero()) throw std::runtime_error(fmt::format("Vorm {}: the timeout must be positive", name));
   Impl& m = *impl_;
   m.core = std::make_shared<Core>(std::move(backend), std::string(name.c_str()));
-  m.core->eventFd.reset(checkedFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "eventfd", name));
-  m.timerFd.reset(checkedFd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd", name));
-  m.epollFd.reset(checkedFd(::epoll_create1(EPOLL_CLOEXEC), "epoll descriptor", name));
+  m.core->eventFd = Fd(checkedFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "eventfd", name));
+  m.timerFd = Fd(checkedFd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd", name));
+  m.epollFd = Fd(checkedFd(::epoll_create1(EPOLL_CLOEXEC), "epoll descriptor", name));
   for (int fd : {m.core->eventFd.get(), m.timerFd.get()}) {
     epoll_event ev{};
     ev.events = EPOLLIN;

@@ -57,11 +57,11 @@
 /// and no notification runs (an agent tearing the manager down is tearing down
 /// their observers too). They no longer have a manager: issuing them again throws.
 
-#include "Export.h"
-#include "KivEntity.h"
-#include "KivPtr.h"
-#include "KivString.h"
-#include "Types.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <chrono>
 #include <memory>

@@ -1,6 +1,7 @@
-#include "VormI2cDev.h"
+#include "TarnRegFile/platform/VormI2cDev.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/FileLock.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 
@@ -13,7 +14,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 namespace Hardware {
 namespace {
@@ -59,25 +59,6 @@ int retryingIoctl(int fd, unsigned long request, Arg arg) noexcept {
     ::nanosleep(&pause, nullptr);
   }
 }
-
-// The exclusive lock of the node for one transaction.
-class NodeLock {
-public:
-  explicit NodeLock(int fd) noexcept : fd_(fd) {
-    while ((rc_ = ::flock(fd_, LOCK_EX)) != 0 && errno == EINTR) {
-    }
-  }
-  ~NodeLock() {
-    if (rc_ == 0) ::flock(fd_, LOCK_UN);
-  }
-  NodeLock(NodeLock const&) = delete;
-  NodeLock& operator=(NodeLock const&) = delete;
-  bool held() const noexcept { return rc_ == 0; }
-
-private:
-  int fd_;
-  int rc_;
-};
 
 VormOutcome failed() noexcept { return VormOutcome{VormRequest::kStatusFailed, errno}; }
 
@@ -125,21 +106,17 @@ U32 smbusBlockValue(i2c_smbus_data const& data) noexcept { return bigEndian(&dat
 }  // namespace vormwire
 
 VormI2cDevBackend::VormI2cDevBackend(std::string devNode) : devNode_(std::move(devNode)) {
-  fd_ = ::open(devNode_.c_str(), O_RDWR | O_CLOEXEC);
-  if (fd_ < 0)
+  fd_ = Kiv::Fd(::open(devNode_.c_str(), O_RDWR | O_CLOEXEC));
+  if (!fd_)
     throw std::runtime_error(fmt::format("Error opening I2C device {}: {}", devNode_, std::strerror(errno)));
-  if (::ioctl(fd_, I2C_FUNCS, &functions_) < 0) {
-    int const err = errno;
-    ::close(fd_);
+  if (::ioctl(fd_.get(), I2C_FUNCS, &functions_) < 0)
     throw std::runtime_error(
-        fmt::format("Error reading the functions of I2C adapter {}: {}", devNode_, std::strerror(err)));
-  }
+        fmt::format("Error reading the functions of I2C adapter {}: {}", devNode_, std::strerror(errno)));
   if (functions_ & I2C_FUNC_I2C) {
     mode_ = Mode::i2cTransfer;
   } else if ((functions_ & I2C_FUNC_SMBUS_I2C_BLOCK) == I2C_FUNC_SMBUS_I2C_BLOCK) {
     mode_ = Mode::smbusBlock;
   } else {
-    ::close(fd_);
     throw std::runtime_error(fmt::format(
         "I2C adapter {} offers neither I2C transfers nor SMBus I2C block data (functions {:#x})", devNode_,
         functions_));
@@ -147,9 +124,7 @@ VormI2cDevBackend::VormI2cDevBackend(std::string devNode) : devNode_(std::move(d
   kTrace.line(1, "Opened {} for the hardware-access manager: {}", devNode_, description());
 }
 
-VormI2cDevBackend::~VormI2cDevBackend() {
-  if (fd_ >= 0) ::close(fd_);
-}
+VormI2cDevBackend::~VormI2cDevBackend() = default;
 
 std::string VormI2cDevBackend::description() const {
   return fmt::format("i2c-dev {} ({})", devNode_,
@@ -167,9 +142,9 @@ VormOutcome VormI2cDevBackend::i2cTransfer(VormTransfer& t) noexcept {
   else
     vormwire::i2cRead(r, t.address);
   i2c_rdwr_ioctl_data args{r.msgs, r.count};
-  NodeLock const lock(fd_);
+  Kiv::FileLock const lock(fd_.get(), LOCK_EX);  // the node, for one transaction
   if (!lock.held()) return failed();
-  if (retryingIoctl(fd_, I2C_RDWR, &args) < 0) return failed();
+  if (retryingIoctl(fd_.get(), I2C_RDWR, &args) < 0) return failed();
   if (t.opcode == VormOp::Opcode::read) t.value = vormwire::i2cReadValue(r);
   return VormOutcome{};
 }
@@ -184,14 +159,14 @@ VormOutcome VormI2cDevBackend::smbusTransfer(VormTransfer& t) noexcept {
   args.command = r.command;
   args.size = r.size;
   args.data = &r.data;
-  NodeLock const lock(fd_);
+  Kiv::FileLock const lock(fd_.get(), LOCK_EX);  // the node, for one transaction
   if (!lock.held()) return failed();
   int const peripheral = t.address.peripheral().value();
   if (peripheral != peripheral_) {
-    if (retryingIoctl(fd_, I2C_SLAVE, static_cast<unsigned long>(peripheral)) < 0) return failed();
+    if (retryingIoctl(fd_.get(), I2C_SLAVE, static_cast<unsigned long>(peripheral)) < 0) return failed();
     peripheral_ = peripheral;
   }
-  if (retryingIoctl(fd_, I2C_SMBUS, &args) < 0) return failed();
+  if (retryingIoctl(fd_.get(), I2C_SMBUS, &args) < 0) return failed();
   if (t.opcode == VormOp::Opcode::read) {
     if (r.data.block[0] != kValueBytes) return VormOutcome{VormRequest::kStatusFailed, EIO};
     t.value = vormwire::smbusBlockValue(r.data);

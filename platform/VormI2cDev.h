@@ -36,9 +36,10 @@
 /// variant: an address that a kernel driver has claimed fails the request with
 /// EBUSY); plain I2C transfers carry the address in each message.
 
-#include "Export.h"
-#include "Types.h"
-#include "Vorm.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Fd.h"
+#include "TarnRegFile/platform/Types.h"
+#include "TarnRegFile/platform/Vorm.h"
 
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
@@ -112,7 +113,7 @@ private:
   VormOutcome smbusTransfer(VormTransfer& t) noexcept;
 
   std::string devNode_;
-  int fd_ = -1;
+  Kiv::Fd fd_;
   unsigned long functions_ = 0;
   Mode mode_ = Mode::i2cTransfer;
   int peripheral_ = -1;  // set with I2C_SLAVE on the descriptor (SMBus mode; worker only)

@@ -1,4 +1,4 @@
-#include "VormSim.h"
+#include "TarnRegFile/platform/VormSim.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -24,9 +24,9 @@
 ///
 /// Every member is safe to call from any thread while the worker runs.
 
-#include "Export.h"
-#include "Types.h"
-#include "Vorm.h"
+#include "TarnRegFile/platform/Export.h"
+#include "TarnRegFile/platform/Types.h"
+#include "TarnRegFile/platform/Vorm.h"
 
 #include <chrono>
 #include <condition_variable>

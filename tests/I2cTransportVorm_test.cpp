@@ -3,11 +3,11 @@
 // thread, the device address check, construction through TransportMethod, a load of
 // 10,000 accesses over four buses, and deletion with accesses in flight.
 
-#include "HardwareRegisterFile.h"
-#include "KivException.h"
-#include "Trace.h"
-#include "Vorm.h"
-#include "VormSim.h"
+#include "TarnRegFile/platform/HardwareRegisterFile.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/Trace.h"
+#include "TarnRegFile/platform/Vorm.h"
+#include "TarnRegFile/platform/VormSim.h"
 
 #include "TarnRegFile/I2cTransportVormImpl.h"
 #include "TarnRegFile/TransportMethod.h"

@@ -3,7 +3,7 @@
 // defines ioctl() itself: requests on the fake device node (a temporary file) are
 // answered by FakeAdapter below, every other descriptor goes to the kernel. The
 // behaviour on the wire against a real adapter driver is checked by the VM tests.
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include "TarnRegFile/I2cTransportMethodImpl.h"
 #include "TarnRegFile/TransportMethod.h"

@@ -1,13 +1,13 @@
 // The entity runtime: counted references, strings, the seeded hash, observers,
 // enumerations, the value text form and the generic interface.
-#include "Assert.h"
-#include "KivCollection.h"
-#include "KivEntity.h"
-#include "KivEnum.h"
-#include "KivGeneric.h"
-#include "KivHash.h"
-#include "KivValueText.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/KivCollection.h"
+#include "TarnRegFile/platform/KivEntity.h"
+#include "TarnRegFile/platform/KivEnum.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/KivHash.h"
+#include "TarnRegFile/platform/KivValueText.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <gtest/gtest.h>
 

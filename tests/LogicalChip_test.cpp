@@ -1,8 +1,8 @@
 #include "TarnRegFile/LogicalChip.h"
 
-#include "KivException.h"
-#include "KivGeneric.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <gtest/gtest.h>
 

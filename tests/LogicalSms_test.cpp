@@ -3,7 +3,7 @@
 #include "TarnRegFile/LogicalSms.h"
 
 #include "TarnRegFile/ShadowSms.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 #include "support/ChipRig.h"
 
 #include <gtest/gtest.h>

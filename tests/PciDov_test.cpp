@@ -2,9 +2,9 @@
 // mapping of the same file sees every store, and truncating the file turns the
 // cut-off part of the mapping into real bus errors.
 
-#include "PciDov.h"
-#include "SigbusGuard.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/PciDov.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,9 +1,9 @@
 // The PCI transport over a mapped temporary file: the mapping is a real shared mmap
 // (the file's contents are the registers), and truncating the file turns the cut-off
 // part of the mapping into real bus errors.
-#include "PciDov.h"
-#include "SigbusGuard.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/PciDov.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include "TarnRegFile/PciTransportMethodImpl.h"
 #include "TarnRegFile/TransportMethod.h"

@@ -1,7 +1,7 @@
 #include "TarnRegFile/PhysicalTypes.h"
 
-#include "KivException.h"
-#include "KivValueText.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/KivValueText.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "TarnRegFile/Errors.h"
 #include "TarnRegFile/RegisterFile.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <gtest/gtest.h>
 

@@ -2,8 +2,8 @@
 // transport over a mapped file that counts the writes it passes on.
 #include "TarnRegFile/ShadowSms.h"
 
-#include "ShmTable.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/ShmTable.h"
+#include "TarnRegFile/platform/Trace.h"
 #include "support/ChipRig.h"
 
 #include <gtest/gtest.h>

@@ -3,9 +3,9 @@
 
 #include "TarnRegFile/ShadowTypes.h"
 
-#include "KivGeneric.h"
-#include "ShmEntityManager.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -2,11 +2,11 @@
 // errors, modes, lifetime of mounted collections, the control object and the
 // corruption handler.
 
-#include "ShmEntityManager.h"
-#include "ShmTable.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
+#include "TarnRegFile/platform/ShmTable.h"
 #include "TarnRegFile/ShadowTypes.h"
-#include "KivGeneric.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -3,9 +3,9 @@
 // (also around a writer killed at random), damage detection, and tables
 // exchanged between i386 and amd64 processes.
 
-#include "ShmRoot.h"
-#include "ShmTable.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/ShmRoot.h"
+#include "TarnRegFile/platform/ShmTable.h"
+#include "TarnRegFile/platform/Trace.h"
 #include "helpers/ShmTestTraits.h"
 
 #include <fmt/format.h>

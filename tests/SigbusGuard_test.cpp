@@ -1,7 +1,7 @@
 // Real bus errors: a shared mapping of a file that is then truncated makes every
 // access past the new end of the file raise SIGBUS.
 
-#include "SigbusGuard.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -4,10 +4,10 @@
 // register window, so that what reaches the "hardware" can be read back.
 #include "TarnRegFile/SystemChipStatusSm.h"
 
-#include "KivException.h"
-#include "KivGeneric.h"
-#include "PciDov.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/PciDov.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include "TarnRegFile/TransportDescriptor.h"
 

@@ -2,7 +2,7 @@
 // only real changes, handing back what they remove.
 #include "TarnRegFile/SystemModels.h"
 
-#include "KivGeneric.h"
+#include "TarnRegFile/platform/KivGeneric.h"
 
 #include <gtest/gtest.h>
 

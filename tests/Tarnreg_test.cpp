@@ -1,7 +1,7 @@
 // The tarnreg command, run as a separate process exactly as a user runs it: its
 // standard output, its one-line failures on stderr and its exit status, over a
 // private map, a private mock register file and a mapped PCI window file.
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -1,7 +1,7 @@
 // Transport enumerations and descriptors: literals, triples, factories and the generic interface.
-#include "KivException.h"
-#include "KivGeneric.h"
-#include "PciDov.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/PciDov.h"
 
 #include "TarnRegFile/TransportDescriptor.h"
 #include "TarnRegFile/TransportDescriptorEnum.h"

@@ -1,9 +1,9 @@
 // The transport entity: configuration through the transport registry, the name service,
 // and the failure path that turns I/O errors into results, traces, the last failure and
 // notifications.
-#include "KivGeneric.h"
-#include "SigbusGuard.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include "TarnRegFile/MockTransportMethodImpl.h"
 #include "TarnRegFile/TransportMethod.h"

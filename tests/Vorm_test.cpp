@@ -4,10 +4,10 @@
 // bus is exercised against the kernel's i2c-stub in tests/vm/Vorm_vmtest.cpp; here only
 // its byte images and its refusal of a node that is not an adapter.
 
-#include "KivException.h"
-#include "Vorm.h"
-#include "VormI2cDev.h"
-#include "VormSim.h"
+#include "TarnRegFile/platform/KivException.h"
+#include "TarnRegFile/platform/Vorm.h"
+#include "TarnRegFile/platform/VormI2cDev.h"
+#include "TarnRegFile/platform/VormSim.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -3,7 +3,7 @@
 #include "NumberParser.h"
 #include "ToolError.h"
 
-#include "ShmRoot.h"
+#include "TarnRegFile/platform/ShmRoot.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>

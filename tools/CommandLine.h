@@ -2,7 +2,7 @@
 /// @file CommandLine.h
 /// @brief The `tarnreg` command line: its usage text and its parsing into Options.
 
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include "AgentClient.h"
 #include "TransportChoice.h"

@@ -1,9 +1,9 @@
 #include "DeviceSession.h"
 
-#include "Assert.h"
-#include "PciDov.h"
-#include "Trace.h"
-#include "VormI2cDev.h"
+#include "TarnRegFile/platform/Assert.h"
+#include "TarnRegFile/platform/PciDov.h"
+#include "TarnRegFile/platform/Trace.h"
+#include "TarnRegFile/platform/VormI2cDev.h"
 
 #include "TarnRegFile/Errors.h"
 #include "TarnRegFile/TransportDescriptor.h"

@@ -2,9 +2,9 @@
 /// @file DeviceSession.h
 /// @brief One chip reached through a TransportMethod, with failed accesses turned into ToolError.
 
-#include "KivPtr.h"
-#include "Types.h"
-#include "Vorm.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/Types.h"
+#include "TarnRegFile/platform/Vorm.h"
 
 #include "TarnRegFile/TransportMethod.h"
 

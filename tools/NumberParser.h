@@ -2,7 +2,7 @@
 /// @file NumberParser.h
 /// @brief Strict parsing of the numbers given on the command line (values, addresses).
 
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <optional>
 #include <string_view>

@@ -2,7 +2,7 @@
 /// @file Printer.h
 /// @brief What `tarnreg` prints on standard output: aligned text columns or JSON.
 
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include "TarnRegFile/PhysicalTypes.h"
 #include "TarnRegFile/RegisterFile.h"

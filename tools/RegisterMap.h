@@ -3,7 +3,7 @@
 /// @brief The register map a `tarnreg` command works on: loaded once, sorted by address,
 /// with lookups whose failures are already worded for the user.
 
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include "TarnRegFile/RegisterFile.h"
 

@@ -2,8 +2,8 @@
 
 #include "ToolError.h"
 
-#include "ShmRoot.h"
-#include "ShmTable.h"
+#include "TarnRegFile/platform/ShmRoot.h"
+#include "TarnRegFile/platform/ShmTable.h"
 
 #include "TarnRegFile/ShadowTypes.h"
 

@@ -2,7 +2,7 @@
 /// @file TransportChoice.h
 /// @brief Which transport the command line asked for, with that transport's arguments.
 
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include "TarnRegFile/TransportDescriptor.h"
 

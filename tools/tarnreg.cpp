@@ -10,7 +10,7 @@
 #include "Commands.h"
 #include "ToolError.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

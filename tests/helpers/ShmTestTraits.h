@@ -2,8 +2,8 @@
 // Value types, traits and data patterns shared by the shared-memory table
 // tests and the shm_peer helper (which is built for both architectures).
 
-#include "ShmCollection.h"
-#include "Types.h"
+#include "TarnRegFile/platform/ShmCollection.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
 #include <cstring>

@@ -8,7 +8,7 @@
 // reverse order; prints "ready" once they are committed. Exit status: 0 done,
 // 2 usage or error.
 
-#include "ShmEntityManager.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
 #include "TarnRegFile/ShadowTypes.h"
 
 #include <cstdio>

@@ -1,6 +1,6 @@
 #include "support/ChipRig.h"
 
-#include "PciDov.h"
+#include "TarnRegFile/platform/PciDov.h"
 #include "TarnRegFile/ShadowSms.h"
 #include "TarnRegFile/ShadowTypes.h"
 

@@ -11,7 +11,7 @@
 #include "TarnRegFile/PciTransportMethodImpl.h"
 #include "TarnRegFile/TransportMethod.h"
 
-#include "ShmEntityManager.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
 
 #include <map>
 #include <string>

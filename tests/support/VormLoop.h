@@ -2,7 +2,7 @@
 // The agent's side of the hardware-access manager in tests: wait on the managers'
 // descriptors and dispatch what finished, on this (the owner's) thread.
 
-#include "Vorm.h"
+#include "TarnRegFile/platform/Vorm.h"
 
 #include <poll.h>
 

@@ -7,7 +7,7 @@
 //  - byte data and I2C block data touch only the low byte of each cell, a block
 //    covering cells c, c+1, ... and being cut short at cell 255.
 
-#include "Types.h"
+#include "TarnRegFile/platform/Types.h"
 #include "VmTestSupport.h"
 
 #include <gtest/gtest.h>

@@ -4,9 +4,9 @@
 // the 4-byte block at command n, one byte per cell (docs/vm-tests.md), which busybox
 // i2cget/i2cset read and write cell by cell as an independent client.
 
-#include "HardwareRegisterFile.h"
-#include "Vorm.h"
-#include "VormI2cDev.h"
+#include "TarnRegFile/platform/HardwareRegisterFile.h"
+#include "TarnRegFile/platform/Vorm.h"
+#include "TarnRegFile/platform/VormI2cDev.h"
 #include "VmTestSupport.h"
 
 #include "TarnRegFile/TransportMethod.h"

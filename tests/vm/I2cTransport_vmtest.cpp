@@ -7,8 +7,8 @@
 // alone). The stub has no register pointer of its own, which makes the bytes of
 // the block flavour's 16-bit addressing visible in the cells.
 
-#include "Types.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/Types.h"
+#include "TarnRegFile/platform/Trace.h"
 #include "VmTestSupport.h"
 
 #include "TarnRegFile/I2cTransportMethodImpl.h"

@@ -3,8 +3,8 @@
 // register reading 0x010000ed; offset 4 returns the bitwise inverse of the last
 // value written to it.
 
-#include "PciDov.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/PciDov.h"
+#include "TarnRegFile/platform/Trace.h"
 #include "VmTestSupport.h"
 
 #include "TarnRegFile/PciTransportMethodImpl.h"

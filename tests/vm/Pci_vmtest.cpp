@@ -3,8 +3,8 @@
 // identification register reading 0x010000ed; offset 4 returns the bitwise
 // inverse of the last value written to it.
 
-#include "PciDov.h"
-#include "SigbusGuard.h"
+#include "TarnRegFile/platform/PciDov.h"
+#include "TarnRegFile/platform/SigbusGuard.h"
 #include "VmTestSupport.h"
 
 #include <gtest/gtest.h>

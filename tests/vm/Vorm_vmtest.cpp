@@ -4,8 +4,8 @@
 // (docs/vm-tests.md), so the register at offset c is the low bytes of cells c..c+3:
 // busybox i2cget/i2cset, an independent client, reads and writes them cell by cell.
 
-#include "Vorm.h"
-#include "VormI2cDev.h"
+#include "TarnRegFile/platform/Vorm.h"
+#include "TarnRegFile/platform/VormI2cDev.h"
 #include "VmTestSupport.h"
 
 #include <gtest/gtest.h>
