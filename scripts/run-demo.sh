@@ -50,7 +50,8 @@ agent=$!
 for _ in $(seq 100); do [ -S "$demo/run/control.sock" ] && break; sleep 0.05; done
 show agent chips "${run[@]}"
 
-echo "== publish the system status: both chips present"
+echo "== publish the system status: the profile in use, both chips present"
+show status "${shm[@]}" --system demo profile demo_profile 1.0
 show status "${shm[@]}" --system demo add cpld 1 demo_profile
 show status "${shm[@]}" --system demo add psu0 2 demo_profile
 for _ in $(seq 100); do
