@@ -22,7 +22,9 @@
 ///
 /// The table may not exist yet: `present()` is false and `dispatch()` opens it
 /// once a writer has created it (which rings the watcher), reporting every
-/// key it holds. A rebuilt table is followed transparently.
+/// key it holds. A rebuilt table is followed transparently; a table removed
+/// (Root::remove) and then created anew is not: the watcher keeps reading the
+/// removed file, and must be made again.
 ///
 /// Cost: a dispatch reads and sorts every entry (O(n log n) for n entries) and
 /// allocates only while the table grows; it runs only when the bell rang.

@@ -3,12 +3,17 @@
 #include "NumberParser.h"
 #include "ToolError.h"
 
+#include "TarnRegFile/SystemStatusShm.h"
 #include "TarnRegFile/platform/ShmRoot.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <optional>
+#include <string_view>
+#include <tuple>
+#include <utility>
 
 namespace Tarnreg {
 
@@ -49,6 +54,11 @@ struct RawLine {
   std::string lookupAddress;
   std::string shadowRoot = Kiv::Shm::Root::kDefaultDir;
   std::string shadowPath;
+  std::string system;
+  std::string chip;
+  std::string devId;
+  std::string profile;
+  std::string hwApi;
 };
 
 struct Parsed {
@@ -60,6 +70,7 @@ struct Parsed {
   bool i2cAsyncGiven = false;
   bool addrGiven = false;
   bool flavourGiven = false;
+  StatusAction statusAction = StatusAction::Show;
   AgentCommand agent;
 };
 
@@ -99,6 +110,25 @@ Parsed parseRaw(int argc, char const* const* argv) {
   auto* show = shadow->add_subcommand("show");
   show->add_option("--root", raw.shadowRoot);
   show->add_option("PATH", raw.shadowPath)->required();
+  auto* watch = shadow->add_subcommand("watch");
+  watch->add_option("--root", raw.shadowRoot);
+  watch->add_option("PATH", raw.shadowPath)->required();
+  auto* status = app.add_subcommand("status");
+  status->require_subcommand(0, 1);
+  status->add_option("--root", raw.shadowRoot);
+  status->add_option("--system", raw.system);
+  auto* statusShow = status->add_subcommand("show");
+  auto* statusAdd = status->add_subcommand("add");
+  statusAdd->add_option("CHIP", raw.chip)->required();
+  statusAdd->add_option("DEVID", raw.devId)->required();
+  statusAdd->add_option("PROFILE", raw.profile)->required();
+  auto* statusRemove = status->add_subcommand("remove");
+  statusRemove->add_option("CHIP", raw.chip)->required();
+  auto* statusProfile = status->add_subcommand("profile");
+  statusProfile->add_option("PROFILE", raw.profile)->required();
+  statusProfile->add_option("MAJOR.MINOR", raw.hwApi)->required();
+  auto* statusRemoveProfile = status->add_subcommand("remove-profile");
+  statusRemoveProfile->add_option("PROFILE", raw.profile)->required();
   AgentCommandLine agentLine;
   agentLine.addTo(app, *shadow);
 
@@ -110,10 +140,20 @@ Parsed parseRaw(int argc, char const* const* argv) {
   else if (*list) parsed.command = Command::List;
   else if (*lookup) parsed.command = Command::Lookup;
   else if (*show) parsed.command = Command::ShadowShow;
+  else if (*watch) parsed.command = Command::ShadowWatch;
   else if (agentLine.given()) parsed.command = Command::Agent;
-  else if (*shadow) throw ToolError::usage("shadow needs a command: show or diff (see tarnreg --help)");
+  else if (*shadow) throw ToolError::usage("shadow needs a command: show, watch or diff (see tarnreg --help)");
+  else if (*status) {
+    parsed.command = Command::Status;
+    if (*statusShow) parsed.statusAction = StatusAction::Show;
+    else if (*statusAdd) parsed.statusAction = StatusAction::Add;
+    else if (*statusRemove) parsed.statusAction = StatusAction::Remove;
+    else if (*statusProfile) parsed.statusAction = StatusAction::Profile;
+    else if (*statusRemoveProfile) parsed.statusAction = StatusAction::RemoveProfile;
+    else throw ToolError::usage("status needs a command: show, add, remove, profile or remove-profile (see tarnreg --help)");
+  }
   else throw ToolError::usage(
-      "no command given: read, write, dump, list, lookup, shadow, field, reg or agent (see tarnreg --help)");
+      "no command given: read, write, dump, list, lookup, shadow, status, field, reg or agent (see tarnreg --help)");
   if (parsed.command == Command::Agent) parsed.agent = agentLine.command();
   parsed.mockFileGiven = mockFile->count() > 0;
   parsed.pciGiven = pci->count() > 0;
@@ -172,9 +212,69 @@ char const* commandName(Command command) {
     case Command::List: return "list";
     case Command::Lookup: return "lookup";
     case Command::ShadowShow: return "shadow show";
+    case Command::ShadowWatch: return "shadow watch";
+    case Command::Status: return "status";
     case Command::Agent: return "agent";
   }
   return "?";
+}
+
+// "1.2": two decimal numbers of a hardware interface version.
+std::pair<U32, U32> hwApiOf(std::string const& text) {
+  auto const dot = text.find('.');
+  std::optional<U32> major, minor;
+  if (dot != std::string::npos) {
+    major = parseNumber(std::string_view(text).substr(0, dot));
+    minor = parseNumber(std::string_view(text).substr(dot + 1));
+  }
+  if (!major || !minor)
+    throw ToolError::usage(fmt::format("MAJOR.MINOR '{}' is not a version such as 1.2 (two numbers joined by a dot)",
+                                       text));
+  return {*major, *minor};
+}
+
+void checkName(std::string const& name, char const* what) {
+  if (name.empty()) throw ToolError::usage(fmt::format("{} must not be empty", what));
+  if (name.size() > TarnRegFile::SystemStatusRecord::kMaxNameBytes)
+    throw ToolError::usage(fmt::format("{} '{}' is longer than {} bytes", what, name,
+                                       TarnRegFile::SystemStatusRecord::kMaxNameBytes));
+}
+
+void checkStatus(Parsed const& parsed, Options& options) {
+  RawLine const& raw = parsed.raw;
+  if (raw.system.empty()) throw ToolError::usage("status needs the system: --system NAME");
+  try {
+    TarnRegFile::systemStatusPath(raw.system);
+  } catch (std::exception const& e) {
+    throw ToolError::usage(e.what());
+  }
+  if (raw.json && parsed.statusAction != StatusAction::Show)
+    throw ToolError::usage("--json goes with status show (the other status commands print nothing)");
+  options.statusSystem = raw.system;
+  options.statusAction = parsed.statusAction;
+  switch (parsed.statusAction) {
+    case StatusAction::Add:
+      checkName(raw.chip, "CHIP");
+      checkName(raw.profile, "PROFILE");
+      options.chipName = raw.chip;
+      options.devId = static_cast<U8>(number(raw.devId, "DEVID", 0xFF, "0 - 255"));
+      options.profileName = raw.profile;
+      break;
+    case StatusAction::Remove:
+      checkName(raw.chip, "CHIP");
+      options.chipName = raw.chip;
+      break;
+    case StatusAction::Profile:
+      checkName(raw.profile, "PROFILE");
+      options.profileName = raw.profile;
+      std::tie(options.hwMajor, options.hwMinor) = hwApiOf(raw.hwApi);
+      break;
+    case StatusAction::RemoveProfile:
+      checkName(raw.profile, "PROFILE");
+      options.profileName = raw.profile;
+      break;
+    case StatusAction::Show: break;
+  }
 }
 
 Options check(Parsed const& parsed) {
@@ -192,12 +292,16 @@ Options check(Parsed const& parsed) {
     options.agent = parsed.agent;
     return options;
   }
-  if (parsed.command == Command::ShadowShow) {
+  if (parsed.command == Command::ShadowShow || parsed.command == Command::ShadowWatch ||
+      parsed.command == Command::Status) {
     if (!raw.map.empty() || options.transport.kind != TransportKind::None)
-      throw ToolError::usage("shadow show reads shared memory only: it takes no --map and no transport");
+      throw ToolError::usage(fmt::format("{} works on shared memory only: it takes no --map and no transport",
+                                         commandName(parsed.command)));
+    if (raw.force) throw ToolError::usage(fmt::format("{} takes no --force", commandName(parsed.command)));
     if (raw.shadowRoot.empty()) throw ToolError::usage("--root needs a directory");
     options.shadowRoot = raw.shadowRoot;
     options.shadowPath = raw.shadowPath;
+    if (parsed.command == Command::Status) checkStatus(parsed, options);
     return options;
   }
   if (raw.map.empty()) throw ToolError::usage("--map MAP.csv is required");
@@ -223,6 +327,12 @@ std::string const& usageText() {
        tarnreg --map MAP [TRANSPORT] [--json] list
        tarnreg --map MAP [TRANSPORT] [--json] lookup ADDRESS
        tarnreg shadow show [--root DIR] PATH [--json]
+       tarnreg shadow watch [--root DIR] PATH [--json]
+       tarnreg status [--root DIR] --system SYSTEM show [--json]
+       tarnreg status [--root DIR] --system SYSTEM add CHIP DEVID PROFILE
+       tarnreg status [--root DIR] --system SYSTEM remove CHIP
+       tarnreg status [--root DIR] --system SYSTEM profile PROFILE MAJOR.MINOR
+       tarnreg status [--root DIR] --system SYSTEM remove-profile PROFILE
        tarnreg field write|read CHIP REG FIELD [VALUE] [--runtime-dir DIR] [--json]
        tarnreg reg write|read CHIP REG [VALUE] [--runtime-dir DIR] [--json]
        tarnreg agent call CHIP OP [ARG...] [--runtime-dir DIR] [--json]
@@ -250,6 +360,11 @@ std::string const& usageText() {
     times 4 (mock, PCI, --i2c-async, no transport) or times 1 (--i2c)
   DIR is the shared-memory root (default {}); PATH names a shadow-field
     table below it, such as TarnRegFile/shadowFieldsConfig/chip0
+  SYSTEM names the system whose status is published at
+    hardware/SYSTEM/system/status below DIR
+  CHIP, PROFILE are names of 1 - 63 bytes; DEVID is the chip's device
+    identifier, 0 - 255; MAJOR.MINOR is the profile's hardware interface
+    version, such as 1.2
   Commands:
     read      print the register's value
     write     write VALUE to the register (prints nothing)
@@ -259,6 +374,17 @@ std::string const& usageText() {
     lookup    print the name of the register at ADDRESS; no device is touched
     shadow show  print the entries of a shadow-field table (address, start, size,
               value) sorted by key, reading it alongside the process that writes it
+    shadow watch print each change another process commits to the table, as it
+              happens ("changed ADDRESS START SIZE VALUE" or "removed ADDRESS
+              START SIZE"; --json: one object per line), until SIGINT or SIGTERM
+              (exit status 0 then)
+    status    publish the status of SYSTEM's chips as the platform does (the
+              agent follows it): show prints the chips (name, devId, profile)
+              and the profiles (name, hwApi); add publishes a chip or replaces
+              its DEVID and PROFILE (PROFILE must be published); remove
+              withdraws a chip; profile publishes a profile or replaces its
+              version; remove-profile withdraws a profile no chip runs.
+              The changes print nothing
   Commands for a running tarnagent (docs/agent.md), over its control socket
   DIR/control.sock (default DIR: the agent's, such as /run/tarnagent for root):
     field write|read  write a logical field of CHIP / print its last written value
@@ -270,11 +396,12 @@ std::string const& usageText() {
                       the pending ones marked *
   Options:
     --json       print JSON: an object per register or entry, an array for dump,
-                 list and shadow show
+                 list and shadow show, an object for status show
     -f, --force  also write read-only registers and values wider than the register
     -v           trace to stderr (levels 0-5; -vv: every level)
     -h, --help   print this text
-  Exit status: 0 success; 1 failure (map, device, unknown register, I/O error);
+  Exit status: 0 success; 1 failure (map, device, unknown register, I/O error,
+    missing table, unknown chip or profile, a status another process is changing);
     2 usage error. Every failure prints one "tarnreg: ..." line on stderr.
   Examples:
     tarnreg --map chip.csv --mock write scratch 0x12345678
@@ -285,6 +412,10 @@ std::string const& usageText() {
     tarnreg --map chip.csv list --json
     tarnreg --map chip.csv lookup 0x8
     tarnreg shadow show TarnRegFile/shadowFieldsStatus/chip0
+    tarnreg shadow watch --json TarnRegFile/shadowFieldsStatus/chip0
+    tarnreg status --system sys0 profile p1 1.2
+    tarnreg status --system sys0 add chip0 7 p1
+    tarnreg status --system sys0 show
 )",
       TarnRegFile::MockTransportDescriptor::kDefaultDumpPath, Kiv::Shm::Root::kDefaultDir);
   return text;

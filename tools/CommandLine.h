@@ -13,7 +13,10 @@
 namespace Tarnreg {
 
 /// @brief What the command line asks for.
-enum class Command { Read, Write, Dump, List, Lookup, ShadowShow, Agent };
+enum class Command { Read, Write, Dump, List, Lookup, ShadowShow, ShadowWatch, Status, Agent };
+
+/// @brief What `tarnreg status` does.
+enum class StatusAction { Show, Add, Remove, Profile, RemoveProfile };
 
 /// @brief Everything the command line gave, checked and converted.
 struct Options {
@@ -26,8 +29,15 @@ struct Options {
   std::string regName;         ///< read, write
   U32 value = 0;               ///< write
   U32 address = 0;             ///< lookup
-  std::string shadowRoot;      ///< shadow show --root
-  std::string shadowPath;      ///< shadow show PATH
+  std::string shadowRoot;      ///< shadow show / watch, status: --root
+  std::string shadowPath;      ///< shadow show / watch PATH
+  std::string statusSystem;    ///< status --system
+  StatusAction statusAction = StatusAction::Show;
+  std::string chipName;        ///< status add / remove CHIP
+  U8 devId = 0;                ///< status add DEVID
+  std::string profileName;     ///< status add / profile / remove-profile PROFILE
+  U32 hwMajor = 0;             ///< status profile MAJOR.MINOR
+  U32 hwMinor = 0;
   AgentCommand agent;          ///< field, reg, agent, shadow diff: a request for tarnagent
 };
 

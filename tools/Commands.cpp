@@ -4,6 +4,8 @@
 #include "Printer.h"
 #include "RegisterMap.h"
 #include "ShadowShow.h"
+#include "ShadowWatch.h"
+#include "StatusCommand.h"
 
 #include <fmt/format.h>
 
@@ -52,6 +54,8 @@ public:
       case Command::Lookup: return printer_.lookup(options_.address, map().nameAt(options_.address));
       case Command::ShadowShow:
         return printer_.shadowEntries(readShadowEntries(options_.shadowRoot, options_.shadowPath));
+      case Command::ShadowWatch: return watchShadowTable(options_.shadowRoot, options_.shadowPath, printer_);
+      case Command::Status: return runStatusCommand(options_, printer_);
       case Command::Agent: return runAgentCommand(options_.agent, options_.json);
     }
   }

@@ -89,4 +89,41 @@ void Printer::shadowEntries(std::vector<TarnRegFile::ShadowFieldValue> const& en
     line(fmt::format("{:#010x}  {:>5}  {:>4}  {:#010x}", e.key.address, e.key.start, e.key.size, e.value));
 }
 
+void Printer::shadowChange(TarnRegFile::ShadowFieldKey const& key, TarnRegFile::ShadowFieldValue const* now) const {
+  // A stream: one line per change (JSON Lines), out as soon as it happens.
+  if (json_) {
+    Json object{{"change", now ? "changed" : "removed"}, {"address", key.address}, {"start", key.start},
+                {"size", key.size}};
+    if (now) object["value"] = now->value;
+    line(object.dump());
+  } else if (now) {
+    line(fmt::format("changed  {:#010x}  {:>5}  {:>4}  {:#010x}", key.address, key.start, key.size, now->value));
+  } else {
+    line(fmt::format("removed  {:#010x}  {:>5}  {:>4}", key.address, key.start, key.size));
+  }
+  std::fflush(out_);
+}
+
+void Printer::systemStatus(std::string const& system, TarnRegFile::SystemStatusSnapshot const& status) const {
+  using TarnRegFile::SystemStatusRecord;
+  if (json_) {
+    Json chips = Json::array(), profiles = Json::array();
+    for (auto const& c : status.chips)
+      chips.push_back(Json{{"name", c.name}, {"devId", c.devId.value()}, {"profile", c.profileName}});
+    for (auto const& p : status.profiles)
+      profiles.push_back(Json{{"name", p.name}, {"major", p.hwApi.major}, {"minor", p.hwApi.minor}});
+    line(render(Json{{"system", system}, {"chips", chips}, {"profiles", profiles}}));
+    return;
+  }
+  auto const name = [](SystemStatusRecord const& r) -> std::string const& { return r.name; };
+  size_t const chipWidth = std::max<size_t>(nameColumnWidth(status.chips, name), 4);
+  line(fmt::format("{:<{}}  {:>5}  {}", "chip", chipWidth, "devId", "profile"));
+  for (auto const& c : status.chips) line(fmt::format("{:<{}}  {:>5}  {}", c.name, chipWidth, c.devId, c.profileName));
+  size_t const profileWidth = std::max<size_t>(nameColumnWidth(status.profiles, name), 7);
+  line("");
+  line(fmt::format("{:<{}}  {}", "profile", profileWidth, "hwApi"));
+  for (auto const& p : status.profiles)
+    line(fmt::format("{:<{}}  {}.{}", p.name, profileWidth, p.hwApi.major, p.hwApi.minor));
+}
+
 }  // namespace Tarnreg

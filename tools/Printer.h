@@ -6,6 +6,7 @@
 
 #include "TarnRegFile/PhysicalTypes.h"
 #include "TarnRegFile/RegisterFile.h"
+#include "TarnRegFile/SystemStatusShm.h"
 
 #include <cstdio>
 #include <string>
@@ -41,6 +42,11 @@ public:
   void lookup(U32 address, std::string const& name) const;
   /// @brief The entries of a shadow-field table, in the given order: address, start, size, value.
   void shadowEntries(std::vector<TarnRegFile::ShadowFieldValue> const& entries) const;
+  /// @brief One change of a watched shadow-field table (@p now null: the entry went), flushed at
+  /// once: "changed ADDRESS START SIZE VALUE" / "removed ADDRESS START SIZE", or one JSON object per line.
+  void shadowChange(TarnRegFile::ShadowFieldKey const& key, TarnRegFile::ShadowFieldValue const* now) const;
+  /// @brief A system's published status: its chips (name, device id, profile), then its profiles.
+  void systemStatus(std::string const& system, TarnRegFile::SystemStatusSnapshot const& status) const;
 
 private:
   void line(std::string const& text) const;
