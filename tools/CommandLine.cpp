@@ -71,6 +71,7 @@ struct Parsed {
   bool addrGiven = false;
   bool flavourGiven = false;
   StatusAction statusAction = StatusAction::Show;
+  AgentCommand agent;
 };
 
 Parsed parseRaw(int argc, char const* const* argv) {
@@ -128,6 +129,8 @@ Parsed parseRaw(int argc, char const* const* argv) {
   statusProfile->add_option("MAJOR.MINOR", raw.hwApi)->required();
   auto* statusRemoveProfile = status->add_subcommand("remove-profile");
   statusRemoveProfile->add_option("PROFILE", raw.profile)->required();
+  AgentCommandLine agentLine;
+  agentLine.addTo(app, *shadow);
 
   app.parse(argc, argv);
 
@@ -138,7 +141,8 @@ Parsed parseRaw(int argc, char const* const* argv) {
   else if (*lookup) parsed.command = Command::Lookup;
   else if (*show) parsed.command = Command::ShadowShow;
   else if (*watch) parsed.command = Command::ShadowWatch;
-  else if (*shadow) throw ToolError::usage("shadow needs a command: show or watch (see tarnreg --help)");
+  else if (agentLine.given()) parsed.command = Command::Agent;
+  else if (*shadow) throw ToolError::usage("shadow needs a command: show, watch or diff (see tarnreg --help)");
   else if (*status) {
     parsed.command = Command::Status;
     if (*statusShow) parsed.statusAction = StatusAction::Show;
@@ -148,7 +152,9 @@ Parsed parseRaw(int argc, char const* const* argv) {
     else if (*statusRemoveProfile) parsed.statusAction = StatusAction::RemoveProfile;
     else throw ToolError::usage("status needs a command: show, add, remove, profile or remove-profile (see tarnreg --help)");
   }
-  else throw ToolError::usage("no command given: read, write, dump, list, lookup, shadow or status (see tarnreg --help)");
+  else throw ToolError::usage(
+      "no command given: read, write, dump, list, lookup, shadow, status, field, reg or agent (see tarnreg --help)");
+  if (parsed.command == Command::Agent) parsed.agent = agentLine.command();
   parsed.mockFileGiven = mockFile->count() > 0;
   parsed.pciGiven = pci->count() > 0;
   parsed.i2cGiven = i2c->count() > 0;
@@ -208,6 +214,7 @@ char const* commandName(Command command) {
     case Command::ShadowShow: return "shadow show";
     case Command::ShadowWatch: return "shadow watch";
     case Command::Status: return "status";
+    case Command::Agent: return "agent";
   }
   return "?";
 }
@@ -279,6 +286,12 @@ Options check(Parsed const& parsed) {
   options.verbosity = raw.verbosity;
   options.transport = transportOf(parsed);
 
+  if (parsed.command == Command::Agent) {
+    if (!raw.map.empty() || options.transport.kind != TransportKind::None)
+      throw ToolError::usage("field, reg, agent and shadow diff ask tarnagent: they take no --map and no transport");
+    options.agent = parsed.agent;
+    return options;
+  }
   if (parsed.command == Command::ShadowShow || parsed.command == Command::ShadowWatch ||
       parsed.command == Command::Status) {
     if (!raw.map.empty() || options.transport.kind != TransportKind::None)
@@ -320,6 +333,11 @@ std::string const& usageText() {
        tarnreg status [--root DIR] --system SYSTEM remove CHIP
        tarnreg status [--root DIR] --system SYSTEM profile PROFILE MAJOR.MINOR
        tarnreg status [--root DIR] --system SYSTEM remove-profile PROFILE
+       tarnreg field write|read CHIP REG FIELD [VALUE] [--runtime-dir DIR] [--json]
+       tarnreg reg write|read CHIP REG [VALUE] [--runtime-dir DIR] [--json]
+       tarnreg agent call CHIP OP [ARG...] [--runtime-dir DIR] [--json]
+       tarnreg agent chips [--runtime-dir DIR] [--json]
+       tarnreg shadow diff CHIP [--runtime-dir DIR] [--json]
   MAP is a CSV register map (first line "number,name,type,writeable,width")
   TRANSPORT is one of:
     --mock [--mock-file FILE]   simulated registers, kept in FILE
@@ -367,6 +385,15 @@ std::string const& usageText() {
               withdraws a chip; profile publishes a profile or replaces its
               version; remove-profile withdraws a profile no chip runs.
               The changes print nothing
+  Commands for a running tarnagent (docs/agent.md), over its control socket
+  DIR/control.sock (default DIR: the agent's, such as /run/tarnagent for root):
+    field write|read  write a logical field of CHIP / print its last written value
+    reg write|read    write a logical register (up to 64 bits) / print its last value
+    agent call        call an operation of CHIP by name (fieldWrite, regWrite,
+                      fieldGetLastWritten, regGetLastWritten) and print its result
+    agent chips       list the described chips and whether each is ready
+    shadow diff       desired against applied value of every physical field of CHIP,
+                      the pending ones marked *
   Options:
     --json       print JSON: an object per register or entry, an array for dump,
                  list and shadow show, an object for status show

@@ -4,6 +4,7 @@
 
 #include "TarnRegFile/platform/Types.h"
 
+#include "AgentClient.h"
 #include "TransportChoice.h"
 
 #include <optional>
@@ -12,7 +13,7 @@
 namespace Tarnreg {
 
 /// @brief What the command line asks for.
-enum class Command { Read, Write, Dump, List, Lookup, ShadowShow, ShadowWatch, Status };
+enum class Command { Read, Write, Dump, List, Lookup, ShadowShow, ShadowWatch, Status, Agent };
 
 /// @brief What `tarnreg status` does.
 enum class StatusAction { Show, Add, Remove, Profile, RemoveProfile };
@@ -37,6 +38,7 @@ struct Options {
   std::string profileName;     ///< status add / profile / remove-profile PROFILE
   U32 hwMajor = 0;             ///< status profile MAJOR.MINOR
   U32 hwMinor = 0;
+  AgentCommand agent;          ///< field, reg, agent, shadow diff: a request for tarnagent
 };
 
 /// @brief The text --help prints.

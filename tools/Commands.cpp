@@ -55,6 +55,7 @@ public:
         return printer_.shadowEntries(readShadowEntries(options_.shadowRoot, options_.shadowPath));
       case Command::ShadowWatch: return watchShadowTable(options_.shadowRoot, options_.shadowPath, printer_);
       case Command::Status: return runStatusCommand(options_, printer_);
+      case Command::Agent: return runAgentCommand(options_.agent, options_.json);
     }
   }
 

@@ -1,0 +1,422 @@
+// tarnagent: its system description and request parser in-process, then the agent as a real
+// process with a real publisher of the system status, its control socket and tarnreg, over a
+// private shared-memory root and a regular file standing in for the chip's PCI window.
+#include "ControlProtocol.h"
+#include "SystemDescription.h"
+
+#include "support/ChipRig.h"
+
+#include "TarnRegFile/SystemStatusShm.h"
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace {
+
+using Json = nlohmann::json;
+using namespace std::chrono_literals;
+using TarnTest::ChipRig;
+
+// ================================================================ description
+
+// A chip over @p rig's map: physical field Rr.fN, logical field Lr.fN at the same slice.
+Json chipJson(ChipRig const& rig, std::string const& name) {
+  Json fields = Json::array(), registers = Json::array();
+  for (int r = 0; r < rig.registers(); ++r) {
+    Json lfields = Json::array();
+    for (int f = 0; f < ChipRig::kFieldsPerRegister; ++f) {
+      std::string const reg = "R" + std::to_string(r), field = "f" + std::to_string(f);
+      fields.push_back({{"register", reg}, {"field", field}, {"start", 8 * f}, {"size", 8}});
+      lfields.push_back({{"name", field}, {"start", 8 * f}, {"size", 8}, {"physical", {{"register", reg}, {"field", field}}}});
+    }
+    registers.push_back({{"name", "L" + std::to_string(r)}, {"fields", lfields}});
+  }
+  return {{"name", name},
+          {"map", rig.csvPath()},
+          {"transport", {{"kind", "pci"}, {"resource", rig.windowPath()}}},
+          {"fields", fields},
+          {"registers", registers}};
+}
+
+TEST(SystemDescription, EachMistakeIsRefusedWithItsElementAndReason) {
+  ChipRig const rig(2);
+  Json const good = {{"system", "sys"}, {"chips", {chipJson(rig, "c0")}}};
+  EXPECT_EQ(TarnAgent::parseSystemDescription(good.dump(), "").chips.at(0).layout->physical.size(), 8u);
+  struct Case {
+    char const* pointer;  // a JSON pointer to change, "" for the text itself
+    Json value;
+    std::string message;
+  };
+  std::vector<Case> const cases = {
+      {"/chips/0/fields/3/start", 40, "chips[0].fields[3].start: 40 is beyond 31"},
+      {"/chips/0/fields/3/size", 0, "chips[0].fields[3].size: 0 is below 1"},
+      {"/chips/0/fields/3/start", 28, "chips[0].fields[3].size: bits 28..35 run past bit 31"},
+      {"/chips/0/fields/3/start", "12", "chips[0].fields[3].start: '12' is not a number (give 42 or \"0x2a\")"},
+      {"/chips/0/fields/3/start", -1, "chips[0].fields[3].start: -1 is negative"},
+      {"/chips/0/fields/1/start", 4, "chips[0].fields[1]: bits 4..11 overlap R0.f0 (bits 0..7)"},
+      {"/chips/0/fields/2/register", "R9", "chips[0].fields[2].register: 'R9' is not in " + rig.csvPath()},
+      {"/chips/0/fields/2/field", "f1", "chips[0].fields[2]: R0.f1 is already chips[0].fields[1]"},
+      {"/chips/0/fields/0/sise", 8, "chips[0].fields[0].sise: unknown member"},
+      {"/chips/0/registers/0/fields/1/start", 64, "chips[0].registers[0].fields[1].start: 64 is beyond 63"},
+      {"/chips/0/registers/0/fields/1/initial", 256, "chips[0].registers[0].fields[1].initial: 0x100 does not fit 8 bits"},
+      {"/chips/0/registers/0/fields/1/size", 4, "chips[0].registers[0].fields[1].size: 4 differs from the 8 bits of R0.f1"},
+      {"/chips/0/registers/0/fields/1/physical/field", "f0",
+       "chips[0].registers[0].fields[1].physical: R0.f0 already backs L0.f0"},
+      {"/chips/0/registers/1/fields/3/physical/field", "f9",
+       "chips[0].registers[1].fields[3].physical: R1.f9 is not among the chip's fields"},
+      {"/chips/0/registers/1/fields/3/name", "f2", "chips[0].registers[1].fields[3].name: 'f2' is already chips[0].registers[1].fields[2]"},
+      {"/chips/0/transport/kind", "usb", "chips[0].transport.kind: 'usb' is not one of mock, pci, i2c, i2c-async"},
+      {"/chips/0/transport", {{"kind", "i2c"}, {"device", "/dev/i2c-1"}, {"address", 200}},
+       "chips[0].transport.address: 200 is beyond 127"},
+      {"/chips/0/map", "/nonexistent.csv", "chips[0].map: Error opening CSV file /nonexistent.csv"},
+      {"/chips/0/name", "a/b", "chips[0].name: 'a/b' is not a name (letters, digits, '_', '-', '.'; at most 64)"},
+      {"/chips/1", {{"name", "c0"}, {"type", "t"}, {"transport", {{"kind", "mock"}}}}, "chips[1].name: 'c0' is already chips[0]"},
+      {"/chips/1", {{"name", "c1"}, {"type", "t"}, {"transport", {{"kind", "mock"}}}}, "chips[1].type: 't' is not among chipTypes"},
+      {"/chips/0/registers/1/fields", {good["/chips/0/registers/1/fields/0"_json_pointer]},
+       "chips[0].fields[5]: R1.f1 has no logical field"},
+      {"/system", Json(), "description.system: expected a string, got null"},
+      {"", "{\"system\": \"s\",\n  \"chips\": [}", "line 2, column 13: syntax error"},
+  };
+  for (auto const& c : cases) {
+    std::string text;
+    if (*c.pointer) {
+      Json broken = good;
+      broken[Json::json_pointer(c.pointer)] = c.value;
+      text = broken.dump();
+    } else {
+      text = c.value.get<std::string>();
+    }
+    try {
+      TarnAgent::parseSystemDescription(text, "");
+      ADD_FAILURE() << "accepted: " << c.message;
+    } catch (TarnAgent::DescriptionError const& e) {
+      EXPECT_EQ(std::string(e.what()).substr(0, c.message.size()), c.message) << e.what();
+      EXPECT_EQ(std::string(e.what()).find('\n'), std::string::npos) << "one line";
+    }
+  }
+}
+
+// ================================================================ request parser
+
+TEST(ControlProtocol, RequestsAreParsedAndEveryMalformedLineGetsAReason) {
+  auto const call = TarnAgent::parseRequest("call  c0\tfieldWrite L0 f1 0x12\r");
+  ASSERT_TRUE(call.request) << call.error;
+  EXPECT_EQ(call.request->chip, "c0");
+  EXPECT_EQ(call.request->op, "fieldWrite");
+  EXPECT_EQ(call.request->args, (std::vector<std::string>{"L0", "f1", "0x12"}));
+  EXPECT_EQ(TarnAgent::parseRequest("diff c0").request->kind, TarnAgent::RequestKind::Diff);
+  std::pair<std::string, std::string> const bad[] = {
+      {"", "empty request"},
+      {"   ", "empty request"},
+      {"call c0", "call needs CHIP OP [ARG...]"},
+      {"ping now", "ping takes no arguments"},
+      {"diff", "diff needs CHIP and nothing else"},
+      {"format c0", "unknown request 'format'"},
+      {std::string("call c0 fieldWrite L0 f\x01 1"), "byte 0x01 at column 24 is not printable ASCII"},
+      {"call c0 x a b c d e f g h i j k l m n", "more than 16 words"},
+      {std::string(4097, 'x'), "request longer than 4096 bytes"},
+  };
+  for (auto const& [line, reason] : bad) {
+    auto const parsed = TarnAgent::parseRequest(line);
+    EXPECT_FALSE(parsed.request) << line;
+    EXPECT_EQ(parsed.error.substr(0, reason.size()), reason) << line;
+  }
+  EXPECT_EQ(TarnAgent::errorAnswer("two\nlines"), "error two lines\n");
+}
+
+// ================================================================ the agent as a process
+
+constexpr char const* kAgent = TARN_BINARY_DIR "/agent/tarnagent";
+constexpr char const* kTool = TARN_BINARY_DIR "/tools/tarnreg";
+
+std::string slurp(std::string const& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+class AgentProcess : public ::testing::Test {
+protected:
+  void SetUp() override {
+    description_ = rig_.dir() + "/system.json";
+    std::ofstream(description_) << Json{{"system", "sys"}, {"chips", {chipJson(rig_, "c0")}}}.dump(1);
+  }
+  void TearDown() override {
+    if (pid_ > 0) stop(SIGKILL);
+  }
+
+  std::string runtimeDir() const { return rig_.dir() + "/run"; }
+
+  void start() {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 2, (rig_.dir() + "/agent.err").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    std::vector<std::string> args = {kAgent, "--runtime-dir", runtimeDir(), "--shm-root", rig_.shmRoot(), description_};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    ASSERT_EQ(0, posix_spawn(&pid_, kAgent, &actions, nullptr, argv.data(), environ));
+    posix_spawn_file_actions_destroy(&actions);
+    // The socket appears once the chips published at start are built.
+    for (auto deadline = std::chrono::steady_clock::now() + 10s; ask("ping") != "ok pong\n";) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << slurp(rig_.dir() + "/agent.err");
+      std::this_thread::sleep_for(5ms);
+    }
+  }
+  // The exit status, or 128 + the signal that ended the agent.
+  int stop(int signal = SIGTERM) {
+    ::kill(pid_, signal);
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  // Whether the agent runs (an agent that ended is left for stop() to reap).
+  bool alive() const {
+    siginfo_t info{};
+    return pid_ > 0 && ::waitid(P_PID, pid_, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
+  }
+
+  // One connection per request; the answer line with its line end ("" when unreachable).
+  std::string ask(std::string const& request) const {
+    int const fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::string const path = runtimeDir() + "/control.sock";
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    std::string answer;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
+      std::string const line = request + "\n";
+      (void)!::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
+      char c;
+      while (::recv(fd, &c, 1, 0) == 1 && (answer += c, c != '\n')) {
+      }
+    }
+    ::close(fd);
+    return answer;
+  }
+  bool ready(std::string const& chip) const {
+    std::string const answer = ask("chips");
+    if (answer.rfind("ok ", 0) != 0) return false;
+    for (auto const& c : Json::parse(answer.substr(3)))
+      if (c["name"] == chip) return c["ready"].get<bool>();
+    return false;
+  }
+  void awaitReady(std::string const& chip, bool want) const {
+    for (auto deadline = std::chrono::steady_clock::now() + 10s; ready(chip) != want;) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << chip << " never became " << want;
+      std::this_thread::sleep_for(2ms);
+    }
+  }
+  // tarnreg's standard output and exit status.
+  std::pair<int, std::string> tarnreg(std::string const& args) const {
+    std::string const command = std::string(kTool) + " " + args + " --runtime-dir " + runtimeDir() + " 2>&1";
+    std::FILE* const out = ::popen(command.c_str(), "r");
+    std::string text;
+    char buffer[4096];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, out)) > 0;) text.append(buffer, n);
+    int const status = ::pclose(out);
+    return {WEXITSTATUS(status), text};
+  }
+  TarnRegFile::SystemStatusPublisher publisher() const {
+    return TarnRegFile::SystemStatusPublisher::open(Kiv::Shm::Root(rig_.shmRoot()), "sys");
+  }
+
+  ChipRig rig_{16, "c0"};
+  std::string description_;
+  pid_t pid_ = -1;
+};
+
+TEST_F(AgentProcess, ChipAddedWrittenThroughTheSocketAndRemoved) {
+  start();
+  EXPECT_FALSE(ready("c0"));
+  EXPECT_EQ(ask("call c0 fieldWrite L0 f0 1"), "error chip 'c0' is not ready: the system status does not publish it\n");
+  auto status = publisher();
+  status.chipIs("c0", Hardware::DevId(1), "p1");
+  awaitReady("c0", true);
+
+  EXPECT_EQ(tarnreg("field write c0 L3 f2 0xab"), (std::pair<int, std::string>{0, ""}));
+  EXPECT_EQ(rig_.fileRegister(3), 0x00ab0000u) << "the register changed in the window";
+  EXPECT_EQ(tarnreg("field read c0 L3 f2"), (std::pair<int, std::string>{0, "0x000000ab\n"}));
+  EXPECT_EQ(tarnreg("reg write c0 L4 0x11223344").first, 0);
+  EXPECT_EQ(rig_.fileRegister(4), 0x11223344u);
+  EXPECT_EQ(tarnreg("agent call c0 regGetLastWritten L4"), (std::pair<int, std::string>{0, "287454020\n"}));
+  auto const diff = Json::parse(tarnreg("shadow diff c0 --json").second);
+  EXPECT_EQ(diff["pending"], 0);
+  EXPECT_EQ(diff["fields"][14]["logical"], "L3.f2");
+  EXPECT_EQ(diff["fields"][14]["desired"], 0xab);
+  EXPECT_EQ(diff["fields"][14]["applied"], 0xab);
+
+  status.chipDel("c0");
+  awaitReady("c0", false);
+  EXPECT_EQ(tarnreg("field write c0 L3 f2 1").second, "tarnreg: chip 'c0' is not ready: the system status does not publish it\n");
+  status.chipIs("c0", Hardware::DevId(1), "p1");
+  awaitReady("c0", true);
+  EXPECT_EQ(tarnreg("field read c0 L3 f2").second, "0x000000ab\n") << "desired values survive the chip's absence";
+  EXPECT_EQ(stop(SIGTERM), 0);
+  EXPECT_NE(slurp(rig_.dir() + "/agent.err").find("every chip removed"), std::string::npos);
+}
+
+TEST_F(AgentProcess, KilledWhileWritingRestartsWritingOnlyTheRegistersThatDiffer) {
+  auto status = publisher();
+  status.chipIs("c0", Hardware::DevId(1), "p1");
+  start();
+  awaitReady("c0", true);
+  // A client writes field after field; the agent dies in the middle of it.
+  std::atomic<bool> killed = false;
+  std::thread writer([&] {
+    for (int i = 0; i < 4000 && !killed; ++i) ask(fmt::format("call c0 fieldWrite L{} f{} {}", i % 16, i % 4, i & 0xff));
+  });
+  std::this_thread::sleep_for(60ms);
+  EXPECT_EQ(stop(SIGKILL), 128 + SIGKILL);
+  killed = true;
+  writer.join();
+
+  // What the dead agent wanted and what it recorded as applied, register by register.
+  auto const desired = rig_.images(rig_.configPath());
+  auto const applied = rig_.images(rig_.statusPath());
+  // The window's registers that need no write get a mark the restarted agent must leave alone:
+  // it never reads the hardware, so a register it wrote loses the mark.
+  constexpr U32 kMark = 0x5a5a5a5a;
+  int differing = 0;
+  for (int r = 0; r < rig_.registers(); ++r)
+    if (desired[r] == applied[r])
+      rig_.fileRegisterIs(r, kMark);
+    else
+      ++differing;
+  start();
+  for (int r = 0; r < rig_.registers(); ++r)
+    EXPECT_EQ(rig_.fileRegister(r), desired[r] == applied[r] ? kMark : desired[r]) << "R" << r;
+  EXPECT_EQ(rig_.images(rig_.configPath()), desired) << "the desired values were taken over";
+  EXPECT_EQ(rig_.images(rig_.statusPath()), desired);
+  EXPECT_EQ(Json::parse(ask("diff c0").substr(3))["pending"], 0);
+  RecordProperty("registers_rewritten", differing);
+}
+
+TEST_F(AgentProcess, PublisherKilledMidChangeLeavesAStatusTheAgentReadsConsistently) {
+  start();
+  // Another process publishes and withdraws the chip as fast as it can, and dies at some point.
+  pid_t const child = ::fork();
+  if (child == 0) {
+    auto status = publisher();
+    for (U32 i = 0;; ++i) {
+      if (i % 2) status.chipDel("c0");
+      else status.chipIs("c0", Hardware::DevId(i & 0xff), "p1");
+    }
+  }
+  std::this_thread::sleep_for(100ms);
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+  // The agent settles on what the table holds now.
+  auto const published = TarnRegFile::readSystemStatus(Kiv::Shm::Root(rig_.shmRoot()), "sys");
+  awaitReady("c0", published.chips.size() == 1);
+  ASSERT_TRUE(alive());
+  // The dead writer's lock went with it: a new publisher takes over and is followed.
+  auto status = publisher();
+  status.chipIs("c0", Hardware::DevId(1), "p1");
+  awaitReady("c0", true);
+  EXPECT_EQ(tarnreg("field write c0 L1 f1 7").first, 0);
+  EXPECT_EQ(rig_.fileRegister(1), 0x700u);
+}
+
+TEST_F(AgentProcess, AThousandMalformedRequestsLeaveTheAgentServing) {
+  auto status = publisher();
+  status.chipIs("c0", Hardware::DevId(1), "p1");
+  start();
+  awaitReady("c0", true);
+  // Each would end the process if it reached the chip unchecked, or is simply not a request.
+  std::vector<std::string> const requests = {
+      "call c0 fieldWrite L99 f0 1",          // unknown register: a fatal assertion in the chip
+      "call c0 fieldWrite L0 f7 1",           // unknown field
+      "call c0 fieldGetLastWritten L0",       // too few arguments
+      "call c0 fieldWrite L0 f0 256",         // wider than the field
+      "call c0 regWrite L0 0x1ffffffffffffffff",
+      "call c0 regWrite L0 -1",
+      "call c0 populatePhysicalField R0 f9 0 8",  // population after ready: fatal in the chip
+      "call c0 mountShadowFields a b c",
+      "call c0 nosuchop",
+      "call nochip fieldWrite L0 f0 1",
+      "diff nochip",
+      "frobnicate",
+      std::string(5000, 'x'),
+      std::string("call c0 fieldWrite L0 f0 \xff\xfe"),
+  };
+  std::mt19937 random(7);
+  for (int i = 0; i < 1000; ++i) {
+    std::string request = requests[i % requests.size()];
+    if (i % 7 == 0) {  // random bytes, line ends excluded
+      request.resize(random() % 200 + 1);
+      for (char& c : request) c = static_cast<char>(random() % 255 + 1);
+      std::replace(request.begin(), request.end(), '\n', ' ');
+      if (request.find_first_not_of(' ') == std::string::npos) request = "x";
+    }
+    std::string const answer = ask(request);
+    ASSERT_EQ(answer.rfind("error ", 0), 0u) << i << ": " << request.substr(0, 80) << " -> " << answer;
+    ASSERT_EQ(answer.find('\n'), answer.size() - 1);
+  }
+  EXPECT_TRUE(alive());
+  EXPECT_EQ(ask("call c0 fieldWrite L0 f0 0x5"), "ok\n");
+  EXPECT_EQ(rig_.fileRegister(0), 5u);
+  EXPECT_EQ(tarnreg("field write c0 L0 f0 256").second, "tarnreg: value 256 does not fit the 8 bits of L0.f0\n");
+}
+
+TEST_F(AgentProcess, OnlyItsOwnUserOrRootIsServed) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to ask as another user";
+  start();
+  std::string const socket = runtimeDir() + "/control.sock";
+  struct stat dir {}, sock {};
+  ASSERT_EQ(0, ::stat(runtimeDir().c_str(), &dir));
+  ASSERT_EQ(0, ::stat(socket.c_str(), &sock));
+  EXPECT_EQ(dir.st_mode & 07777, 0700u);
+  EXPECT_EQ(sock.st_mode & 07777, 0600u);
+  // Opened to everyone, so that only the peer's credentials stand in the way.
+  ASSERT_EQ(0, ::chmod(rig_.dir().c_str(), 0755));
+  ASSERT_EQ(0, ::chmod(runtimeDir().c_str(), 0755));
+  ASSERT_EQ(0, ::chmod(socket.c_str(), 0666));
+  pid_t const child = ::fork();
+  if (child == 0) {
+    bool const dropped = ::setgid(65534) == 0 && ::setuid(65534) == 0;
+    ::_exit(dropped && ask("ping") == "error permission denied: uid 65534 is neither this agent's user nor root\n" ? 0 : 1);
+  }
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ask("ping"), "ok pong\n");
+}
+
+TEST_F(AgentProcess, ABadDescriptionIsRefusedBeforeAnythingStarts) {
+  std::ofstream(description_) << R"({"system": "sys", "chips": [{"name": "c0", "map": "x.csv"}]})";
+  std::string const command = std::string(kAgent) + " --runtime-dir " + runtimeDir() + " " + description_ + " 2>&1";
+  std::FILE* const out = ::popen(command.c_str(), "r");
+  char line[512] = {};
+  ASSERT_TRUE(std::fgets(line, sizeof line, out));
+  EXPECT_EQ(WEXITSTATUS(::pclose(out)), 2);
+  EXPECT_EQ(std::string(line), "tarnagent: " + description_ + ": chips[0].map: Error opening CSV file " + rig_.dir() +
+                                   "/x.csv\n");
+  EXPECT_FALSE(std::ifstream(runtimeDir() + "/control.sock"));
+}
+
+}  // namespace
