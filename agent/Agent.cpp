@@ -1,6 +1,6 @@
 #include "Agent.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

@@ -16,9 +16,9 @@
 #include "ControlServer.h"
 #include "SystemDescription.h"
 
-#include "KivPtr.h"
-#include "ShmEntityManager.h"
-#include "ShmRoot.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
+#include "TarnRegFile/platform/ShmRoot.h"
 
 #include "TarnRegFile/SystemModels.h"
 #include "TarnRegFile/SystemStatusShm.h"

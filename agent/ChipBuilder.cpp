@@ -1,8 +1,8 @@
 #include "ChipBuilder.h"
 
-#include "PciDov.h"
-#include "Trace.h"
-#include "VormI2cDev.h"
+#include "TarnRegFile/platform/PciDov.h"
+#include "TarnRegFile/platform/Trace.h"
+#include "TarnRegFile/platform/VormI2cDev.h"
 
 #include "TarnRegFile/I2cTransportVormImpl.h"
 #include "TarnRegFile/ShadowTypes.h"

@@ -19,9 +19,9 @@
 
 #include "SystemDescription.h"
 
-#include "KivPtr.h"
-#include "ShmEntityManager.h"
-#include "Vorm.h"
+#include "TarnRegFile/platform/KivPtr.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
+#include "TarnRegFile/platform/Vorm.h"
 
 #include "TarnRegFile/SystemChipStatusSm.h"
 

@@ -2,8 +2,8 @@
 
 #include "ChipBuilder.h"
 
-#include "KivGeneric.h"
-#include "Trace.h"
+#include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>

@@ -11,7 +11,7 @@
 #include "ControlProtocol.h"
 #include "SystemDescription.h"
 
-#include "KivPtr.h"
+#include "TarnRegFile/platform/KivPtr.h"
 
 #include "TarnRegFile/SystemModels.h"
 

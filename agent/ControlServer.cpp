@@ -2,7 +2,7 @@
 
 #include "ControlProtocol.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <boost/asio/read_until.hpp>
 #include <boost/asio/streambuf.hpp>

@@ -1,6 +1,6 @@
 #include "Signals.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>
 

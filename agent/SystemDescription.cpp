@@ -134,9 +134,8 @@ std::shared_ptr<ChipLayout const> parseLayout(Object const& o, std::string const
     p.size = static_cast<U8>(f.number("size", 32));
     if (p.size == 0) fail(f.at("size"), "0 is below 1");
     if (p.start + p.size > 32) fail(f.at("size"), fmt::format("{} run past bit 31", bits(p.start, p.size)));
-    auto const reg = map->registers().find(p.reg.view());
-    if (reg == map->registers().end()) fail(f.at("register"), fmt::format("'{}' is not in {}", p.reg, layout->mapPath));
-    p.regNumber = reg->second.number;
+    if (!map->hasRegName(p.reg.view())) fail(f.at("register"), fmt::format("'{}' is not in {}", p.reg, layout->mapPath));
+    p.regNumber = map->findRegisterByName(p.reg.view()).number;
     if (p.regNumber > (1u << 28)) fail(f.at("register"), fmt::format("register number {} is beyond {}", p.regNumber, 1u << 28));
     auto const [it, fresh] =
         physicalByName.try_emplace(p.reg.str() + "." + p.field.str(), Place{static_cast<U32>(i), f.where()});

@@ -13,8 +13,8 @@
 /// tens of thousands of fields, whose description is then written, read and checked once.
 /// docs/agent.md gives the format.
 
-#include "KivString.h"
-#include "Types.h"
+#include "TarnRegFile/platform/KivString.h"
+#include "TarnRegFile/platform/Types.h"
 
 #include <algorithm>
 #include <memory>

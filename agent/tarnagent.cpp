@@ -11,7 +11,7 @@
 #include "Signals.h"
 #include "SystemDescription.h"
 
-#include "Trace.h"
+#include "TarnRegFile/platform/Trace.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
