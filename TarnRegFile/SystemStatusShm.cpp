@@ -36,7 +36,8 @@ void checkName(std::string_view name, char const* what) {
 
 void putName(std::string_view name, std::byte* out, std::size_t room) {
   std::memset(out, 0, room);
-  std::memcpy(out, name.data(), std::min(name.size(), room));
+  if (!name.empty())  // an empty view may have no characters at all (a null pointer)
+    std::memcpy(out, name.data(), std::min(name.size(), room));
 }
 
 std::string getName(std::byte const* in, std::size_t room) {
