@@ -72,8 +72,8 @@ ChipBuilder::ChipBuilder(Kiv::Ptr<Kiv::Shm::EntityManager> const& em, Kiv::Ptr<P
           Kiv::String(chip.transport.device), std::make_shared<Hardware::VormI2cDevBackend>(chip.transport.device));
 }
 
-ChipSpec const& ChipBuilder::spec(Kiv::String const& chipName) const {
-  if (auto const* spec = description_.chip(chipName.str())) return *spec;
+ChipEntry const& ChipBuilder::entry(Kiv::String const& chipName) const {
+  if (auto const* entry = description_.chip(chipName.str())) return *entry;
   throw std::runtime_error(fmt::format("chip '{}' is published but not in the description of system {}",
                                        chipName.str(), description_.system));
 }
@@ -84,7 +84,7 @@ size_t ChipBuilder::restoredFields(std::string const& chip) const {
 }
 
 Kiv::Ptr<LogicalChip> ChipBuilder::createLogicalChip(Kiv::String const& chipName) {
-  ChipSpec const& chip = spec(chipName);
+  ChipEntry const& chip = entry(chipName);
   ChipLayout const& layout = *chip.layout;
   U32 const block = addrBlockSize(chip.transport.kind);
   std::string const configPath = configPathOf(chip.name);
@@ -132,8 +132,8 @@ Kiv::Ptr<LogicalChip> ChipBuilder::createLogicalChip(Kiv::String const& chipName
 }
 
 Kiv::Ptr<TransportMethod> ChipBuilder::createTransport(Kiv::String const& chipName) {
-  ChipSpec const& chip = spec(chipName);
-  TransportSpec const& t = chip.transport;
+  ChipEntry const& chip = entry(chipName);
+  TransportEntry const& t = chip.transport;
   std::string const& map = chip.layout->mapPath;
   auto transport = TransportMethod::TransportMethodIs(chipName);
   switch (t.kind) {

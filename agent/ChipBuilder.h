@@ -57,7 +57,7 @@ public:
   size_t restoredFields(std::string const& chip) const;
 
 private:
-  ChipSpec const& spec(Kiv::String const& chipName) const;
+  ChipEntry const& entry(Kiv::String const& chipName) const;
 
   SystemDescription const& description_;
   VormMap vorms_;

@@ -146,27 +146,27 @@ std::string RequestHandler::call(Request const& request) {
 
 std::string RequestHandler::chips() const {
   nlohmann::json out = nlohmann::json::array();
-  for (auto const& spec : description_.chips) {
-    auto const chip = logical_->chip(spec.name);
-    out.push_back({{"name", spec.name},
-                   {"transport", transportKindName(spec.transport.kind)},
+  for (auto const& entry : description_.chips) {
+    auto const chip = logical_->chip(entry.name);
+    out.push_back({{"name", entry.name},
+                   {"transport", transportKindName(entry.transport.kind)},
                    {"ready", chip && chip->ready()},
-                   {"physicalFields", spec.layout->physical.size()},
-                   {"logicalFields", spec.layout->logical.size()}});
+                   {"physicalFields", entry.layout->physical.size()},
+                   {"logicalFields", entry.layout->logical.size()}});
   }
   return out.dump();
 }
 
 std::string RequestHandler::diff(std::string const& name) const {
-  ChipSpec const& spec = *description_.chip(name);
+  ChipEntry const& entry = *description_.chip(name);
   auto const chip = logical_->chip(name);
   auto const& config = chip->shadowFieldsConfig();
   auto const& status = chip->shadowFieldsStatus();
-  U32 const block = addrBlockSize(spec.transport.kind);
+  U32 const block = addrBlockSize(entry.transport.kind);
   nlohmann::json fields = nlohmann::json::array();
   size_t pending = 0;
-  for (auto const& p : spec.layout->physical) {
-    auto const& l = spec.layout->logical[p.logical];
+  for (auto const& p : entry.layout->physical) {
+    auto const& l = entry.layout->logical[p.logical];
     ShadowFieldKey const key(p.regNumber * block, p.start, p.size);
     U32 const desired = config->field(key).value;
     bool const applied = status->fieldHas(key);

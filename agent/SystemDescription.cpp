@@ -127,7 +127,7 @@ std::shared_ptr<ChipLayout const> parseLayout(Object const& o, std::string const
   for (size_t i = 0; i < fields.size(); ++i) {
     Object const f(fields[i], fmt::format("{}[{}]", o.at("fields"), i));
     f.only({"register", "field", "start", "size"});
-    PhysicalFieldSpec p;
+    PhysicalFieldEntry p;
     p.reg = f.string("register");
     p.field = f.string("field");
     p.start = static_cast<U8>(f.number("start", 31));
@@ -167,7 +167,7 @@ std::shared_ptr<ChipLayout const> parseLayout(Object const& o, std::string const
     for (size_t i = 0; i < lfields.size(); ++i) {
       Object const f(lfields[i], fmt::format("{}[{}]", reg.at("fields"), i));
       f.only({"name", "start", "size", "initial", "physical"});
-      LogicalFieldSpec l;
+      LogicalFieldEntry l;
       l.reg = name;
       std::string const fieldName = f.string("name");
       l.field = Kiv::String(fieldName);
@@ -189,7 +189,7 @@ std::shared_ptr<ChipLayout const> parseLayout(Object const& o, std::string const
       std::string const key = ph.string("register") + "." + ph.string("field");
       auto const target = physicalByName.find(key);
       if (target == physicalByName.end()) fail(ph.where(), fmt::format("{} is not among the chip's fields", key));
-      PhysicalFieldSpec& p = layout->physical[target->second.index];
+      PhysicalFieldEntry& p = layout->physical[target->second.index];
       if (p.logical != ~0u) {
         auto const& other = layout->logical[p.logical];
         fail(ph.where(), fmt::format("{} already backs {}.{}", key, other.reg, other.field));
@@ -208,34 +208,34 @@ std::shared_ptr<ChipLayout const> parseLayout(Object const& o, std::string const
   return layout;
 }
 
-TransportSpec parseTransport(Object const& t) {
-  TransportSpec spec;
+TransportEntry parseTransport(Object const& t) {
+  TransportEntry entry;
   std::string const kind = t.string("kind");
   if (kind == "mock") {
     t.only({"kind", "file"});
-    spec.kind = TransportKind::Mock;
-    spec.file = t.string("file", "/tmp/MockTarnDebugReg.csv");
+    entry.kind = TransportKind::Mock;
+    entry.file = t.string("file", "/tmp/MockTarnDebugReg.csv");
   } else if (kind == "pci") {
     t.only({"kind", "resource"});
-    spec.kind = TransportKind::Pci;
-    spec.resource = t.string("resource");
+    entry.kind = TransportKind::Pci;
+    entry.resource = t.string("resource");
   } else if (kind == "i2c") {
     t.only({"kind", "device", "address", "flavour"});
-    spec.kind = TransportKind::I2c;
-    spec.device = t.string("device");
-    spec.address = static_cast<U32>(t.number("address", 0x7f));
+    entry.kind = TransportKind::I2c;
+    entry.device = t.string("device");
+    entry.address = static_cast<U32>(t.number("address", 0x7f));
     std::string const flavour = t.string("flavour", "block");
     if (flavour != "block" && flavour != "word") fail(t.at("flavour"), fmt::format("'{}' is not block or word", flavour));
-    spec.wordFlavour = flavour == "word";
+    entry.wordFlavour = flavour == "word";
   } else if (kind == "i2c-async") {
     t.only({"kind", "device", "address"});
-    spec.kind = TransportKind::I2cAsync;
-    spec.device = t.string("device");
-    spec.address = static_cast<U32>(t.number("address", 0x7f));
+    entry.kind = TransportKind::I2cAsync;
+    entry.device = t.string("device");
+    entry.address = static_cast<U32>(t.number("address", 0x7f));
   } else {
     fail(t.at("kind"), fmt::format("'{}' is not one of mock, pci, i2c, i2c-async", kind));
   }
-  return spec;
+  return entry;
 }
 
 // "line 3, column 7" of byte @p offset (1-based, as the parser counts it).
@@ -271,7 +271,7 @@ bool isValidName(std::string_view name) noexcept {
   return true;
 }
 
-ChipSpec const* SystemDescription::chip(std::string_view name) const noexcept {
+ChipEntry const* SystemDescription::chip(std::string_view name) const noexcept {
   for (auto const& c : chips)
     if (c.name == name) return &c;
   return nullptr;
@@ -309,7 +309,7 @@ SystemDescription parseSystemDescription(std::string_view text, std::string cons
   std::map<std::string, std::string> names;
   for (size_t i = 0; i < chips.size(); ++i) {
     Object const c(chips[i], fmt::format("chips[{}]", i));
-    ChipSpec chip;
+    ChipEntry chip;
     chip.name = c.string("name");
     if (!isValidName(chip.name))
       fail(c.at("name"), fmt::format("'{}' is not a name (letters, digits, '_', '-', '.'; at most 64)", chip.name));

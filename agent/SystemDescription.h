@@ -37,7 +37,7 @@ enum class TransportKind : U8 { Mock, Pci, I2c, I2cAsync };
 /// @brief "mock", "pci", "i2c" or "i2c-async".
 char const* transportKindName(TransportKind kind) noexcept;
 
-struct TransportSpec {
+struct TransportEntry {
   TransportKind kind = TransportKind::Mock;
   std::string file;      ///< mock: the register dump file
   std::string resource;  ///< pci: the resource file (or a regular file standing in for a BAR)
@@ -50,7 +50,7 @@ struct TransportSpec {
 constexpr U32 addrBlockSize(TransportKind kind) noexcept { return kind == TransportKind::I2c ? 1 : 4; }
 
 /// @brief A bit slice of a 32-bit register of the map.
-struct PhysicalFieldSpec {
+struct PhysicalFieldEntry {
   Kiv::String reg;  // the library's strings: a chip built from them shares their characters
   Kiv::String field;
   U32 regNumber = 0;  ///< the register's number in the map
@@ -60,7 +60,7 @@ struct PhysicalFieldSpec {
 };
 
 /// @brief A bit slice of a logical register (up to 64 bits), backed by one physical field.
-struct LogicalFieldSpec {
+struct LogicalFieldEntry {
   Kiv::String reg;
   Kiv::String field;
   U8 start = 0;
@@ -72,14 +72,14 @@ struct LogicalFieldSpec {
 /// @brief What chips of one kind have in common: the map and the fields.
 struct ChipLayout {
   std::string mapPath;  ///< as resolved (relative paths are taken from the description's directory)
-  std::vector<PhysicalFieldSpec> physical;
-  std::vector<LogicalFieldSpec> logical;
+  std::vector<PhysicalFieldEntry> physical;
+  std::vector<LogicalFieldEntry> logical;
   U32 maxRegNumber = 0;  ///< the highest register number a physical field uses
 };
 
-struct ChipSpec {
+struct ChipEntry {
   std::string name;
-  TransportSpec transport;
+  TransportEntry transport;
   std::shared_ptr<ChipLayout const> layout;
   /// The capacity of the chip's shadow tables (an entry per physical field), and at least one
   /// past the highest byte address a field uses: the physical field count the chip is left
@@ -91,9 +91,9 @@ struct ChipSpec {
 
 struct SystemDescription {
   std::string system;
-  std::vector<ChipSpec> chips;
+  std::vector<ChipEntry> chips;
   /// @brief The chip called @p name, or null.
-  ChipSpec const* chip(std::string_view name) const noexcept;
+  ChipEntry const* chip(std::string_view name) const noexcept;
 };
 
 /// @brief Reads and checks the description in @p text; relative map paths are taken from
