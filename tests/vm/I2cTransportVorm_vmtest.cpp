@@ -43,9 +43,7 @@ class I2cTransportVormOnI2cStub : public ::testing::Test {
 protected:
   void SetUp() override {
     TARN_REQUIRE_TEST_VM();
-    bus_ = TarnVm::findI2cAdapter("SMBus stub driver");
-    ASSERT_GE(bus_, 0) << "no i2c-stub adapter (insmod i2c-stub.ko chip_addr=0x50)";
-    node_ = "/dev/i2c-" + std::to_string(bus_);
+    ASSERT_TRUE(TarnVm::findI2cStub(bus_, node_)) << TarnVm::kNoI2cStub;
     vorm_ = Hardware::Vorm::VormIs("stub", std::make_shared<Hardware::VormI2cDevBackend>(node_), 300ms);
     // Register n at byte address 4n: "r<n>" for the offsets used here, and one beyond
     // the SMBus command byte.

@@ -61,9 +61,7 @@ class I2cTransportVm : public ::testing::Test {
 protected:
   void SetUp() override {
     TARN_REQUIRE_TEST_VM();
-    bus_ = TarnVm::findI2cAdapter("SMBus stub driver");
-    ASSERT_GE(bus_, 0) << "no i2c-stub adapter (insmod i2c-stub.ko chip_addr=0x50)";
-    node_ = "/dev/i2c-" + std::to_string(bus_);
+    ASSERT_TRUE(TarnVm::findI2cStub(bus_, node_)) << TarnVm::kNoI2cStub;
     csv_ = "/tmp/i2c-transport-" + std::to_string(getpid()) + ".csv";
     std::ofstream(csv_) << kMap;
     // Other programs of the VM run share the stub: start from known cells.

@@ -78,9 +78,7 @@ protected:
   void SetUp() override {
     TarnregVm::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
-    bus_ = TarnVm::findI2cAdapter("SMBus stub driver");
-    ASSERT_GE(bus_, 0) << "no i2c-stub adapter (insmod i2c-stub.ko chip_addr=0x50)";
-    node_ = "/dev/i2c-" + std::to_string(bus_);
+    ASSERT_TRUE(TarnVm::findI2cStub(bus_, node_)) << TarnVm::kNoI2cStub;
   }
 
   // tarnreg over the stub chip with @p map and @p flavour ("" for the default); @p command

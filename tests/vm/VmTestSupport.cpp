@@ -89,12 +89,15 @@ std::string findPciDevice(unsigned vendor, unsigned device) {
   return {};
 }
 
-int findI2cAdapter(std::string const& adapterName) {
+bool findI2cStub(int& bus, std::string& node) {
   for (auto const& name : directoryEntries("/sys/class/i2c-dev")) {
-    if (name.rfind("i2c-", 0) == 0 && firstLine("/sys/class/i2c-dev/" + name + "/name") == adapterName)
-      return std::atoi(name.c_str() + 4);
+    if (name.rfind("i2c-", 0) == 0 && firstLine("/sys/class/i2c-dev/" + name + "/name") == "SMBus stub driver") {
+      bus = std::atoi(name.c_str() + 4);
+      node = "/dev/" + name;
+      return true;
+    }
   }
-  return -1;
+  return false;
 }
 
 namespace {

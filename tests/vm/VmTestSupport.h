@@ -24,8 +24,11 @@ CommandResult runCommand(std::vector<std::string> const& argv);
 /// @brief The sysfs address ("0000:00:04.0") of the first PCI device with these ids, or "".
 std::string findPciDevice(unsigned vendor, unsigned device);
 
-/// @brief The number N of the first /dev/i2c-N adapter whose name is @p adapterName, or -1.
-int findI2cAdapter(std::string const& adapterName);
+/// @brief Finds the i2c-stub adapter the VM loads (one chip at 0x50): its bus number N in
+/// @p bus and its node "/dev/i2c-N" in @p node. False when the module is not loaded.
+bool findI2cStub(int& bus, std::string& node);
+/// @brief What a test says when findI2cStub() fails.
+inline constexpr char kNoI2cStub[] = "no i2c-stub adapter (insmod i2c-stub.ko chip_addr=0x50)";
 
 /// @brief busybox `i2cget -y BUS 0x50 COMMAND b`: one byte of the chip at 0x50, read by an
 /// independent client (a failed command is a test failure and reads 0).

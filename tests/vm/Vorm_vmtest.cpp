@@ -36,9 +36,7 @@ class VormOnI2cStub : public ::testing::Test {
 protected:
   void SetUp() override {
     TARN_REQUIRE_TEST_VM();
-    bus_ = TarnVm::findI2cAdapter("SMBus stub driver");
-    ASSERT_GE(bus_, 0) << "no i2c-stub adapter (insmod i2c-stub.ko chip_addr=0x50)";
-    node_ = "/dev/i2c-" + std::to_string(bus_);
+    ASSERT_TRUE(TarnVm::findI2cStub(bus_, node_)) << TarnVm::kNoI2cStub;
     backend_ = std::make_shared<Hardware::VormI2cDevBackend>(node_);
     vorm_ = Vorm::VormIs("stub", backend_, 300ms);
   }
