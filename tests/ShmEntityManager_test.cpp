@@ -2,22 +2,15 @@
 // errors, modes, lifetime of mounted collections, the control object and the
 // corruption handler.
 
-#include "TarnRegFile/platform/ShmEntityManager.h"
 #include "TarnRegFile/platform/ShmTable.h"
-#include "TarnRegFile/ShadowTypes.h"
 #include "TarnRegFile/platform/KivGeneric.h"
 #include "TarnRegFile/platform/Trace.h"
+#include "helpers/ShmTestTraits.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <filesystem>
-#include <stdexcept>
-#include <string>
 #include <tuple>
 #include <vector>
-
-#include <stdlib.h>
 
 namespace {
 
@@ -30,17 +23,8 @@ constexpr char const* kConfigType = "TarnRegFile::ShadowFieldsConfig";
 constexpr char const* kStatusType = "TarnRegFile::ShadowFieldsStatus";
 constexpr char const* kChip0 = "TarnRegFile/shadowFieldsConfig/chip0";
 
-/// A private root in tmpfs, removed afterwards.
-class ShmEntityManagerTest : public ::testing::Test {
+class ShmEntityManagerTest : public ShmTest::RootTest {
 protected:
-  void SetUp() override {
-    char pattern[] = "/dev/shm/tarn-em-test.XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    base_ = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(base_); }
-
-  Root root() const { return Root(base_ + "/root"); }
   Kiv::Ptr<EntityManager> manager(MountMode mode = MountMode::writer) const {
     return EntityManager::EntityManagerIs(root(), mode);
   }
@@ -56,19 +40,10 @@ protected:
     group.close();
     return entity;
   }
-
-  std::string base_;
 };
 
 /// What the runtime error of @p action says.
-std::string errorOf(auto&& action) {
-  try {
-    action();
-  } catch (std::runtime_error const& e) {
-    return e.what();
-  }
-  return "(no error)";
-}
+auto errorOf(auto&& action) { return ShmTest::errorOf<std::runtime_error>(action); }
 
 TEST_F(ShmEntityManagerTest, MountBuildsTheTreeAndCloseAttachesWithTheDescribedCapacity) {
   auto em = manager();
@@ -84,7 +59,7 @@ TEST_F(ShmEntityManagerTest, MountBuildsTheTreeAndCloseAttachesWithTheDescribedC
   EXPECT_EQ(em->mountStatus(kChip0), MountStatus::mounted);
   EXPECT_TRUE(config->writer());
   EXPECT_EQ(config->fieldCapacity(), 3u);
-  EXPECT_TRUE(std::filesystem::is_regular_file(base_ + "/root/" + kChip0));
+  EXPECT_TRUE(std::filesystem::is_regular_file(file(kChip0)));
 
   // Directory entities for the intermediate components, the manager at the top.
   auto dir = em->entity("TarnRegFile/shadowFieldsConfig");
@@ -95,11 +70,20 @@ TEST_F(ShmEntityManagerTest, MountBuildsTheTreeAndCloseAttachesWithTheDescribedC
   EXPECT_EQ(em->mountedPaths(), std::vector<std::string>{kChip0});
 }
 
-TEST_F(ShmEntityManagerTest, BadOrClashingMountsAreClearErrorsThatCreateNothing) {
+TEST_F(ShmEntityManagerTest, BadOrClashingOrUnclosedMountsAreClearErrorsThatLeaveNothing) {
   auto em = manager();
   for (std::string const path : {"/etc/passwd", "a/../../outside", ".hidden"})
     EXPECT_THROW(em->mountGroup().mount(path, kConfigType, fields(1)), std::invalid_argument) << path;
   EXPECT_FALSE(std::filesystem::exists(base_ + "/root"));
+  {  // a group not closed takes its entities back, and their directories
+    auto group = em->mountGroup();
+    group.mount(kChip0, kConfigType, fields(2));
+    group.mount("Other/thing", kStatusType, fields(2));
+    EXPECT_TRUE(em->entity(kChip0));
+  }
+  for (char const* path : {kChip0, "TarnRegFile", "Other"})
+    EXPECT_FALSE(em->entity(path)) << path;
+  EXPECT_FALSE(std::filesystem::exists(file(kChip0)));
 
   mountOne(em, kChip0, 2);
   std::tuple<std::string, std::string, std::string> const clashes[] = {
@@ -124,20 +108,6 @@ TEST_F(ShmEntityManagerTest, BadOrClashingMountsAreClearErrorsThatCreateNothing)
                     HasSubstr("no capacity for collection 'field'")));
   EXPECT_FALSE(failed->attached());
   EXPECT_EQ(failed->fieldControl()->mountStatus(), MountStatus::failed);
-}
-
-TEST_F(ShmEntityManagerTest, AGroupNotClosedTakesItsEntitiesBack) {
-  auto em = manager();
-  {
-    auto group = em->mountGroup();
-    group.mount(kChip0, kConfigType, fields(2));
-    group.mount("Other/thing", kStatusType, fields(2));
-    EXPECT_TRUE(em->entity(kChip0));
-  }
-  EXPECT_FALSE(em->entity(kChip0));
-  EXPECT_FALSE(em->entity("TarnRegFile"));  // its directories too
-  EXPECT_FALSE(em->entity("Other"));
-  EXPECT_FALSE(std::filesystem::exists(base_ + "/root/" + kChip0));
 }
 
 TEST_F(ShmEntityManagerTest, RemountKeepsTheEntityAndGrowsButNeverShrinksItsTable) {

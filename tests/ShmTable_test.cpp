@@ -3,61 +3,37 @@
 // (also around a writer killed at random), damage detection, and tables
 // exchanged between i386 and amd64 processes.
 
-#include "TarnRegFile/platform/ShmRoot.h"
 #include "TarnRegFile/platform/ShmTable.h"
 #include "TarnRegFile/platform/Trace.h"
 #include "helpers/ShmTestTraits.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
-#include <optional>
 #include <random>
-#include <string>
-#include <utility>
 #include <vector>
 
 #include <fcntl.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
 using namespace Kiv::Shm;
+using namespace ShmTest;
+using ShmTest::Collection;
 using ::testing::HasSubstr;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-
-/// A private root below a fresh directory in /dev/shm, removed afterwards.
-class ShmTableTest : public ::testing::Test {
-protected:
-  void SetUp() override {
-    char name[] = "/dev/shm/tarn-shm-test.XXXXXX";
-    ASSERT_NE(::mkdtemp(name), nullptr);
-    base_ = name;
-  }
-  void TearDown() override { fs::remove_all(base_); }
-  Root root() const { return Root(base_ + "/root"); }
-  std::string file(std::string const& path) const { return base_ + "/root/" + path; }
-
-  std::string base_;
-};
+using ShmTableTest = RootTest;
 
 // Raw 30-byte values: key k, counter c, then 22 bytes derived from both, so
 // that a torn or garbled value never passes valid().
@@ -78,7 +54,7 @@ bool valid(std::byte const* v, U32& k, U32& c) {
   std::memcpy(&c, v + 4, 4);
   return std::memcmp(v, make(k, c).data(), kValueSize) == 0;
 }
-U32 hashOf(Table const& t, U32 k) { return ShmTest::seededHash(ShmTest::Key{k, 0, 0}, t.seed()); }
+U32 hashOf(Table const& t, U32 k) { return Traits::hash(Key(k, 0, 0), t.seed()); }
 std::byte const* keyBytes(U32 const& k) { return reinterpret_cast<std::byte const*>(&k); }
 void put(Table& t, U32 k, U32 c) { t.write(make(k, c).data(), hashOf(t, k)); }
 bool drop(Table& t, U32 k) { return t.remove(keyBytes(k), hashOf(t, k)); }
@@ -93,42 +69,11 @@ std::optional<U32> get(Table& t, U32 k) {
   return c;
 }
 
-/// Runs @p body in a child process; its return value (98 for an exception) is the exit status.
-template <class F>
-pid_t spawn(F body) {
-  pid_t const pid = ::fork();
-  if (pid == 0) {
-    try {
-      ::_exit(body());
-    } catch (std::exception const& e) {
-      std::fprintf(stderr, "child %d: %s\n", int(::getpid()), e.what());
-    }
-    ::_exit(98);
-  }
-  return pid;
-}
-
-int waitExit(pid_t pid) {
-  int status = 0;
-  if (::waitpid(pid, &status, 0) != pid)
-    return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 /// An object in anonymous shared memory, visible to forked children; lives as long as the test program.
 template <class T>
 T* shared() {
   void* p = ::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   return p == MAP_FAILED ? throw std::runtime_error("mmap failed") : new (p) T();
-}
-
-std::string errorOf(auto&& action) {
-  try {
-    action();
-  } catch (std::exception const& e) {
-    return e.what();
-  }
-  return "(no error)";
 }
 
 std::vector<unsigned char> readFile(std::string const& path) {
@@ -245,31 +190,26 @@ TEST_F(ShmTableTest, FullTableAndBadShapesAreClearErrorsThatChangeNothing) {
 }
 
 TEST_F(ShmTableTest, CollectionObserversMayBeRemovedAndAddedWhileBeingNotified) {
-  auto writer = ShmTest::Collection::openWriter(root(), "obs/t", 8);
+  auto writer = Collection::openWriter(root(), "obs/t", 8);
   std::vector<int> calls;
-  ShmTest::Collection::ObserverId second = 0;
-  writer.observerIs([&](ShmTest::Key const&) {
+  Collection::ObserverId second = 0;
+  writer.observerIs([&](Key const&) {
     calls.push_back(1);
     writer.observerDel(second);
-    writer.observerIs([&](ShmTest::Key const&) { calls.push_back(3); });
+    writer.observerIs([&](Key const&) { calls.push_back(3); });
   });
-  second = writer.observerIs([&](ShmTest::Key const&) { calls.push_back(2); });
-  writer.write(ShmTest::Value{ShmTest::Key{1, 0, 1}, 1});  // the removed one is skipped, the added one waits
-  EXPECT_FALSE(writer.remove(ShmTest::Key{2, 0, 1}));      // nothing removed: nobody is told
-  writer.notify(ShmTest::Key{1, 0, 1});
+  second = writer.observerIs([&](Key const&) { calls.push_back(2); });
+  writer.write(Value(Key(1, 0, 1), 1));       // the removed one is skipped, the added one waits
+  EXPECT_FALSE(writer.remove(Key(2, 0, 1)));  // nothing removed: nobody is told
+  writer.notify(Key(1, 0, 1));
   EXPECT_EQ(calls, (std::vector<int>{1, 1, 3}));
 }
 
 TEST_F(ShmTableTest, TheFileFollowsTheEntriesAndTheCapacityOnlyLimitsThem) {
-  auto fileBytes = [&](char const* path) { return fs::file_size(file(path)); };
-  Table huge = Table::openWriter(root(), "huge/t", shape(1u << 25));  // a limit far beyond any file
-  EXPECT_EQ(huge.capacity(), 1u << 25);
-  EXPECT_LT(fileBytes("huge/t"), 4096u);
-
   constexpr U32 kLimit = 5000;
   Kiv::TraceCapture trace("Shm/*");
   Table t = Table::openWriter(root(), "fill/t", shape(kLimit));
-  std::uintmax_t const startBytes = fileBytes("fill/t");
+  std::uintmax_t const startBytes = fs::file_size(file("fill/t"));
   for (U32 k = 0; k < 10; ++k)
     put(t, k, k + 100);
   Table reader = Table::openReader(root(), "fill/t");
@@ -278,7 +218,7 @@ TEST_F(ShmTableTest, TheFileFollowsTheEntriesAndTheCapacityOnlyLimitsThem) {
     put(t, k, k + 100);
   EXPECT_EQ(t.bucketCount(), 8192u);  // doubled from 16 as the entries came: load never above 3/4
   EXPECT_EQ(trace.count("rebuilt shared-memory table 'fill/t'"), 9u);
-  EXPECT_GT(fileBytes("fill/t"), 100 * startBytes);
+  EXPECT_GT(fs::file_size(file("fill/t")), 100 * startBytes);
   EXPECT_EQ(errorOf([&] { put(t, kLimit, 1); }), "shared-memory table 'fill/t' is full (capacity 5000)");
   EXPECT_EQ(reader.size(), kLimit);  // moved to the newest file, every entry kept
   EXPECT_EQ(reader.bucketCount(), 8192u);
@@ -491,38 +431,40 @@ TEST_F(ShmTableTest, WriteCutOffAfterTheJournalCountsForReadersAndWritersAndInTh
     entry = wordAt(before, at) != wordAt(after, at) ? at : entry;
   ASSERT_NE(entry, 0u);
 
-  // Inside the entry: its old contents under the odd seq of the new write.
+  // Each state: the file on one side of the write with one part as the cut-off write left it.
   std::vector<unsigned char> half(before.begin() + entry, before.begin() + entry + bucketBytes);
   U32 const odd = wordAt(after, entry) - 1;
   std::memcpy(half.data(), &odd, 4);
-  patch(path, entry, half.data(), half.size());
-  Table reader = Table::openReader(root(), "cut/t");
-  EXPECT_EQ(get(reader, 1), 2u);  // served from the journal
-  {
-    Table t = Table::openWriter(root(), "cut/t", shape(4));
-    std::vector<unsigned char> const repaired = readFile(path);  // and completed by the next writer
-    EXPECT_TRUE(std::equal(after.begin() + entry, after.begin() + entry + bucketBytes, repaired.begin() + entry));
-    EXPECT_EQ(t.size(), 1u);
-  }
-  // Between the two steps: the journal's record complete, the entry untouched. The write
-  // counts for a reader as it will for the next writer.
-  patch(path, 0, before.data(), before.size());
   std::size_t const firstBucket = wordAt(after, 40);
-  patch(path, journal, after.data() + journal, firstBucket - journal);
-  EXPECT_EQ(get(reader, 1), 2u);
-  {
-    Table t = Table::openWriter(root(), "cut/t", shape(4));
-    EXPECT_EQ(get(t, 1), 2u);
-  }
-  // Inside the journal: the state before the write, with the journal half written over.
-  patch(path, 0, before.data(), before.size());
   U32 const garbage[4] = {wordAt(before, journal) + 1, 12345, 0xDEAD, 0xBEEF};
-  patch(path, journal, garbage, sizeof garbage);
-  EXPECT_EQ(get(reader, 1), 1u);
-  Table t = Table::openWriter(root(), "cut/t", shape(4));
-  EXPECT_EQ(get(t, 1), 1u);
-  put(t, 1, 3);
-  EXPECT_EQ(get(reader, 1), 3u);
+  struct Cut {
+    char const* where;
+    std::vector<unsigned char> const& base;
+    std::size_t at;
+    void const* bytes;
+    std::size_t size;
+    U32 counts;  // the value readers and the next writer take
+  } const cuts[] = {
+      {"inside the entry: its old contents under the new odd seq", after, entry, half.data(), half.size(), 2},
+      {"between the steps: the journal complete, the entry untouched", before, journal, after.data() + journal,
+       firstBucket - journal, 2},
+      {"inside the journal: half written over", before, journal, garbage, sizeof garbage, 1},
+  };
+  Table reader = Table::openReader(root(), "cut/t");
+  for (Cut const& cut : cuts) {
+    SCOPED_TRACE(cut.where);
+    patch(path, 0, cut.base.data(), cut.base.size());
+    patch(path, cut.at, cut.bytes, cut.size);
+    EXPECT_EQ(get(reader, 1), cut.counts);
+    Table t = Table::openWriter(root(), "cut/t", shape(4));
+    std::vector<unsigned char> const repaired = readFile(path);  // the next writer completes or forgets it
+    auto const& whole = cut.counts == 2 ? after : before;
+    EXPECT_TRUE(std::equal(whole.begin() + entry, whole.begin() + entry + bucketBytes, repaired.begin() + entry));
+    EXPECT_EQ(get(t, 1), cut.counts);
+    EXPECT_EQ(t.size(), 1u);
+    put(t, 1, 3);
+    EXPECT_EQ(get(reader, 1), 3u);
+  }
 }
 
 // A table of layout 1 differs in its header only: its capacity at offset 20 (under the
@@ -636,15 +578,15 @@ TEST_F(ShmTableTest, TablesAreSharedBetweenI386AndAmd64Processes) {
       return ::execl(peer.c_str(), peer.c_str(), command, rootDir.c_str(), path, nullptr);
     }));
   };
-  ShmTest::writePattern(root(), "here/t");
+  writePattern(root(), "here/t");
   EXPECT_EQ(runPeer("verify", "here/t"), 0);
   EXPECT_EQ(runPeer("attach", "here/t"), 0);
 
   ASSERT_EQ(runPeer("write", "there/t"), 0);
-  auto reader = ShmTest::Collection::openReader(root(), "there/t");
-  EXPECT_EQ(ShmTest::verifyPattern(reader), "");
-  auto writer = ShmTest::Collection::openWriter(root(), "there/t", ShmTest::kPatternCapacity);
-  EXPECT_EQ(ShmTest::verifyPattern(writer), "");
+  auto reader = Collection::openReader(root(), "there/t");
+  EXPECT_EQ(verifyPattern(reader), "");
+  auto writer = Collection::openWriter(root(), "there/t", kPatternCapacity);
+  EXPECT_EQ(verifyPattern(writer), "");
 }
 
 }  // namespace

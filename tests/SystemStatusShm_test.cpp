@@ -4,25 +4,19 @@
 
 #include "TarnRegFile/SystemStatusShm.h"
 
-#include "TarnRegFile/platform/ShmEntityManager.h"
+#include "helpers/ShmTestTraits.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
 #include <random>
-#include <string>
 #include <vector>
 
-#include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
 using namespace TarnRegFile;
 using Hardware::DevId;
-using Kiv::Shm::Root;
+using ShmTest::readable;
+using SystemStatusShmTest = ShmTest::RootTest;
 
 /// Records each chipStatus and profile notification, with what the status held at that moment.
 class Recorder : public PossibleSystemStatus::Notifiee {
@@ -38,23 +32,6 @@ public:
   }
   std::vector<std::string> events;
 };
-
-class SystemStatusShmTest : public ::testing::Test {
-protected:
-  void SetUp() override {
-    dir_ = std::filesystem::temp_directory_path() / ("tarn-status-" + std::to_string(::getpid()));
-    std::filesystem::remove_all(dir_);
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-  Root root() const { return Root(dir_.string()); }
-
-  std::filesystem::path dir_;
-};
-
-bool waitReadable(int fd) {
-  pollfd p{fd, POLLIN, 0};
-  return ::poll(&p, 1, 10000) == 1;  // a guard against a hang, not a timing check
-}
 
 TEST_F(SystemStatusShmTest, FollowerStartsFromThePublishedStatusAndAppliesChangesInHookOrder) {
   EXPECT_EQ(systemStatusPath("sys0"), "hardware/sys0/system/status");
@@ -77,14 +54,14 @@ TEST_F(SystemStatusShmTest, FollowerStartsFromThePublishedStatusAndAppliesChange
   pub.profileIs(PossibleProfile("p2", PossibleHwApi(2, 0)));
   pub.chipIs("chip0", DevId(7), "p2");
   pub.profileDel("p1");
-  ASSERT_TRUE(waitReadable(follower.fd()));
+  ASSERT_TRUE(readable(follower.fd()));
   EXPECT_EQ(follower.dispatch(), 4u);
   EXPECT_EQ(recorder.events, (std::vector<std::string>{"+profile p2", "+chip chip1 9 p2", "-profile p1"}));
   EXPECT_EQ(status->chipStatus("chip0")->profileName(), Kiv::String("p2"));
 
   recorder.events.clear();
   pub.chipDel("chip1");
-  ASSERT_TRUE(waitReadable(follower.fd()));
+  ASSERT_TRUE(readable(follower.fd()));
   follower.dispatch();
   EXPECT_EQ(recorder.events, std::vector<std::string>{"-chip chip1"});
   EXPECT_EQ(readSystemStatus(root(), "sys0").chips.size(), 1u);
@@ -112,8 +89,7 @@ TEST_F(SystemStatusShmTest, PublisherKilledMidChangeLeavesAStatusTheFollowerRead
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
     // Whatever the child rang (or its end, closing the bell) is queued by the time waitpid returns.
-    pollfd p{follower.fd(), POLLIN, 0};
-    if (::poll(&p, 1, 0) == 1) follower.dispatch();
+    if (readable(follower.fd(), 0)) follower.dispatch();
     if (!root().exists(systemStatusPath("sys1"))) continue;  // killed before it published anything
     auto const& status = follower.systemStatus();
     auto const published = readSystemStatus(root(), "sys1");

@@ -17,26 +17,25 @@
 
 #include <unistd.h>
 
+using namespace TarnRegFile;
+
 int main(int argc, char** argv) {
   if (argc != 4) {
     std::fprintf(stderr, "usage: %s <root-dir> <path> <count>\n", argv[0]);
     return 2;
   }
   try {
-    std::string const path = argv[2];
     U32 const count = static_cast<U32>(std::stoul(argv[3]));
     auto em = Kiv::Shm::EntityManager::EntityManagerIs(Kiv::Shm::Root(argv[1]));
     auto group = em->mountGroup();
-    group.mount(path, "TarnRegFile::ShadowFieldsStatus", Kiv::Shm::MountDescription().collectionIs("field", count));
-    auto status = Kiv::ptr_cast<TarnRegFile::ShadowFieldsStatus>(em->entity(path));
+    group.mount(argv[2], "TarnRegFile::ShadowFieldsStatus", Kiv::Shm::MountDescription().collectionIs("field", count));
+    auto status = Kiv::ptr_cast<ShadowFieldsStatus>(em->entity(argv[2]));
     group.close();
     for (U32 i = count; i-- > 0;)
-      status->fieldIs(TarnRegFile::ShadowFieldValue(
-          TarnRegFile::ShadowFieldKey(i, static_cast<U8>(i % 32), static_cast<U8>(1 + i % 32)), 0x1000 + 7 * i));
-    std::fputs("ready\n", stdout);
+      status->fieldIs(ShadowFieldValue(ShadowFieldKey(i, U8(i % 32), U8(1 + i % 32)), 0x1000 + 7 * i));
+    std::printf("ready\n");
     std::fflush(stdout);
-    char c;
-    while (::read(STDIN_FILENO, &c, 1) > 0) {
+    for (char c; ::read(STDIN_FILENO, &c, 1) > 0;) {
     }
     return 0;
   } catch (std::exception const& e) {

@@ -14,32 +14,23 @@
 #include <string>
 
 int main(int argc, char** argv) {
-  if (argc != 4) {
+  std::string const command = argc == 4 ? argv[1] : "";
+  if (command != "write" && command != "verify" && command != "attach") {
     std::fprintf(stderr, "usage: %s write|verify|attach <root-dir> <path>\n", argv[0]);
     return 2;
   }
-  std::string const command = argv[1];
   Kiv::Shm::Root const root(argv[2]);
-  std::string const path = argv[3];
   try {
-    std::string problem;
     if (command == "write") {
-      ShmTest::writePattern(root, path);
-    } else if (command == "verify") {
-      auto table = ShmTest::Collection::openReader(root, path);
-      problem = ShmTest::verifyPattern(table);
-    } else if (command == "attach") {
-      auto table = ShmTest::Collection::openWriter(root, path, ShmTest::kPatternCapacity);
-      problem = ShmTest::verifyPattern(table);
-    } else {
-      std::fprintf(stderr, "unknown command '%s'\n", command.c_str());
-      return 2;
+      ShmTest::writePattern(root, argv[3]);
+      return 0;
     }
-    if (!problem.empty()) {
+    auto table = command == "verify" ? ShmTest::Collection::openReader(root, argv[3])
+                                     : ShmTest::Collection::openWriter(root, argv[3], ShmTest::kPatternCapacity);
+    std::string const problem = ShmTest::verifyPattern(table);
+    if (!problem.empty())
       std::fprintf(stderr, "shm_peer (%zu-bit): %s\n", sizeof(void*) * 8, problem.c_str());
-      return 1;
-    }
-    return 0;
+    return problem.empty() ? 0 : 1;
   } catch (std::exception const& e) {
     std::fprintf(stderr, "shm_peer (%zu-bit): %s\n", sizeof(void*) * 8, e.what());
     return 2;
