@@ -33,6 +33,7 @@ using ShmTest::Collection;
 using ::testing::HasSubstr;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
 using ShmTableTest = RootTest;
 
 // Raw 30-byte values: key k, counter c, then 22 bytes derived from both, so
@@ -289,8 +290,7 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
     std::mt19937 rng(1);
     U32 counters[kStressKeys] = {};
     auto const start = Clock::now();
-    auto ms = [](Clock::duration d) { return std::chrono::duration_cast<std::chrono::milliseconds>(d).count(); };
-    for (U32 i = 0; ms(Clock::now() - start) < 1500 || board->filled.load() < kFillers; ++i) {
+    for (U32 i = 0; Clock::now() - start < 1500ms || board->filled.load() < kFillers; ++i) {
       U32 const k = rng() % kStressKeys;
       if (i % 9 == 0) {
         drop(t, k);
@@ -311,7 +311,7 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
         t = Table::openReader(root(), "mp/t");
         t = Table::openWriter(root(), "mp/t", shape(kCapacity + 100));  // readers see the raised limit
       }
-      if (ms(Clock::now() - start) > 60000)
+      if (Clock::now() - start > 60s)
         break;  // the readers never came
     }
     board->stop.store(1);
@@ -370,7 +370,7 @@ TEST_F(ShmTableTest, WriterKilledAtRandomInstantsLosesAndTearsNothing) {
   };
   auto const start = Clock::now();
   U32 round = 0, interruptedOps = 0;
-  for (; round < 400 && Clock::now() - start < std::chrono::seconds(10) && !HasFailure(); ++round) {
+  for (; round < 400 && Clock::now() - start < 10s && !HasFailure(); ++round) {
     done->store(0);
     U32 const capacity = 40 + round / 50 * 8;  // now and then a growth is interrupted too
     pid_t const child = spawn([&] {
