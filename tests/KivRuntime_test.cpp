@@ -1,9 +1,8 @@
-// The entity runtime: counted references, strings, the seeded hash, observers, keyed
-// collections, enumerations, declared values, the generic interface, traces and assertions.
+// The entity runtime: counted references, strings, observers, declared values, the generic
+// interface, traces and assertions. Keyed collections and enumerations are tested through
+// their users (the system status's mutators, the transport descriptor's enumerations).
 #include "TarnRegFile/platform/Assert.h"
-#include "TarnRegFile/platform/KivCollection.h"
 #include "TarnRegFile/platform/KivEntity.h"
-#include "TarnRegFile/platform/KivEnum.h"
 #include "TarnRegFile/platform/KivGeneric.h"
 #include "TarnRegFile/platform/KivHash.h"
 #include "TarnRegFile/platform/KivValue.h"
@@ -160,28 +159,6 @@ TEST(KivEntity, ReactorsRetireWithTheLastReferenceAndARefusedParentChangesNothin
   EXPECT_EQ(child->parent(), ok.ptr());
 }
 
-TEST(KivCollection, SetReportsRealChangesOnly) {
-  Kiv::KeyedCollection<int, int> coll;
-  EXPECT_TRUE(coll.set(1, 10));
-  EXPECT_FALSE(coll.set(1, 10));
-  EXPECT_TRUE(coll.set(1, 11));
-  EXPECT_EQ(coll.take(1), 11);
-  EXPECT_FALSE(coll.take(1));
-}
-
-TEST(KivEnum, MapsValuesAndLiteralsBothWaysAndRejectsUnknown) {
-  Kiv::EnumTable table{{"Test::Colour", {{0, "red"}, {1, "green"}}}, {"Test::Size", {{0, "small"}}}};
-  EXPECT_EQ(table.stringValue(0, 1), "green");
-  EXPECT_EQ(table.instance(0, "red"), 0u);
-  EXPECT_EQ(table.valueToStrep(1, 0), "'small'");
-  EXPECT_THROW(table.instance(0, 7u), Kiv::RangeException);
-  EXPECT_THROW(table.instance(0, "blue"), Kiv::RangeException);
-  std::string text = "'green' rest";
-  Kiv::String::IteratorConst pos = text.data();
-  EXPECT_EQ(table.sequenceToValue(0, pos, text.data() + text.size()), 1u);
-  EXPECT_EQ(std::string_view(pos), " rest");
-}
-
 // Declared values: the one attribute list behind text form, parser, equality, order and
 // hash (the range errors of nested values are tested with the physical types).
 struct Inner : Kiv::Value<Inner> {
@@ -231,9 +208,9 @@ TEST(KivValue, TextFormIsExactEveryOutputGivesItAndTheParserReadsItBack) {
       {head + "'id': -1, 'bits': 1, 'inner': Value('Test::Inner', ** {'n': 1})})", "id: expected a decimal number"},
       {head + "'id': 1, 'bits': 1, 'inner': Value('Test::Inner', ** {'n':  1})})", "inner: n: expected a decimal number"},
   };
-  for (auto const& [text, error] : bad) {
-    std::string const what = errorOf<Kiv::ParseException>([&] { parse<Sample>(text); });
-    EXPECT_TRUE(what.starts_with(error)) << text << "\n" << what;
+  for (auto const& [input, error] : bad) {
+    std::string const what = errorOf<Kiv::ParseException>([&] { parse<Sample>(input); });
+    EXPECT_TRUE(what.starts_with(error)) << input << "\n" << what;
   }
 }
 

@@ -5,7 +5,6 @@
 
 #include "TarnRegFile/platform/KivGeneric.h"
 #include "TarnRegFile/platform/ShmEntityManager.h"
-#include "TarnRegFile/platform/Trace.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,7 +29,6 @@ namespace {
 
 using namespace TarnRegFile;
 using Keys = std::vector<ShadowFieldKey>;
-using ::testing::HasSubstr;
 
 constexpr char const* kConfigPath = "TarnRegFile/shadowFieldsConfig/chip0";
 
@@ -237,7 +235,7 @@ TEST_F(ShadowTypesTest, DamageFoundByALookupIsRaisedAndByDelAllIsReported) {
   recorder_.keys.clear();
   config_->fieldDelAll();  // stops at the damage, having reported it
   ASSERT_EQ(reports.size(), 1u);
-  EXPECT_THAT(reports[0], HasSubstr("'" + std::string(kConfigPath) + "' is corrupt"));
+  EXPECT_THAT(reports[0], ::testing::HasSubstr("'" + std::string(kConfigPath) + "' is corrupt"));
   EXPECT_LT(recorder_.keys.size(), 6u);
   EXPECT_GT(config_->fieldCount(), 0u);
 }
