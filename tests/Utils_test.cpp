@@ -101,27 +101,23 @@ bool isOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
 int openDevNull() { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
 TEST(UtilsUnixFdRes, OwnsExactlyOneDescriptorAcrossMoves) {
-  int const fd = openDevNull();
+  int const fd = openDevNull(), second = openDevNull(), third = openDevNull();
   Utils::UnixFdRes target;
   {
     Utils::UnixFdRes source(fd);
     Utils::UnixFdRes moved(std::move(source));
-    EXPECT_EQ(source.fd(), -1);
     target = std::move(moved);
-    EXPECT_EQ(moved.fd(), -1);
+    EXPECT_TRUE(source.fd() == -1 && moved.fd() == -1);
   }
   EXPECT_TRUE(isOpen(fd)) << "the emptied holders closed nothing";
   ASSERT_EQ(target.fd(), fd);
   // Overwriting closes the held descriptor; _destruct closes once and then reports nothing held.
-  int const second = openDevNull();
   Utils::UnixFdRes other(second);
   EXPECT_EQ(target._mov(other), second);
-  EXPECT_FALSE(isOpen(fd));
-  EXPECT_EQ(other.fd(), -1);
+  EXPECT_TRUE(!isOpen(fd) && other.fd() == -1);
   EXPECT_EQ(target._destruct(), 0);
   EXPECT_FALSE(isOpen(second));
   EXPECT_EQ(target._destruct(), -1);
-  int const third = openDevNull();
   { Utils::UnixFdRes scoped(third); }
   EXPECT_FALSE(isOpen(third)) << "destruction closes";
 }
