@@ -33,9 +33,7 @@ TEST(KivString, SharesCharactersComparesByContentAndItsTextFormReadsBack) {
   Kiv::String b = std::string("chip0");
   Kiv::String c = std::string_view("chip1");
   EXPECT_EQ(a, b);
-  EXPECT_LT(a, c);
-  EXPECT_EQ(a.data(), Kiv::String(a).data());  // a copy shares the block
-  EXPECT_EQ(Kiv::String::concat({"c", "-", "r", "-", "f"}), "c-r-f");
+  EXPECT_EQ(a.data(), Kiv::String(a).data());  // a copy shares the block (concatenation and order: with the names)
   EXPECT_EQ((std::unordered_set<Kiv::String>{a, b, c}).size(), 2u);
   for (auto const& [raw, text] : {std::pair<std::string, std::string>{"", "''"}, {"it's", "'it\\'s'"},
                                   {"a\\b", "'a\\\\b'"}, {"\n", "'\\x0a'"}}) {
