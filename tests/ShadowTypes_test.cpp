@@ -205,6 +205,7 @@ TEST_P(ShadowWriterProcess, TablesOfAnotherProcessAreReadWhileItWrites) {
   ::fcntl(in[0], F_SETFD, 0);
   FILE* const out = ::popen(fmt::format("exec {} {}/root {} 40 <&{}", helper, base_, path, in[0]).c_str(), "r");
   ::close(in[0]);
+  ASSERT_NE(out, nullptr);
   char line[16] = {};
   EXPECT_TRUE(std::fgets(line, sizeof line, out));
   EXPECT_STREQ(line, "ready\n");
