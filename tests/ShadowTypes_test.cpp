@@ -5,10 +5,11 @@
 
 #include "TarnRegFile/platform/KivGeneric.h"
 #include "TarnRegFile/platform/ShmEntityManager.h"
-#include "TarnRegFile/platform/Trace.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -20,16 +21,14 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 using namespace TarnRegFile;
 using Keys = std::vector<ShadowFieldKey>;
-using ::testing::HasSubstr;
-using ::testing::ThrowsMessage;
 
 constexpr char const* kConfigPath = "TarnRegFile/shadowFieldsConfig/chip0";
 
@@ -51,10 +50,7 @@ protected:
     ASSERT_NE(::mkdtemp(pattern), nullptr);
     base_ = pattern;
     em_ = Kiv::Shm::EntityManager::EntityManagerIs(root());
-    auto group = em_->mountGroup();
-    group.mount(kConfigPath, "TarnRegFile::ShadowFieldsConfig", Kiv::Shm::MountDescription().collectionIs("field", 16));
-    config_ = Kiv::ptr_cast<ShadowFieldsConfig>(em_->entity(kConfigPath));
-    group.close();
+    config_ = mountConfig(kConfigPath, 16);
     recorder_.notifierIs(config_);
   }
   void TearDown() override {
@@ -65,6 +61,12 @@ protected:
     std::filesystem::remove_all(base_);
   }
   Kiv::Shm::Root root() const { return Kiv::Shm::Root(base_ + "/root"); }
+  Kiv::Ptr<ShadowFieldsConfig> mountConfig(std::string const& path, U32 capacity) {
+    auto group = em_->mountGroup();
+    group.mount(path, "TarnRegFile::ShadowFieldsConfig", Kiv::Shm::MountDescription().collectionIs("field", capacity));
+    group.close();
+    return Kiv::ptr_cast<ShadowFieldsConfig>(em_->entity(path));
+  }
 
   /// Writes 0x5EED0000 + i for keys {i, 0, 8}, then flips a bit of the stored value of key @p victim in the file.
   void writeAndDamage(U32 count, U32 victim) {
@@ -126,19 +128,14 @@ TEST_F(ShadowTypesTest, IterationAndTheDumpYieldEveryEntryOnce) {
 // Keys carry register byte addresses, so a chip's capacity follows its highest
 // register: 16,384 fields spread up to 0x400000 must cost what 16,384 entries cost.
 TEST_F(ShadowTypesTest, TheTableFollowsTheFieldsNotTheirAddresses) {
-  constexpr char const* kWide = "TarnRegFile/shadowFieldsConfig/wide";
-  auto group = em_->mountGroup();
-  group.mount(kWide, "TarnRegFile::ShadowFieldsConfig", Kiv::Shm::MountDescription().collectionIs("field", 1u << 25));
-  group.close();
-  auto const wide = Kiv::ptr_cast<ShadowFieldsConfig>(em_->entity(kWide));
-  std::string const file = base_ + "/root/" + kWide;
+  auto const wide = mountConfig("TarnRegFile/shadowFieldsConfig/wide", 1u << 25);
+  std::string const file = base_ + "/root/TarnRegFile/shadowFieldsConfig/wide";
   EXPECT_LT(std::filesystem::file_size(file), 4096u);
   for (U32 i = 0; i < 16384; ++i)
     wide->fieldIs(ShadowFieldValue(ShadowFieldKey(i * 256, 0, 32), i));
-  ShadowFields const& readOnly = *wide;
-  EXPECT_EQ(readOnly.fieldCount(), 16384u);
-  EXPECT_EQ(readOnly.fieldCapacity(), 1u << 25);
-  EXPECT_EQ(readOnly.field(ShadowFieldKey(0x3FFF00, 0, 32)).value, 16383u);
+  EXPECT_EQ(wide->fieldCount(), 16384u);
+  EXPECT_EQ(wide->fieldCapacity(), 1u << 25);
+  EXPECT_EQ(wide->field(ShadowFieldKey(0x3FFF00, 0, 32)).value, 16383u);
   EXPECT_LE(std::filesystem::file_size(file), (16384u * 2 * 32) + 4096);  // 32-byte buckets, at most half used
 }
 
@@ -151,13 +148,12 @@ TEST_F(ShadowTypesTest, CommitPublishesTheValueBuiltInTheSlotAndNoCopy) {
   config_->fieldCommit(slot);
   EXPECT_EQ(recorder_.taken(), Keys{key});
   EXPECT_EQ(config_->field(key).value, 0xAu);  // found by its key despite the leftovers
-
   ShadowFieldValue copy(key, 0xB);
   EXPECT_THROW(config_->fieldCommit(&copy), std::invalid_argument);
   EXPECT_EQ(config_->field(key).value, 0xAu);
 }
 
-TEST_F(ShadowTypesTest, RecordIsFixedWidthLittleEndian) {
+TEST(ShadowFieldTraits, RecordIsFixedWidthLittleEndian) {
   std::byte out[ShadowFieldTraits::valueSize];
   std::memset(out, 0x55, sizeof out);
   ShadowFieldTraits::encode(ShadowFieldValue(ShadowFieldKey(0x04030201, 0x1F, 0x20), 0xDDCCBBAA), out);
@@ -166,7 +162,7 @@ TEST_F(ShadowTypesTest, RecordIsFixedWidthLittleEndian) {
   EXPECT_EQ(ShadowFieldTraits::decode(out), ShadowFieldValue(ShadowFieldKey(0x04030201, 0x1F, 0x20), 0xDDCCBBAA));
 }
 
-TEST_F(ShadowTypesTest, ControlReflectsMountStatusAndQuiescing) {
+TEST_F(ShadowTypesTest, ControlFollowsQuiescingAndMountStatusAndItsReplacementIsNotifiedOnChange) {
   config_->fieldNotifyQuiesced(true);
   EXPECT_TRUE(config_->fieldControl()->quiesced());
   auto replacement = Kiv::Shm::CollectionControl::CollectionControlIs("replacement");
@@ -178,17 +174,15 @@ TEST_F(ShadowTypesTest, ControlReflectsMountStatusAndQuiescing) {
   EXPECT_EQ(replacement->mountStatus(), Kiv::Shm::MountStatus::mounted);
 }
 
-TEST_F(ShadowTypesTest, UnattachedCollectionsRefuseWithAClearError) {
+TEST_F(ShadowTypesTest, UnattachedCollectionsRefuseWithAClearErrorAndOperationsAreCalledByName) {
   auto loose = ShadowFieldsStatus::ShadowFieldsStatusIs("loose");
   EXPECT_THAT([&] { loose->fieldIs(ShadowFieldValue(ShadowFieldKey(1, 0, 1), 1)); },
-              ThrowsMessage<std::runtime_error>(
+              ::testing::ThrowsMessage<std::runtime_error>(
                   "TarnRegFile::ShadowFieldsStatus 'loose' is not attached to shared memory; cannot write a field"));
   EXPECT_THROW(loose->field(ShadowFieldKey()), std::runtime_error);
   // Placed under an entity that no manager holds: nothing to attach to.
   EXPECT_THROW(loose->parentIs(ShadowFieldsStatus::ShadowFieldsStatusIs("stranger").ptr()), std::runtime_error);
-}
 
-TEST_F(ShadowTypesTest, OperationsAreCalledByName) {
   Kiv::TypeRegistry::instance().call(
       *config_, "fieldIs",
       {"Value('TarnRegFile::ShadowFieldValue', ** {'key': Value('TarnRegFile::ShadowFieldKey', ** "
@@ -205,44 +199,25 @@ TEST_P(ShadowWriterProcess, TablesOfAnotherProcessAreReadWhileItWrites) {
   std::string const& helper = GetParam();
   if (::access(helper.c_str(), X_OK) != 0)
     GTEST_SKIP() << helper << " is missing; build that preset first";
-  std::string const path = "TarnRegFile/shadowFieldsStatus/chip7", dir = base_ + "/root";
-  int out[2], in[2];
-  ASSERT_EQ(::pipe(out), 0);
-  ASSERT_EQ(::pipe(in), 0);
-  pid_t const child = ::fork();
-  if (child == 0) {
-    ::dup2(out[1], STDOUT_FILENO);
-    ::dup2(in[0], STDIN_FILENO);
-    ::close(out[0]);
-    ::close(in[1]);
-    ::execl(helper.c_str(), helper.c_str(), dir.c_str(), path.c_str(), "40", static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  ::close(out[1]);
+  std::string const path = "TarnRegFile/shadowFieldsStatus/chip7";
+  int in[2];  // the writer's input: only its reading end goes to the writer
+  ASSERT_EQ(::pipe2(in, O_CLOEXEC), 0);
+  ::fcntl(in[0], F_SETFD, 0);
+  FILE* const out = ::popen(fmt::format("exec {} {}/root {} 40 <&{}", helper, base_, path, in[0]).c_str(), "r");
   ::close(in[0]);
+  ASSERT_NE(out, nullptr);
   char line[16] = {};
-  EXPECT_GT(::read(out[0], line, sizeof line - 1), 0);
+  EXPECT_TRUE(std::fgets(line, sizeof line, out));
   EXPECT_STREQ(line, "ready\n");
   if (std::string(line) == "ready\n") {
-    std::vector<ShadowFieldValue> const values = ShadowFields::readShadowTable(root(), path);
-    ASSERT_EQ(values.size(), 40u);
-    for (U32 i = 0; i < 40; ++i) {  // sorted by key; the writer wrote them in reverse
-      EXPECT_EQ(values[i].key, ShadowFieldKey(i, static_cast<U8>(i % 32), static_cast<U8>(1 + i % 32)));
-      EXPECT_EQ(values[i].value, 0x1000 + 7 * i);
-    }
-    auto const reader = ShadowFieldsStatus::attachReader(root(), path);
-    EXPECT_EQ(reader->field(ShadowFieldKey(39, 7, 8)).value, 0x1000u + 7 * 39);
-    // While it runs, nobody else can write that table.
-    auto group = em_->mountGroup();
-    group.mount(path, "TarnRegFile::ShadowFieldsStatus", Kiv::Shm::MountDescription().collectionIs("field", 40));
-    EXPECT_THAT([&] { group.close(); }, ThrowsMessage<std::runtime_error>(
-                                            HasSubstr("already has a writer (pid " + std::to_string(child) + ")")));
+    std::vector<ShadowFieldValue> written;
+    for (U32 i = 0; i < 40; ++i)
+      written.emplace_back(ShadowFieldKey(i, U8(i % 32), U8(1 + i % 32)), 0x1000 + 7 * i);
+    EXPECT_EQ(ShadowFields::readShadowTable(root(), path), written);  // sorted by key; written in reverse
+    EXPECT_EQ(ShadowFieldsStatus::attachReader(root(), path)->field(ShadowFieldKey(39, 7, 8)).value, 0x1000u + 7 * 39);
   }
   ::close(in[1]);  // lets the writer finish
-  ::close(out[0]);
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_EQ(::pclose(out), 0) << "the writer's exit status";
 }
 
 INSTANTIATE_TEST_SUITE_P(ThisAndTheOtherArchitecture, ShadowWriterProcess,
@@ -261,7 +236,7 @@ TEST_F(ShadowTypesTest, DamageFoundByALookupIsRaisedAndByDelAllIsReported) {
   recorder_.keys.clear();
   config_->fieldDelAll();  // stops at the damage, having reported it
   ASSERT_EQ(reports.size(), 1u);
-  EXPECT_THAT(reports[0], HasSubstr("'" + std::string(kConfigPath) + "' is corrupt"));
+  EXPECT_THAT(reports[0], ::testing::HasSubstr("'" + std::string(kConfigPath) + "' is corrupt"));
   EXPECT_LT(recorder_.keys.size(), 6u);
   EXPECT_GT(config_->fieldCount(), 0u);
 }

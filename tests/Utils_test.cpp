@@ -21,27 +21,19 @@ namespace Utils = TarnRegFile::Utils;
 
 namespace {
 
-std::vector<std::string> tokens(std::string_view text) {
-  std::vector<std::string> out;
-  U32 pos = 0;
-  std::string_view token;
-  while (Utils::tokenize(text, pos, token, ',')) out.emplace_back(token);
-  return out;
-}
-
-TEST(UtilsText, TokenizeSplitsOnEverySeparatorButTheLast) {
-  using V = std::vector<std::string>;
-  EXPECT_EQ(tokens("a,,b"), (V{"a", "", "b"}));
-  EXPECT_EQ(tokens("a,b,"), (V{"a", "b"}));
-  EXPECT_EQ(tokens(",a,,"), (V{"", "a", ""}));
-  EXPECT_EQ(tokens(""), V{});
-  // The position moves past the separator (length plus one at the end); the last token is then left alone.
-  U32 pos = 0;
-  std::string_view token;
-  EXPECT_TRUE(Utils::tokenize("ab;c", pos, token, ';') && pos == 3 && token == "ab");
-  EXPECT_TRUE(Utils::tokenize("ab;c", pos, token, ';') && pos == 5 && token == "c");
-  EXPECT_FALSE(Utils::tokenize("ab;c", pos, token, ';'));
-  EXPECT_EQ(token, "c");
+TEST(UtilsText, TokenizeSplitsOnEverySeparatorButTheLastAndMovesPastIt) {
+  // Each token with the position after it (length plus one at the end).
+  std::pair<std::string_view, std::vector<std::string>> const cases[] = {
+      {"a,,b", {"a@2", "@3", "b@5"}}, {"a,b,", {"a@2", "b@4"}}, {",a,,", {"@1", "a@3", "@4"}}, {"", {}}};
+  for (auto const& [text, expected] : cases) {
+    U32 pos = 0;
+    std::string_view token = "none";
+    std::vector<std::string> seen;
+    auto const last = [&] { return std::string(token) + "@" + std::to_string(pos); };
+    while (Utils::tokenize(text, pos, token, ',')) seen.push_back(last());
+    EXPECT_EQ(seen, expected) << text;
+    EXPECT_EQ(last(), seen.empty() ? "none@0" : seen.back()) << "the end leaves token and position alone";
+  }
 }
 
 TEST(UtilsText, GetlineDropsOneTrailingCarriageReturnAndEmptiesTheLineAtTheEnd) {
@@ -55,7 +47,7 @@ TEST(UtilsText, GetlineDropsOneTrailingCarriageReturnAndEmptiesTheLineAtTheEnd) 
 }
 
 // Base 10 through the register parser is covered with the CSV tests; here the other bases and types.
-TEST(UtilsText, StrtointAcceptsOnlyDigitsOfTheBaseThatFitTheType) {
+TEST(UtilsText, StrtointTakesOnlyDigitsOfTheBaseThatFitAndStrtouint32CheckedFollowsStrtoul) {
   U32 value = 0;
   EXPECT_TRUE(Utils::strtoint("fF", value, 16) && value == 255);
   EXPECT_TRUE(Utils::strtoint("zz", value, 36) && value == 1295);
@@ -64,15 +56,12 @@ TEST(UtilsText, StrtointAcceptsOnlyDigitsOfTheBaseThatFitTheType) {
   U8 small = 0;
   EXPECT_TRUE(Utils::strtoint("255", small, 10));
   EXPECT_FALSE(Utils::strtoint("256", small, 10));
-}
-
-TEST(UtilsText, Strtouint32CheckedFollowsStrtoulWithinThirtyTwoBits) {
-  // Leading white space and a sign are strtoul's, kept as they are.
-  for (auto [text, expectOk, value] :
+  // Leading white space and a sign are strtoul's, kept as they are; the value must fit 32 bits.
+  for (auto [text, expectOk, expected] :
        {std::tuple{"4294967295", true, 4294967295u}, {"4294967296", false, 0u}, {"12x", false, 0u}, {"", false, 0u},
         {"7 ", false, 0u}, {"  7", true, 7u}, {"-1", true, 4294967295u}, {"-4294967296", false, 0u}}) {
     bool ok = !expectOk;
-    EXPECT_EQ(Utils::strtouint32_checked(text, ok), value) << text;
+    EXPECT_EQ(Utils::strtouint32_checked(text, ok), expected) << text;
     EXPECT_EQ(ok, expectOk) << text;
   }
 }
@@ -83,27 +72,24 @@ TEST(UtilsSyscallAutoRetry, RetriesOnlyWhatItIsToldTo) {
     bool retryOnEagain, retryOnEintr;
     int32_t result;
     int calls;
-  };
-  Case const cases[] = {{{EAGAIN, EAGAIN}, true, false, 5, 3}, {{EINTR, EINTR, EINTR}, false, true, 5, 4},
-                        {{EAGAIN}, false, true, -1, 1},        {{EINTR}, true, false, -1, 1},
-                        {{EIO, EIO}, true, true, -1, 1},       {{}, true, true, 5, 1}};
+  } const cases[] = {{{EAGAIN, EAGAIN}, true, false, 5, 3}, {{EINTR, EINTR, EINTR}, false, true, 5, 4},
+                     {{EAGAIN}, false, true, -1, 1},        {{EINTR}, true, false, -1, 1},
+                     {{EIO, EIO}, true, true, -1, 1},       {{}, true, true, 5, 1}};
   for (auto const& c : cases) {
+    SCOPED_TRACE(&c - cases);
     int calls = 0;
     auto const start = std::chrono::steady_clock::now();
-    int32_t const result = Utils::syscallAutoRetry(
-        [&]() -> int32_t {
-          size_t const attempt = static_cast<size_t>(calls++);
-          if (attempt >= c.errnos.size()) return 5;
-          errno = c.errnos[attempt];
-          return -1;
-        },
-        c.retryOnEagain, c.retryOnEintr);
+    auto const call = [&]() -> int32_t {
+      size_t const attempt = static_cast<size_t>(calls++);
+      return attempt >= c.errnos.size() ? 5 : (errno = c.errnos[attempt], -1);
+    };
+    int32_t const result = Utils::syscallAutoRetry(call, c.retryOnEagain, c.retryOnEintr);
     int const err = errno;
-    auto const elapsed = std::chrono::steady_clock::now() - start;
-    EXPECT_EQ(result, c.result) << "case " << &c - cases;
-    EXPECT_EQ(calls, c.calls) << "case " << &c - cases;
+    EXPECT_EQ(result, c.result);
+    EXPECT_EQ(calls, c.calls);
     EXPECT_TRUE(result >= 0 || err == c.errnos.front()) << "errno is left as the call set it";
-    EXPECT_TRUE(c.calls < 3 || c.errnos.front() != EAGAIN || elapsed >= std::chrono::microseconds(2000))
+    EXPECT_TRUE(c.calls < 3 || c.errnos.front() != EAGAIN ||
+                std::chrono::steady_clock::now() - start >= std::chrono::microseconds(2000))
         << "EAGAIN is retried after a 1 ms pause";
   }
   EXPECT_THROW(Utils::syscallAutoRetry(std::function<int32_t()>(), true, true), std::bad_function_call);
@@ -115,27 +101,23 @@ bool isOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
 int openDevNull() { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
 TEST(UtilsUnixFdRes, OwnsExactlyOneDescriptorAcrossMoves) {
-  int const fd = openDevNull();
+  int const fd = openDevNull(), second = openDevNull(), third = openDevNull();
   Utils::UnixFdRes target;
   {
     Utils::UnixFdRes source(fd);
     Utils::UnixFdRes moved(std::move(source));
-    EXPECT_EQ(source.fd(), -1);
     target = std::move(moved);
-    EXPECT_EQ(moved.fd(), -1);
+    EXPECT_TRUE(source.fd() == -1 && moved.fd() == -1);
   }
   EXPECT_TRUE(isOpen(fd)) << "the emptied holders closed nothing";
   ASSERT_EQ(target.fd(), fd);
   // Overwriting closes the held descriptor; _destruct closes once and then reports nothing held.
-  int const second = openDevNull();
   Utils::UnixFdRes other(second);
   EXPECT_EQ(target._mov(other), second);
-  EXPECT_FALSE(isOpen(fd));
-  EXPECT_EQ(other.fd(), -1);
+  EXPECT_TRUE(!isOpen(fd) && other.fd() == -1);
   EXPECT_EQ(target._destruct(), 0);
   EXPECT_FALSE(isOpen(second));
   EXPECT_EQ(target._destruct(), -1);
-  int const third = openDevNull();
   { Utils::UnixFdRes scoped(third); }
   EXPECT_FALSE(isOpen(third)) << "destruction closes";
 }
@@ -158,17 +140,19 @@ protected:
 };
 
 TEST_F(UtilsUnixFlockRes, RefusesBadArgumentsInOrder) {
-  std::pair<int, int> const args[] = {{-1, 0}, {fd_, LOCK_NB}, {fd_, LOCK_UN}, {fd_, LOCK_EX | LOCK_UN},
-                                      {fd_, LOCK_SH | LOCK_EX}, {900, LOCK_EX}};
-  char const* const messages[] = {"Invalid fd", "Unsupported lock mode", "Unsupported lock mode",
-                                  "Cannot unlock flock on constructor", "flock error: Invalid argument",
-                                  "flock error: Bad file descriptor"};
-  for (size_t i = 0; i < std::size(args); ++i) {
+  std::tuple<int, int, std::string> const cases[] = {
+      {-1, 0, "Invalid fd"},
+      {fd_, LOCK_NB, "Unsupported lock mode"},
+      {fd_, LOCK_UN, "Unsupported lock mode"},
+      {fd_, LOCK_EX | LOCK_UN, "Cannot unlock flock on constructor"},
+      {fd_, LOCK_SH | LOCK_EX, "flock error: Invalid argument"},
+      {900, LOCK_EX, "flock error: Bad file descriptor"}};
+  for (auto const& [fd, mode, message] : cases) {
     try {
-      Utils::UnixFlockRes lock(args[i].first, args[i].second);
-      ADD_FAILURE() << "no exception for " << messages[i];
+      Utils::UnixFlockRes lock(fd, mode);
+      ADD_FAILURE() << "no exception for " << message;
     } catch (std::runtime_error const& e) {
-      EXPECT_STREQ(e.what(), messages[i]);
+      EXPECT_EQ(e.what(), message);
     }
   }
   EXPECT_EQ(othersCanLock(), 1) << "a refused attempt left a lock behind";

@@ -1,5 +1,5 @@
 #pragma once
-// Reading value texts back, and the range errors of value constructors, for the value-type tests.
+// Reading value texts back, and the errors of value constructors and parsers, for the value-type tests.
 
 #include "TarnRegFile/platform/KivException.h"
 #include "TarnRegFile/platform/KivString.h"
@@ -19,12 +19,12 @@ T parse(std::string const& text) {
   return v;
 }
 
-/// The range error raised by @p make, or "" when it is accepted.
-template <class F>
-std::string rangeError(F const& make) try {
+/// The message of the E raised by @p make, or "" when it is accepted.
+template <class E = Kiv::RangeException, class F>
+std::string errorOf(F const& make) try {
   make();
   return "";
-} catch (Kiv::RangeException const& e) {
+} catch (E const& e) {
   return e.what();
 }
 
