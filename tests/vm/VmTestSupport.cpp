@@ -1,11 +1,11 @@
 #include "VmTestSupport.h"
 
+#include <fmt/format.h>
+
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <dirent.h>
+#include <filesystem>
 #include <fstream>
-#include <memory>
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -15,6 +15,25 @@
 extern char** environ;
 
 namespace TarnVm {
+namespace {
+
+std::string firstLine(std::filesystem::path const& path) {
+  std::ifstream in(path);
+  std::string line;
+  std::getline(in, line);
+  return line;
+}
+
+// The name of the first entry of the sysfs directory @p dir whose path satisfies @p match, or "".
+template <class F>
+std::string firstEntry(char const* dir, F match) {
+  std::error_code ec;  // a directory that does not exist has no entries
+  for (auto const& e : std::filesystem::directory_iterator(dir, ec))
+    if (match(e.path())) return e.path().filename();
+  return {};
+}
+
+}  // namespace
 
 bool inTestVm() {
   char const* v = std::getenv("TARN_VM");
@@ -27,8 +46,7 @@ CommandResult runCommand(std::vector<std::string> const& argv) {
   if (pipe2(pipeFds, O_CLOEXEC) != 0) return result;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 2);
+  for (int target : {1, 2}) posix_spawn_file_actions_adddup2(&actions, pipeFds[1], target);
   std::vector<char*> args;
   for (auto const& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
@@ -36,21 +54,11 @@ CommandResult runCommand(std::vector<std::string> const& argv) {
   int const rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   close(pipeFds[1]);
-  if (rc != 0) {
-    close(pipeFds[0]);
-    result.output = std::string("cannot start ") + argv[0];
-    return result;
-  }
   char buffer[512];
-  for (;;) {
-    ssize_t const n = read(pipeFds[0], buffer, sizeof buffer);
-    if (n > 0) {
-      result.output.append(buffer, std::size_t(n));
-    } else if (n == 0 || errno != EINTR) {
-      break;
-    }
-  }
+  for (ssize_t n; (n = read(pipeFds[0], buffer, sizeof buffer)) != 0 && (n > 0 || errno == EINTR);)
+    if (n > 0) result.output.append(buffer, std::size_t(n));
   close(pipeFds[0]);
+  if (rc != 0) return CommandResult{-1, "cannot start " + argv[0]};
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
@@ -58,66 +66,36 @@ CommandResult runCommand(std::vector<std::string> const& argv) {
   return result;
 }
 
-namespace {
-
-std::string firstLine(std::string const& path) {
-  std::ifstream in(path);
-  std::string line;
-  std::getline(in, line);
-  return line;
-}
-
-std::vector<std::string> directoryEntries(char const* path) {
-  std::vector<std::string> names;
-  std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(path), closedir);
-  if (!dir) return names;
-  while (dirent* e = readdir(dir.get())) {
-    if (e->d_name[0] != '.') names.emplace_back(e->d_name);
-  }
-  return names;
-}
-
-}  // namespace
-
 std::string findPciDevice(unsigned vendor, unsigned device) {
-  for (auto const& name : directoryEntries("/sys/bus/pci/devices")) {
-    std::string const dir = "/sys/bus/pci/devices/" + name;
-    if (std::strtoul(firstLine(dir + "/vendor").c_str(), nullptr, 16) == vendor &&
-        std::strtoul(firstLine(dir + "/device").c_str(), nullptr, 16) == device)
-      return name;
-  }
-  return {};
+  auto const id = [](std::filesystem::path const& file) { return std::strtoul(firstLine(file).c_str(), nullptr, 16); };
+  return firstEntry("/sys/bus/pci/devices",
+                    [&](auto const& dir) { return id(dir / "vendor") == vendor && id(dir / "device") == device; });
 }
 
 bool findI2cStub(int& bus, std::string& node) {
-  for (auto const& name : directoryEntries("/sys/class/i2c-dev")) {
-    if (name.rfind("i2c-", 0) == 0 && firstLine("/sys/class/i2c-dev/" + name + "/name") == "SMBus stub driver") {
-      bus = std::atoi(name.c_str() + 4);
-      node = "/dev/" + name;
-      return true;
-    }
-  }
-  return false;
+  std::string const name = firstEntry(
+      "/sys/class/i2c-dev", [](auto const& dir) { return firstLine(dir / "name") == "SMBus stub driver"; });
+  if (name.rfind("i2c-", 0) != 0) return false;
+  bus = std::atoi(name.c_str() + 4);
+  node = "/dev/" + name;
+  return true;
 }
 
-namespace {
-std::string hex(unsigned value) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%x", value);
-  return text;
+void I2cStubTest::SetUp() {
+  TARN_REQUIRE_TEST_VM();
+  ASSERT_TRUE(findI2cStub(bus_, node_)) << kNoI2cStub;
 }
-}  // namespace
 
-unsigned busyboxGetByte(int bus, unsigned command) {
-  auto const r = runCommand({"i2cget", "-y", std::to_string(bus), "0x50", hex(command), "b"});
+unsigned I2cStubTest::get(unsigned command, char const* mode) const {
+  auto const r = runCommand({"i2cget", "-y", std::to_string(bus_), "0x50", fmt::format("{:#x}", command), mode});
   EXPECT_EQ(0, r.exitStatus) << r.output;
   return unsigned(std::strtoul(r.output.c_str(), nullptr, 16));
 }
 
-void busyboxSetBlock(int bus, unsigned command, std::vector<unsigned> const& bytes) {
-  std::vector<std::string> argv{"i2cset", "-y", std::to_string(bus), "0x50", hex(command)};
-  for (unsigned b : bytes) argv.push_back(hex(b));
-  argv.emplace_back("i");
+void I2cStubTest::set(unsigned command, std::vector<unsigned> const& values, char const* mode) const {
+  std::vector<std::string> argv{"i2cset", "-y", std::to_string(bus_), "0x50", fmt::format("{:#x}", command)};
+  for (unsigned v : values) argv.push_back(fmt::format("{:#x}", v));
+  argv.emplace_back(mode);
   auto const r = runCommand(argv);
   EXPECT_EQ(0, r.exitStatus) << r.output;
 }

@@ -30,11 +30,20 @@ bool findI2cStub(int& bus, std::string& node);
 /// @brief What a test says when findI2cStub() fails.
 inline constexpr char kNoI2cStub[] = "no i2c-stub adapter (insmod i2c-stub.ko chip_addr=0x50)";
 
-/// @brief busybox `i2cget -y BUS 0x50 COMMAND b`: one byte of the chip at 0x50, read by an
-/// independent client (a failed command is a test failure and reads 0).
-unsigned busyboxGetByte(int bus, unsigned command);
-/// @brief busybox `i2cset -y BUS 0x50 COMMAND BYTES... i`: an I2C block written by an independent client.
-void busyboxSetBlock(int bus, unsigned command, std::vector<unsigned> const& bytes);
+/// @brief Fixture of the tests on the i2c-stub chip at 0x50 (bus_, node_), with busybox
+/// i2cget/i2cset as an independent client of its cells. A derived SetUp calls this one first
+/// and returns when it skipped or failed.
+class I2cStubTest : public ::testing::Test {
+protected:
+  void SetUp() override;
+  /// @brief `i2cget -y BUS 0x50 COMMAND MODE`: "b" the cell's low byte, "w" the whole cell.
+  unsigned get(unsigned command, char const* mode = "b") const;
+  /// @brief `i2cset -y BUS 0x50 COMMAND VALUES... MODE`: "b", "w", or "i" an I2C block.
+  void set(unsigned command, std::vector<unsigned> const& values, char const* mode = "i") const;
+
+  int bus_ = -1;
+  std::string node_;
+};
 
 }  // namespace TarnVm
 
