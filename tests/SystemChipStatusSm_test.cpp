@@ -25,11 +25,6 @@ namespace {
 
 using Events = std::vector<std::string>;
 
-template <class T>
-T parse(std::string const& text) {
-  return Kiv::fromText<T>(text);
-}
-
 // ================================================================ value types
 
 TEST(PossibleProfile, TruthValuesAndConstantsAreFixed) {
@@ -52,19 +47,19 @@ TEST(PossibleProfile, TextFormsNestAndParseBackAndMalformedTextNamesThePartThatF
       "Value('TarnRegFile::PossibleProfile', ** {'profileName': 'p1', "
       "'hwApi': Value('TarnRegFile::PossibleHwApi', ** {'major': 1, 'minor': 2})})";
   EXPECT_EQ(fmt::format("{}", p), text);
-  EXPECT_EQ(parse<PossibleProfile>(text), p);
-  EXPECT_EQ(parse<PossibleHwApi>("Value('TarnRegFile::PossibleHwApi', ** {'major':4294967295, 'minor':  0})"),
+  EXPECT_EQ(Kiv::fromText<PossibleProfile>(text), p);
+  EXPECT_EQ(Kiv::fromText<PossibleHwApi>("Value('TarnRegFile::PossibleHwApi', ** {'major':4294967295, 'minor':  0})"),
             PossibleHwApi(4294967295u, 0));  // any spacing after the colons
-  EXPECT_FALSE(parse<PossibleProfile>(PossibleProfile().valueToStrep()));
+  EXPECT_FALSE(Kiv::fromText<PossibleProfile>(PossibleProfile().valueToStrep()));
   EXPECT_EQ(fmt::format("{}", Hardware::DevId(7)), "7");
-  EXPECT_EQ(parse<Hardware::DevId>("255"), Hardware::DevId(255));
-  EXPECT_THROW(parse<Hardware::DevId>("256"), Kiv::ParseException);
+  EXPECT_EQ(Kiv::fromText<Hardware::DevId>("255"), Hardware::DevId(255));
+  EXPECT_THROW(Kiv::fromText<Hardware::DevId>("256"), Kiv::ParseException);
   for (std::string const bad : {"Value('TarnRegFile::PossibleHwApi', ** {'major': 1})",
                                 "Value('TarnRegFile::PossibleHwApi', ** {'major': 4294967296, 'minor': 0})",
                                 "Value('TarnRegFile::PossibleHwApi', ** {'minor': 1, 'major': 2})"})
-    EXPECT_THROW(parse<PossibleHwApi>(bad), Kiv::ParseException) << bad;
+    EXPECT_THROW(Kiv::fromText<PossibleHwApi>(bad), Kiv::ParseException) << bad;
   try {
-    parse<PossibleProfile>("Value('TarnRegFile::PossibleProfile', ** {'profileName': 'p', 'hwApi': 7})");
+    Kiv::fromText<PossibleProfile>("Value('TarnRegFile::PossibleProfile', ** {'profileName': 'p', 'hwApi': 7})");
     ADD_FAILURE() << "parsed";
   } catch (Kiv::ParseException const& e) {
     EXPECT_EQ(std::string(e.what()).rfind("hwApi: ", 0), 0u) << e.what();
