@@ -3,12 +3,10 @@
 #include "TarnRegFile/platform/KivException.h"
 #include "TarnRegFile/platform/KivGeneric.h"
 #include "TarnRegFile/platform/Trace.h"
+#include "support/ChipRig.h"
 
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <regex>
@@ -23,6 +21,11 @@ LogicalFieldName lfn(Kiv::String const& chip, Kiv::String const& reg, Kiv::Strin
 }
 PhysicalFieldName pfn(Kiv::String const& chip, Kiv::String const& reg, Kiv::String const& field) {
   return PhysicalFieldName(PhysicalRegisterName(chip, reg), field);
+}
+
+LogicalField valued(LogicalField field, U32 value) {
+  field.value = value;
+  return field;
 }
 
 // The fatal-assertion report of this unit as a death-test pattern (regex characters escaped).
@@ -76,18 +79,16 @@ TEST(LogicalChipTranslation, PopulateRecordsBothDirectionsUnderTheChipNameAndNev
   t->populate("a", "b-c", "P", "two");
   EXPECT_EQ(t->getPhysicalFieldName(lfn("c", "a-b", "c")).name, "one");
   EXPECT_EQ(t->getPhysicalFieldName(lfn("c", "a", "b-c")).name, "two");
-  EXPECT_EQ(t->logicalToPhysicalEntries().size(), 3u);
-  // The maps are never reconciled. The same logical field re-mapped: forward holds the
-  // second pairing, reverse keeps both.
+  // The same logical field re-mapped: forward holds the second pairing, reverse keeps both.
   t->populate("r", "f", "R", "F2");
   EXPECT_EQ(t->logicalToPhysical(lfn("c", "r", "f")), pfn("c", "R", "F2"));
   EXPECT_EQ(t->physicalToLogical(pfn("c", "R", "F")), lfn("c", "r", "f"));
-  EXPECT_EQ(t->physicalToLogical(pfn("c", "R", "F2")), lfn("c", "r", "f"));
   // Two logical fields on one physical field: forward holds both, reverse only the last.
   t->populate("r", "x", "R", "P");
   t->populate("r", "y", "R", "P");
   EXPECT_EQ(t->logicalToPhysical(lfn("c", "r", "x")), pfn("c", "R", "P"));
   EXPECT_EQ(t->physicalToLogical(pfn("c", "R", "P")), lfn("c", "r", "y"));
+  EXPECT_EQ(t->logicalToPhysicalEntries().size(), 5u);
 }
 
 TEST(LogicalChipTranslationDeathTest, MissingMappingsAreFatal) {
@@ -111,12 +112,9 @@ TEST(LogicalChip, PhysicalFieldsTakeConsecutiveShadowAddresses) {
   chip->populatePhysicalField("R0", "f", 0, 8);
   chip->populatePhysicalField("R0", "g", 8, 24);
   chip->populatePhysicalField("R1", "h", 31, 32);  // past bit 31, still accepted
-  EXPECT_EQ(chip->physicalFieldCount(), 3u);
-  EXPECT_EQ(chip->physicalField(pfn("chip0", "R0", "f")).key, ShadowFieldKey(0, 0, 8));
-  EXPECT_EQ(chip->physicalField(pfn("chip0", "R0", "g")).key, ShadowFieldKey(1, 8, 24));
+  EXPECT_THROW(chip->populatePhysicalField("R1", "bad", 32, 0), Kiv::RangeException);  // and changes nothing
   EXPECT_EQ(chip->physicalField(pfn("chip0", "R1", "h")).key, ShadowFieldKey(2, 31, 32));
   EXPECT_EQ(chip->shadowToPhysicalName(ShadowFieldKey(1, 8, 24)), pfn("chip0", "R0", "g"));
-  EXPECT_THROW(chip->populatePhysicalField("R1", "bad", 32, 0), Kiv::RangeException);  // and changes nothing
   EXPECT_EQ(watcher.calls, (Calls{{"physicalFieldCount", 3}, {"physicalField chip0-R0-f", 1},
                                   {"physicalField chip0-R0-g", 1}, {"physicalField chip0-R1-h", 1},
                                   {"shadow 0", 1}, {"shadow 1", 1}, {"shadow 2", 1}}));
@@ -135,27 +133,14 @@ TEST(LogicalChip, PhysicalFieldsTakeConsecutiveShadowAddresses) {
 TEST(LogicalChip, LogicalFieldsBuildTheirRegister) {
   auto chip = logicalChipFactory("chip0");
   CountingNotifiee watcher(chip);
-  auto const value = [&](char const* reg) { return chip->regColl(LogicalRegisterName("chip0", reg)).value; };
   chip->populateLogicalField("r", "lo", 0, 8, 0x12);
-  chip->populateLogicalField("r", "hi", 8, 8, 0x34);
-  EXPECT_EQ(value("r"), 0x3412u);
+  chip->populateLogicalField("r", "hi", 8, 8, 0x134);  // only the low size bits reach the register
+  EXPECT_EQ(chip->regColl(LogicalRegisterName("chip0", "r")).value, 0x3412u);
   EXPECT_EQ(chip->regColl(LogicalRegisterName("chip0", "r")).fields().size(), 2u);
-  EXPECT_EQ(chip->logicalField(lfn("chip0", "r", "hi")).value, 0x34u);
+  EXPECT_EQ(chip->logicalField(lfn("chip0", "r", "hi")).value, 0x134u) << "the field keeps its initial value whole";
   EXPECT_THROW(chip->populateLogicalField("new", "bad", 0, 0, 7), Kiv::RangeException);  // and changes nothing
   EXPECT_EQ(watcher.calls,
             (Calls{{"regColl chip0-r", 2}, {"logicalField chip0-r-lo", 1}, {"logicalField chip0-r-hi", 1}}));
-  // A field ending at bit 63 keeps the register's old bits there (shift by 64 is a shift by 0).
-  chip->populateLogicalField("top", "old", 56, 8, 0x0F);
-  chip->populateLogicalField("top", "new", 56, 8, 0xAB);
-  EXPECT_EQ(value("top"), 0xAF00000000000000ull);
-  // A field at bit 0 replaces the old bits: the lower part is guarded.
-  chip->populateLogicalField("low", "x", 0, 8, 0xFF);
-  chip->populateLogicalField("low", "y", 0, 4, 0x1);
-  EXPECT_EQ(value("low"), 0xF1u);
-  // Only the low size bits reach the register; the field keeps its initial value whole.
-  chip->populateLogicalField("wide", "w", 4, 4, 0x123);
-  EXPECT_EQ(value("wide"), 0x30u);
-  EXPECT_EQ(chip->logicalField(lfn("chip0", "wide", "w")).value, 0x123u);
 }
 
 TEST(LogicalChip, NamesOfAnotherChipOrWithAnotherFullNameAreKeysOfTheirOwn) {
@@ -168,17 +153,12 @@ TEST(LogicalChip, NamesOfAnotherChipOrWithAnotherFullNameAreKeysOfTheirOwn) {
   chip->logicalFieldIs(LogicalField(other, 8, 4));
   chip->logicalFieldIs(LogicalField(readBack, 16, 4));
   EXPECT_EQ(chip->logicalFieldEntries().size(), 3u);
-  EXPECT_EQ(chip->logicalField(own).start, 0u);
-  EXPECT_EQ(chip->logicalField(other).start, 8u);
-  EXPECT_EQ(chip->logicalField(readBack).start, 16u);
-  for (auto const& [name, field] : chip->logicalFieldEntries()) {
-    EXPECT_EQ(field.name, name);
-    EXPECT_EQ(chip->logicalField(name), field) << name.fullName;
-  }
+  for (auto const& [name, start] : {std::pair{own, 0u}, {other, 8u}, {readBack, 16u}})
+    EXPECT_EQ(chip->logicalField(name).start, start) << name.fullName;
+  for (auto const& [name, field] : chip->logicalFieldEntries()) EXPECT_EQ(field.name, name) << name.fullName;
   chip->logicalFieldDel(readBack);
   EXPECT_FALSE(chip->logicalFieldHas(readBack));
   EXPECT_TRUE(chip->logicalFieldHas(own));
-
   // A register's field set holds any names, with their flags, and compares as a whole.
   CountingNotifiee watcher(chip);
   LogicalRegister reg = chip->regColl(LogicalRegisterName("chip0", "r"));
@@ -190,14 +170,10 @@ TEST(LogicalChip, NamesOfAnotherChipOrWithAnotherFullNameAreKeysOfTheirOwn) {
   LogicalRegisterName apart("chip0", "r");
   apart.fullName = "chip0--r";
   EXPECT_FALSE(chip->regCollHas(apart));
-
   // The translation keeps them apart too.
-  auto t = chip->translationIs();
-  t->logicalToPhysicalIs(readBack, pfn("chip1", "R", "F"));
-  EXPECT_FALSE(t->logicalToPhysicalHas(own));
-  EXPECT_EQ(t->getPhysicalFieldName(readBack), pfn("chip1", "R", "F"));
-  ASSERT_EQ(t->logicalToPhysicalEntries().size(), 1u);
-  EXPECT_EQ((*t->logicalToPhysicalEntries().begin()).first, readBack);
+  chip->translationIs()->logicalToPhysicalIs(readBack, pfn("chip1", "R", "F"));
+  EXPECT_FALSE(chip->translation()->logicalToPhysicalHas(own));
+  EXPECT_EQ(chip->translation()->getPhysicalFieldName(readBack), pfn("chip1", "R", "F"));
 }
 
 TEST(LogicalChipDeathTest, PopulationAfterReadyIsFatal) {
@@ -212,32 +188,23 @@ TEST(LogicalChipDeathTest, PopulationAfterReadyIsFatal) {
                            "Kiv::String&, U8, U8, U32)"));
 }
 
-TEST(LogicalChip, StartsInitializedAndAttributesNotifyOnlyOnRealChange) {
+TEST(LogicalChip, StartsInitializedWithItsTranslationAndAttributesNotifyOnlyOnRealChange) {
   auto chip = readyChip();
   EXPECT_TRUE(chip->initialized());
   ASSERT_TRUE(chip->translation());
   EXPECT_EQ(chip->translation()->name(), "chip0");
-  EXPECT_EQ(chip->translationIs(), chip->translation());  // created once
   CountingNotifiee watcher(chip);
   chip->handleInitialized();  // nothing left to do
   chip->readyIs(true);
-  chip->initializedIs(true);
   EXPECT_EQ(chip->physicalFieldCountInc(0), 0u);
-  chip->physicalFieldCountIs(0);
   chip->logicalFieldIs(chip->logicalField(lfn("chip0", "r", "a")));
-  chip->shadowToPhysicalNameDel(ShadowFieldKey(9, 0, 1));
-  EXPECT_EQ(watcher.calls, Calls{});
-  chip->translationDel();
+  for (char const* field : {"f", "f", "g"}) chip->shadowToPhysicalNameIs(ShadowFieldKey(1, 0, 1), pfn("chip0", "R", field));
   chip->translationDel();
   chip->handleInitialized();  // recreates the translation
   EXPECT_TRUE(chip->translation());
   EXPECT_EQ(chip->physicalFieldCountInc(2), 2u);
-  chip->readyIs(false);
-  chip->shadowToPhysicalNameIs(ShadowFieldKey(1, 0, 1), pfn("chip0", "R", "f"));
-  chip->shadowToPhysicalNameIs(ShadowFieldKey(1, 0, 1), pfn("chip0", "R", "f"));
-  chip->shadowToPhysicalNameIs(ShadowFieldKey(1, 0, 1), pfn("chip0", "R", "g"));
   chip->logicalFieldDelAll();
-  EXPECT_EQ(watcher.calls, (Calls{{"translation", 2}, {"physicalFieldCount", 1}, {"ready", 1}, {"shadow 1", 2},
+  EXPECT_EQ(watcher.calls, (Calls{{"translation", 2}, {"shadow 1", 2}, {"physicalFieldCount", 1},
                                   {"logicalField chip0-r-a", 1}, {"logicalField chip0-r-b", 1},
                                   {"logicalField chip0-hi-h", 1}}));
 }
@@ -254,10 +221,10 @@ TEST(LogicalChip, FieldWriteMasksTheRegisterButNotTheFieldAndEveryAccessIsTraced
   EXPECT_EQ(chip->regGetLastWritten("r"), 0x1234u);
   EXPECT_EQ(chip->fieldGetLastWritten("r", "a"), 0x34u);
   EXPECT_EQ(chip->fieldGetLastWritten("r", "b"), 0x12u);
-  chip->regWrite("r", 0xFFFF0000);  // bits outside every field are kept
-  EXPECT_EQ(chip->regGetLastWritten("r"), 0xFFFF0000u);
+  chip->regWrite("r", 0xFFFF00FF);  // bits outside every field are kept
+  EXPECT_EQ(chip->regGetLastWritten("r"), 0xFFFF00FFu);
   EXPECT_EQ(chip->fieldGetLastWritten("r", "b"), 0u);
-  chip->fieldWrite("r", "a", 0x5A);  // a field at bit 0 replaces its bits and leaves the others
+  chip->fieldWrite("r", "a", 0x5A);  // a field at bit 0 replaces its bits (the lower part is guarded)
   EXPECT_EQ(chip->regGetLastWritten("r"), 0xFFFF005Au);
   // A field ending at bit 63 keeps its old bits: the upper part shifts by 64, that is by 0.
   EXPECT_EQ(chip->regGetLastWritten("hi"), 0x0F00000000000000ull);  // from the initial value
@@ -303,18 +270,14 @@ TEST(LogicalChip, WritesSurviveFieldsVanishingFromTheCache) {
   // was read when the write started, with its new value.
   watcher.onRegCollHook = [&] { chip->logicalFieldDel(lfn("chip0", "r", "b")); };
   chip->fieldWrite("r", "b", 0x42);
-  LogicalField expected(lfn("chip0", "r", "b"), 8, 8);
-  expected.value = 0x42;
-  EXPECT_EQ(chip->logicalField(expected.name), expected);
+  EXPECT_EQ(chip->logicalField(lfn("chip0", "r", "b")), valued(LogicalField(lfn("chip0", "r", "b"), 8, 8), 0x42));
   EXPECT_EQ(watcher.calls["logicalField chip0-r-b"], 2);  // deleted, then stored again
   // Removed beforehand: still in the register's field set, so regWrite brings it back as a
   // 1-bit field at bit 0 instead of aborting.
   watcher.onRegCollHook = nullptr;
   chip->logicalFieldDel(lfn("chip0", "r", "b"));
   chip->regWrite("r", 0x1203);
-  expected = LogicalField(lfn("chip0", "r", "b"), 0, 1);
-  expected.value = 1;
-  EXPECT_EQ(chip->logicalField(expected.name), expected);
+  EXPECT_EQ(chip->logicalField(lfn("chip0", "r", "b")), valued(LogicalField(lfn("chip0", "r", "b"), 0, 1), 1));
   EXPECT_EQ(chip->fieldGetLastWritten("r", "a"), 3u);
 }
 
@@ -374,68 +337,32 @@ TEST(LogicalChip, OperationsArePublishedByName) {
   EXPECT_EQ(registry.call(*chip, "regGetLastWritten", {"r"}), "1192960");
 }
 
-namespace {
-
-// A private shared-memory root per test, removed afterwards.
-class LogicalChipMount : public ::testing::Test {
-protected:
-  void SetUp() override {
-    char pattern[] = "/dev/shm/tarn-chip-test.XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    base_ = pattern;
-    em_ = Kiv::Shm::EntityManager::EntityManagerIs(Kiv::Shm::Root(base_ + "/root"));
-  }
-  void TearDown() override {
-    em_ = nullptr;
-    std::filesystem::remove_all(base_);
-  }
-  std::string base_;
-  Kiv::Ptr<Kiv::Shm::EntityManager> em_;
-};
-
-// Five physical fields, each mapped from a logical field with a non-zero initial value.
-Kiv::Ptr<LogicalChip> describedChip() {
-  auto chip = LogicalChip::LogicalChipIs("chip0");
-  for (int i = 0; i < 5; ++i) {
-    auto const f = Kiv::String(std::string("f") + std::to_string(i));
-    chip->populatePhysicalField("PREG", f, static_cast<U8>(4 * i), 4);
-    chip->populateLogicalField("lreg", f, static_cast<U8>(4 * i), 4, static_cast<U32>(i + 1));
-    chip->translationIs()->populate("lreg", f, "PREG", f);
-  }
-  return chip;
-}
-
-TEST_F(LogicalChipMount, MountsBothCollectionsSizedByThePhysicalFieldsAndZeroesTheDesiredValues) {
-  auto chip = describedChip();
-  chip->mountShadowFields(em_, "TarnRegFile/shadowFieldsConfig/chip0", "TarnRegFile/shadowFieldsStatus/chip0");
-  ASSERT_TRUE(chip->shadowFieldsConfig());
-  ASSERT_TRUE(chip->shadowFieldsStatus());
-  EXPECT_EQ(chip->shadowFieldsConfig()->fieldCapacity(), 5u);
-  EXPECT_EQ(chip->shadowFieldsStatus()->fieldCapacity(), 5u);
-  EXPECT_EQ(chip->shadowFieldsConfig()->fieldCount(), 5u);
+TEST(LogicalChipMount, MountsBothCollectionsSizedByThePhysicalFieldsAndZeroesTheDesiredValues) {
+  TarnTest::ChipRig rig(2);
+  auto const em = rig.entityManager();
+  auto chip = rig.mountedChip(em, "chip0", 7);
+  ASSERT_TRUE(chip->shadowFieldsConfig() && chip->shadowFieldsStatus());
+  EXPECT_EQ(chip->shadowFieldsConfig()->fieldCapacity(), 8u);
+  EXPECT_EQ(chip->shadowFieldsStatus()->fieldCapacity(), 8u);
+  EXPECT_EQ(em->capacityOf(rig.configPath(), "field"), 8u);
   EXPECT_EQ(chip->shadowFieldsStatus()->fieldCount(), 0u);
-  for (auto const& [name, field] : chip->physicalFieldEntries()) {
-    auto const stored = chip->shadowFieldsConfig()->field(field.key);
-    EXPECT_EQ(stored, ShadowFieldValue(field.key, 0)) << name.fullName;
-  }
-  EXPECT_EQ(em_->capacityOf("TarnRegFile/shadowFieldsConfig/chip0", "field"), 5u);
-  // A second reader sees the same table.
-  auto const entries = ShadowFields::readShadowTable(Kiv::Shm::Root(base_ + "/root"), "TarnRegFile/shadowFieldsConfig/chip0");
-  EXPECT_EQ(entries.size(), 5u);
+  // Every desired value is 0, whatever the logical fields' initial values; a second reader sees them.
+  auto const entries = ShadowFields::readShadowTable(Kiv::Shm::Root(rig.shmRoot()), rig.configPath());
+  EXPECT_EQ(entries.size(), 8u);
+  for (ShadowFieldValue const& v : entries) EXPECT_EQ(v.value, 0u);
+  for (auto const& [name, field] : chip->physicalFieldEntries())
+    EXPECT_EQ(chip->shadowFieldsConfig()->field(field.key), ShadowFieldValue(field.key, 0)) << name.fullName;
   // A chip without physical fields still mounts.
   auto empty = LogicalChip::LogicalChipIs("empty");
-  empty->mountShadowFields(em_, "TarnRegFile/shadowFieldsConfig/empty", "TarnRegFile/shadowFieldsStatus/empty");
+  empty->mountShadowFields(em, Kiv::String(rig.configPath("empty")), Kiv::String(rig.statusPath("empty")));
   ASSERT_TRUE(empty->shadowFieldsConfig());
   EXPECT_EQ(empty->shadowFieldsConfig()->fieldCount(), 0u);
 }
 
-using LogicalChipMountDeathTest = LogicalChipMount;
-
-TEST_F(LogicalChipMountDeathTest, PhysicalFieldWithoutLogicalMappingIsFatal) {
+TEST(LogicalChipMountDeathTest, PhysicalFieldWithoutLogicalMappingIsFatal) {
+  TarnTest::ChipRig rig(1, "chip1");
   auto chip = LogicalChip::LogicalChipIs("chip1");
   chip->populatePhysicalField("PREG", "orphan", 0, 8);
-  EXPECT_DEATH(chip->mountShadowFields(em_, "TarnRegFile/shadowFieldsConfig/chip1", "TarnRegFile/shadowFieldsStatus/chip1"),
+  EXPECT_DEATH(chip->mountShadowFields(rig.entityManager(), Kiv::String(rig.configPath()), Kiv::String(rig.statusPath())),
                "condition: physicalToLogicalHas\\( pfName \\)\n  message:   No logicalField mapping to chip1-PREG-orphan");
 }
-
-}  // namespace

@@ -1,8 +1,6 @@
-// The logical write state machine on a mounted chip, alone and with the shadow state
-// machine behind it down to the register file.
+// The logical write state machine on a mounted chip of a test rig.
 #include "TarnRegFile/LogicalSms.h"
 
-#include "TarnRegFile/ShadowSms.h"
 #include "TarnRegFile/platform/Trace.h"
 #include "support/ChipRig.h"
 
@@ -24,18 +22,9 @@ struct ConfigWrites : ShadowFieldsConfig::Notifiee {
 
 class LogicalWriteSmTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    em_ = rig_.entityManager();
-    chip_ = rig_.mountedChip(em_);
-  }
-  void TearDown() override {
-    sm_ = nullptr;
-    chip_ = nullptr;
-    em_ = nullptr;
-  }
   ChipRig rig_{4};
-  Kiv::Ptr<Kiv::Shm::EntityManager> em_;
-  Kiv::Ptr<LogicalChip> chip_;
+  Kiv::Ptr<Kiv::Shm::EntityManager> em_ = rig_.entityManager();
+  Kiv::Ptr<LogicalChip> chip_ = rig_.mountedChip(em_);
   Kiv::Ptr<LogicalWriteSm> sm_;
 };
 
@@ -87,21 +76,6 @@ TEST_F(LogicalWriteSmTest, AFieldWhosePhysicalFieldIsMissingIsSkippedWithATrace)
   chip_->fieldWrite("L", "ghost", 3);
   EXPECT_TRUE(trace.contains("No physicalField mapping to chip0-NOPE-ghost", 0));
   EXPECT_TRUE(writes.keys.empty());
-}
-
-TEST_F(LogicalWriteSmTest, AFieldWriteReachesTheRegisterAndTheStatus) {
-  TarnTest::CountingPciTransport* counter = nullptr;
-  auto const transport = rig_.transport(&counter);
-  chip_->readyIs(true);
-  sm_ = logicalWriteSmFactory(chip_);
-  auto const shadow = shadowFieldsSmFactory(chip_->shadowFieldsConfig(), chip_->shadowFieldsStatus(), transport, false);
-  rig_.fileRegisterIs(3, 0xFFFFFFFF);  // bits no field sets are not read back from the hardware
-  chip_->fieldWrite("R3", "f1", 0xAB);
-  EXPECT_EQ(rig_.fileRegister(3), 0x0000AB00u);
-  chip_->fieldWrite("R3", "f3", 0x12);
-  EXPECT_EQ(rig_.fileRegister(3), 0x1200AB00u);
-  EXPECT_EQ(counter->writes, (std::map<std::string, int>{{"R3", 2}}));
-  EXPECT_EQ(chip_->shadowFieldsStatus()->field(ChipRig::key(3, 3)).value, 0x12u);
 }
 
 TEST_F(LogicalWriteSmTest, AConfigurationThatCannotBeWrittenFailsTheWriteAndAFullPassCatchesUp) {

@@ -1,41 +1,29 @@
-// The system status types, and the state machine that builds and removes each chip's
-// objects: a derived class whose hooks build a real chip mounted in a private
-// shared-memory root and a PCI transport over a regular file standing in for the
-// register window, so that what reaches the "hardware" can be read back.
+// The system status types, the models that hold each chip's objects, and the state machine
+// that builds and removes them: a derived class whose hooks build chips of a test rig,
+// mounted in its private shared-memory root, over a PCI transport on a regular file standing
+// in for the register window, so that what reaches the "hardware" can be read back.
 #include "TarnRegFile/SystemChipStatusSm.h"
 
 #include "TarnRegFile/platform/KivException.h"
 #include "TarnRegFile/platform/KivGeneric.h"
-#include "TarnRegFile/platform/PciDov.h"
 #include "TarnRegFile/platform/Trace.h"
-
-#include "TarnRegFile/TransportDescriptor.h"
+#include "support/ChipRig.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
-#include <stdlib.h>
-#include <unistd.h>
-
 using namespace TarnRegFile;
+using TarnTest::ChipRig;
 
 namespace {
 
 using Events = std::vector<std::string>;
-
-template <class T>
-T parse(std::string const& text) {
-  return Kiv::fromText<T>(text);
-}
 
 // ================================================================ value types
 
@@ -59,21 +47,19 @@ TEST(PossibleProfile, TextFormsNestAndParseBackAndMalformedTextNamesThePartThatF
       "Value('TarnRegFile::PossibleProfile', ** {'profileName': 'p1', "
       "'hwApi': Value('TarnRegFile::PossibleHwApi', ** {'major': 1, 'minor': 2})})";
   EXPECT_EQ(fmt::format("{}", p), text);
-  EXPECT_EQ(parse<PossibleProfile>(text), p);
-  EXPECT_EQ(parse<PossibleHwApi>("Value('TarnRegFile::PossibleHwApi', ** {'major':4294967295, 'minor':  0})"),
+  EXPECT_EQ(Kiv::fromText<PossibleProfile>(text), p);
+  EXPECT_EQ(Kiv::fromText<PossibleHwApi>("Value('TarnRegFile::PossibleHwApi', ** {'major':4294967295, 'minor':  0})"),
             PossibleHwApi(4294967295u, 0));  // any spacing after the colons
-  EXPECT_FALSE(parse<PossibleProfile>(PossibleProfile().valueToStrep()));
+  EXPECT_FALSE(Kiv::fromText<PossibleProfile>(PossibleProfile().valueToStrep()));
   EXPECT_EQ(fmt::format("{}", Hardware::DevId(7)), "7");
-  EXPECT_EQ(parse<Hardware::DevId>("255"), Hardware::DevId(255));
-  EXPECT_THROW(parse<Hardware::DevId>("256"), Kiv::ParseException);
-  for (std::string const text : {
-           "Value('TarnRegFile::PossibleHwApi', ** {'major': 1})",
-           "Value('TarnRegFile::PossibleHwApi', ** {'major': 4294967296, 'minor': 0})",
-           "Value('TarnRegFile::PossibleHwApi', ** {'minor': 1, 'major': 2})",
-       })
-    EXPECT_THROW(parse<PossibleHwApi>(text), Kiv::ParseException) << text;
+  EXPECT_EQ(Kiv::fromText<Hardware::DevId>("255"), Hardware::DevId(255));
+  EXPECT_THROW(Kiv::fromText<Hardware::DevId>("256"), Kiv::ParseException);
+  for (std::string const bad : {"Value('TarnRegFile::PossibleHwApi', ** {'major': 1})",
+                                "Value('TarnRegFile::PossibleHwApi', ** {'major': 4294967296, 'minor': 0})",
+                                "Value('TarnRegFile::PossibleHwApi', ** {'minor': 1, 'major': 2})"})
+    EXPECT_THROW(Kiv::fromText<PossibleHwApi>(bad), Kiv::ParseException) << bad;
   try {
-    parse<PossibleProfile>("Value('TarnRegFile::PossibleProfile', ** {'profileName': 'p', 'hwApi': 7})");
+    Kiv::fromText<PossibleProfile>("Value('TarnRegFile::PossibleProfile', ** {'profileName': 'p', 'hwApi': 7})");
     ADD_FAILURE() << "parsed";
   } catch (Kiv::ParseException const& e) {
     EXPECT_EQ(std::string(e.what()).rfind("hwApi: ", 0), 0u) << e.what();
@@ -90,8 +76,10 @@ struct StatusLog : PossibleSystemStatus::Notifiee, PossibleChipStatus::Notifiee 
   Events events;
 };
 
-TEST(PossibleSystemStatus, MutatorsNotifyOnlyRealChanges) {
-  auto const status = possibleSystemStatusFactory("sys");
+TEST(PossibleSystemStatus, MutatorsNotifyOnlyRealChangesAndTheGenericInterfaceTakesText) {
+  auto& registry = Kiv::TypeRegistry::instance();
+  auto const status = Kiv::ptr_cast<PossibleSystemStatus>(registry.create("TarnRegFile::PossibleSystemStatus", "sys"));
+  ASSERT_TRUE(status);
   StatusLog log;
   log.PossibleSystemStatus::Notifiee::notifierIs(status);
   auto const c0 = status->chipStatusIs("c0");
@@ -114,32 +102,23 @@ TEST(PossibleSystemStatus, MutatorsNotifyOnlyRealChanges) {
   std::sort(log.events.begin() + 7, log.events.end());
   EXPECT_EQ(log.events, (Events{"chipStatus c0", "devId", "profileName", "profile p1", "chipStatus c0", "profile p1",
                                 "profile p2", "profile p1", "profile p2"}));
-}
 
-TEST(PossibleSystemStatus, GenericInterfaceTakesProfilesAndDeviceIdentifiersAsText) {
-  auto& registry = Kiv::TypeRegistry::instance();
-  auto const status = registry.create("TarnRegFile::PossibleSystemStatus", "sys");
-  EXPECT_EQ(registry.call(*status, "chipStatusIs", {"c0"}), "<TarnRegFile::PossibleChipStatus 'c0'>");
+  EXPECT_EQ(registry.call(*status, "chipStatusIs", {"c1"}), "<TarnRegFile::PossibleChipStatus 'c1'>");
   std::string const profile = PossibleProfile("p1", PossibleHwApi(1, 2)).valueToStrep();
   registry.call(*status, "profileIs", {profile});
   EXPECT_EQ(registry.call(*status, "profile", {"p1"}), profile);
-  auto const chip = dynamic_cast<PossibleSystemStatus&>(*status).chipStatus("c0");
-  registry.attributeIs(*chip, "devId", "17");
-  EXPECT_EQ(chip->devId(), Hardware::DevId(17));
-  EXPECT_EQ(registry.attribute(*chip, "devId"), "17");
+  registry.attributeIs(*status->chipStatus("c1"), "devId", "17");
+  EXPECT_EQ(status->chipStatus("c1")->devId(), Hardware::DevId(17));
+  EXPECT_EQ(registry.attribute(*status->chipStatus("c1"), "devId"), "17");
 }
 
 // ================================================================ state machine
 
-constexpr char const* kMap = "number,name,type,writeable,width\n0,ctrl,cfg,true,32\n1,data,cfg,true,32\n";
-
 enum class Mount { both, none, configOnly, misnamed };
 
-// What the hooks need, and where every observed step is logged.
-struct Environment {
-  Kiv::Ptr<Kiv::Shm::EntityManager> em;
-  std::string csv;
-  std::string window;
+// What the hooks build from, and where every observed step is logged.
+struct Bench {
+  ChipRig rig{1, "c0"};
   Mount mount = Mount::both;
   Events events;
 };
@@ -153,49 +132,34 @@ struct ReadyWatcher : LogicalChip::Notifiee {
   Events& events_;
 };
 
-// The agent's side: chip c has field a (byte 0, register "ctrl") = 0 and b (bits 8..15 of
-// register "data" at byte 4) = 5, each behind a logical field of register "lreg".
+// The agent's side: chips of the rig with every logical field starting at 5, mounted through
+// the entity manager the base keeps for the hooks, over counting PCI transports.
 class TestChipStatusSm : public SystemChipStatusSmBase {
 public:
-  TestChipStatusSm(Environment& env, Kiv::Ptr<PossibleSystemStatus> const& status,
-                   Kiv::Ptr<LogicalModel> const& logical, Kiv::Ptr<PhysicalModel> const& physical)
-      : SystemChipStatusSmBase(env.em, status, logical, physical), env_(env) {}
+  TestChipStatusSm(Bench& bench, Kiv::Ptr<PossibleSystemStatus> const& status, Kiv::Ptr<LogicalModel> const& logical,
+                   Kiv::Ptr<PhysicalModel> const& physical)
+      : SystemChipStatusSmBase(bench.rig.entityManager(), status, logical, physical), bench_(bench) {}
 
   Kiv::Ptr<LogicalChip> createLogicalChip(Kiv::String const& name) override {
-    env_.events.push_back("createLogicalChip " + name.str());
-    auto chip = LogicalChip::LogicalChipIs(env_.mount == Mount::misnamed ? Kiv::String("other") : name);
-    watchers_.push_back(std::make_unique<ReadyWatcher>(chip, env_.events));
+    bench_.events.push_back("createLogicalChip " + name.str());
     // Unmounted, the chip stays empty: the write state machine, built before the shadow-field
     // check, would otherwise reach for the configuration first.
-    if (env_.mount == Mount::none) return chip;
-    chip->populatePhysicalField("CTRL", "a", 0, 8);
-    chip->physicalFieldCountIs(4);
-    chip->populatePhysicalField("DATA", "b", 8, 8);
-    chip->populateLogicalField("lreg", "a", 0, 8, 0);
-    chip->populateLogicalField("lreg", "b", 8, 8, 5);
-    chip->translationIs()->populate("lreg", "a", "CTRL", "a");
-    chip->translationIs()->populate("lreg", "b", "DATA", "b");
-    chip->mountShadowFields(shmemEntityManager(),
-                            std::string(MountConstants::shadowFieldsConfigPathPrefix) + "/" + chip->name().str(),
-                            "TarnRegFile/shadowFieldsStatus/" + chip->name().str());
-    if (env_.mount == Mount::configOnly) chip->shadowFieldsStatusIs(nullptr);
+    Mount const mount = bench_.mount;
+    auto chip = mount == Mount::none || mount == Mount::misnamed
+                    ? LogicalChip::LogicalChipIs(mount == Mount::none ? name : Kiv::String("other"))
+                    : bench_.rig.mountedChip(shmemEntityManager(), name.str(), 5);
+    if (mount == Mount::configOnly) chip->shadowFieldsStatusIs(nullptr);
+    watchers_.push_back(std::make_unique<ReadyWatcher>(chip, bench_.events));
     return chip;
   }
 
   Kiv::Ptr<TransportMethod> createTransport(Kiv::String const& name) override {
-    env_.events.push_back("createTransport " + name.str());
-    return pciTransport(env_, name);
-  }
-
-  static Kiv::Ptr<TransportMethod> pciTransport(Environment const& env, Kiv::String const& name) {
-    auto transport = TransportMethod::TransportMethodIs(name);
-    transport->init(PciTransportDescriptor::PciTransportDescriptorIs(Hardware::pciDovImplFactory(env.window)),
-                    Kiv::String(env.csv));
-    return transport;
+    bench_.events.push_back("createTransport " + name.str());
+    return bench_.rig.transport(nullptr, name.str());
   }
 
 private:
-  Environment& env_;
+  Bench& bench_;
   std::vector<std::unique_ptr<ReadyWatcher>> watchers_;
 };
 
@@ -205,178 +169,176 @@ struct ModelLog : LogicalModel::Notifiee, PhysicalModel::Notifiee {
     LogicalModel::Notifiee::notifierIs(l);
     PhysicalModel::Notifiee::notifierIs(p);
   }
-  static char const* where(bool has) { return has ? " in" : " out"; }
-  void onChip(Kiv::String const& k) override {
-    events_.push_back("chip " + k.str() + where(LogicalModel::Notifiee::notifier()->chipHas(k)));
-  }
-  void onWriteSm(Kiv::String const& k) override {
-    events_.push_back("writeSm " + k.str() + where(LogicalModel::Notifiee::notifier()->writeSmHas(k)));
-  }
-  void onShadowSm(Kiv::String const& k) override {
-    events_.push_back("shadowSm " + k.str() + where(PhysicalModel::Notifiee::notifier()->shadowSmHas(k)));
-  }
-  void onTransport(Kiv::String const& k) override {
-    events_.push_back("transport " + k.str() + where(PhysicalModel::Notifiee::notifier()->transportHas(k)));
-  }
+  void add(char const* what, Kiv::String const& k, bool in) { events_.push_back(what + (" " + k.str()) + (in ? " in" : " out")); }
+  auto& lm() { return *LogicalModel::Notifiee::notifier(); }
+  auto& pm() { return *PhysicalModel::Notifiee::notifier(); }
+  void onChip(Kiv::String const& k) override { add("chip", k, lm().chipHas(k)); }
+  void onWriteSm(Kiv::String const& k) override { add("writeSm", k, lm().writeSmHas(k)); }
+  void onShadowSm(Kiv::String const& k) override { add("shadowSm", k, pm().shadowSmHas(k)); }
+  void onTransport(Kiv::String const& k) override { add("transport", k, pm().transportHas(k)); }
+  void onSimulate() override { events_.push_back("simulate"); }
   Events& events_;
 };
 
 class SystemChipStatus : public ::testing::Test {
 protected:
-  void SetUp() override {
-    char pattern[] = "/dev/shm/tarn-status-test.XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    base_ = pattern;
-    env.em = Kiv::Shm::EntityManager::EntityManagerIs(Kiv::Shm::Root(base_ + "/root"));
-    env.csv = base_ + "/chip.csv";
-    env.window = base_ + "/resource0";
-    std::ofstream(env.csv) << kMap;
-    fd_ = ::open(env.window.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    ASSERT_EQ(0, ::ftruncate(fd_, 0x1000));
-    sm = Kiv::create<TestChipStatusSm>(env, status, logical, physical);
-    log = std::make_unique<ModelLog>(logical, physical, env.events);
-  }
-  void TearDown() override {
-    log.reset();
-    sm = nullptr;
-    logical = nullptr;
-    physical = nullptr;
-    env.em = nullptr;
-    ::close(fd_);
-    std::filesystem::remove_all(base_);
-  }
-  // A register as the hardware holds it, read past the transport.
-  U32 reg(U32 offset) const {
-    U32 value = 0;
-    EXPECT_EQ(4, ::pread(fd_, &value, 4, offset));
-    return value;
-  }
-  // The applied value of physical field @p reg - @p field of chip c0, as recorded in shared memory.
-  U32 applied(char const* reg, char const* field) {
-    auto const chip = logical->chip("c0");
-    auto const key = chip->physicalField(PhysicalFieldName(PhysicalRegisterName("c0", reg), field)).key;
-    return chip->shadowFieldsStatus()->field(key).value;
-  }
-
-  // What `tarnreg shadow show` prints for the table at @p path of this test's root.
-  std::string shadowShow(std::string const& path) const {
-    std::string const command =
-        std::string(TARN_BINARY_DIR "/tools/tarnreg shadow show --root ") + base_ + "/root " + path;
-    std::FILE* const out = ::popen(command.c_str(), "r");
-    std::string text;
-    char buffer[256];
-    for (size_t n; out && (n = std::fread(buffer, 1, sizeof buffer, out)) > 0;) text.append(buffer, n);
-    EXPECT_TRUE(out && ::pclose(out) == 0) << command;
-    return text;
-  }
-
-  std::string base_;
-  int fd_ = -1;
-  Environment env;
+  Bench bench;
+  ChipRig& rig = bench.rig;
   Kiv::Ptr<PossibleSystemStatus> status = possibleSystemStatusFactory("sys");
   Kiv::Ptr<LogicalModel> logical = logicalModelFactory();
   Kiv::Ptr<PhysicalModel> physical = physicalModelFactory();
-  Kiv::Ptr<TestChipStatusSm> sm;
-  std::unique_ptr<ModelLog> log;
+  Kiv::Ptr<TestChipStatusSm> sm = Kiv::create<TestChipStatusSm>(bench, status, logical, physical);
+  ModelLog log{logical, physical, bench.events};
 };
 
-TEST_F(SystemChipStatus, NewChipGetsItsObjectsInOrderAndItsValuesReachTheHardware) {
-  Kiv::TraceCapture trace("TarnRegFile/SystemChipStatusSm");
-  status->chipStatusIs("c0");
-  EXPECT_EQ(env.events, (Events{"createLogicalChip c0", "chip c0 in", "ready c0 true", "writeSm c0 in",
-                                "createTransport c0", "transport c0 in", "shadowSm c0 in"}));
-  EXPECT_TRUE(trace.contains("ChipStatusSmBase::handleSystemChipStatus chipName: c0, add", 5));
-  EXPECT_FALSE(sm->initialized());
-  EXPECT_EQ(reg(4), 0x500u) << "the non-zero initial value of b went out";
-  EXPECT_EQ(reg(0), 0u);
-  EXPECT_EQ(applied("DATA", "b"), 5u);
-  EXPECT_FALSE(physical->shadowSm("c0")->simulate());
-  // From now on a logical write reaches the register without further help.
-  logical->chip("c0")->fieldWrite("lreg", "a", 0x7);
-  EXPECT_EQ(reg(0), 0x7u);
-  // Another process reads what was applied, while this one keeps the tables as their writer.
-  EXPECT_EQ(shadowShow("TarnRegFile/shadowFieldsStatus/c0"),
-            "address     start  size  value\n"
-            "0x00000000      0     8  0x00000007\n"
-            "0x00000004      8     8  0x00000005\n");
-  // Changes inside a chip status, and a repeated chipStatusIs, do not reach the state machine.
-  env.events.clear();
-  status->chipStatus("c0")->devIdIs(Hardware::DevId(9));
-  status->chipStatusIs("c0");
-  EXPECT_TRUE(env.events.empty());
+// ================================================================ models, on their own
+
+using SystemModels = SystemChipStatus;
+
+// A shadow state machine that needs no shared memory: no collections, simulating, named after its transport.
+Kiv::Ptr<ShadowFieldsSm> shadowSm(Kiv::Ptr<TransportMethod> const& transport) {
+  return shadowFieldsSmFactory(nullptr, nullptr, transport, true);
 }
 
-TEST_F(SystemChipStatus, APresentChipProcessedAgainGetsOnlyANewShadowStateMachine) {
+TEST_F(SystemModels, EntriesAreKeyedByTheirOwnNameOnlyRealChangesNotifyAndRemovalHandsThemBack) {
+  for (char const* name : {"a", "b"}) {
+    auto const chip = logicalChipFactory(name);
+    logical->chipIs(chip);
+    logical->chipIs(chip);  // the same object again
+    logical->writeSmIs(logicalWriteSmFactory(chip));
+    auto const transport = transportMethodFactory(name);
+    physical->transportIs(transport);
+    physical->transportIs(transport);
+    physical->shadowSmIs(shadowSm(transport));
+  }
+  auto const a2 = logicalChipFactory("a");
+  logical->chipIs(a2);  // another object of that name replaces it
+  EXPECT_EQ(logical->chip("a"), a2);
+  // Every live machine holds the transport: its count tells how many machines are left.
+  auto const t = physical->transport("a");
+  auto const second = shadowSm(t);
+  physical->shadowSmIs(second);
+  EXPECT_EQ(physical->shadowSm("a"), second);
+  EXPECT_EQ(t->references(), 3u) << "the first machine is gone";
+  EXPECT_FALSE(physical->simulate());
+  physical->simulateIs(true);
+  physical->simulateIs(true);
+  for (auto const& refused : std::initializer_list<std::function<void()>>{
+           [&] { logical->chipIs(nullptr); }, [&] { logical->writeSmIs(nullptr); },
+           [&] { physical->shadowSmIs(nullptr); }, [&] { physical->transportIs(nullptr); }})
+    EXPECT_THROW(refused(), std::invalid_argument);
+  EXPECT_EQ(bench.events, (Events{"chip a in", "writeSm a in", "transport a in", "shadowSm a in", "chip b in", "writeSm b in",
+                                  "transport b in", "shadowSm b in", "chip a in", "shadowSm a in", "simulate"}));
+  bench.events.clear();
+  EXPECT_EQ(physical->transportDel("unknown"), nullptr);
+  EXPECT_TRUE(bench.events.empty());
+  EXPECT_EQ(physical->transportDel("a"), t);
+  EXPECT_EQ(physical->transportDel("a"), nullptr);
+  logical->chipDelAll();
+  logical->writeSmDelAll();
+  physical->shadowSmDelAll();
+  physical->transportDelAll();
+  EXPECT_TRUE(logical->chipEntries().empty() && logical->writeSmEntries().empty());
+  EXPECT_TRUE(physical->shadowSmEntries().empty() && physical->transportEntries().empty());
+  std::sort(bench.events.begin() + 1, bench.events.end());
+  EXPECT_EQ(bench.events, (Events{"transport a out", "chip a out", "chip b out", "shadowSm a out", "shadowSm b out",
+                                  "transport b out", "writeSm a out", "writeSm b out"}));
+}
+
+TEST_F(SystemModels, GenericInterfaceLooksUpRemovesAndSwitchesSimulate) {
+  auto& registry = Kiv::TypeRegistry::instance();
+  auto const model = Kiv::ptr_cast<PhysicalModel>(registry.create("TarnRegFile::PhysicalModel", ""));
+  ASSERT_TRUE(model);
+  model->transportIs(transportMethodFactory("t0"));
+  EXPECT_EQ(registry.call(*model, "transport", {"t0"}), "<TarnRegFile::TransportMethod 't0'>");
+  EXPECT_EQ(registry.call(*model, "transport", {"t1"}), "None");
+  registry.attributeIs(*model, "simulate", "True");
+  EXPECT_EQ(registry.attribute(*model, "simulate"), "True");
+  EXPECT_EQ(registry.call(*model, "transportDel", {"t0"}), "<TarnRegFile::TransportMethod 't0'>");
+  EXPECT_EQ(registry.call(*model, "transportHas", {"t0"}), "False");
+  EXPECT_EQ(registry.call(*registry.create("TarnRegFile::LogicalModel", ""), "chipDel", {"c0"}), "None");
+}
+
+// ================================================================ the state machine at work
+
+TEST_F(SystemChipStatus, AChipGetsItsObjectsInOrderOnlyANewShadowSmWhenProcessedAgainAndLosesThemReadyFirst) {
+  Kiv::TraceCapture trace("TarnRegFile/SystemChipStatusSm");
   status->chipStatusIs("c0");
+  EXPECT_EQ(bench.events, (Events{"createLogicalChip c0", "chip c0 in", "ready c0 true", "writeSm c0 in",
+                                  "createTransport c0", "transport c0 in", "shadowSm c0 in"}));
+  EXPECT_TRUE(trace.contains("ChipStatusSmBase::handleSystemChipStatus chipName: c0, add", 5));
+  EXPECT_FALSE(sm->initialized());
+  EXPECT_EQ(rig.fileRegister(0), 0x05050505u) << "the initial values went out";
+  EXPECT_FALSE(physical->shadowSm("c0")->simulate());
+  // From now on a logical write reaches the register without further help.
   auto const chip = logical->chip("c0");
+  chip->fieldWrite("R0", "f0", 0x7);
+  EXPECT_EQ(rig.fileRegister(0), 0x05050507u);
+  EXPECT_EQ(rig.images(rig.statusPath()), std::vector<uint32_t>{0x05050507u}) << "recorded as applied";
+  // Changes inside a chip status, and a repeated chipStatusIs, do not reach the state machine.
+  bench.events.clear();
+  status->chipStatus("c0")->devIdIs(Hardware::DevId(9));
+  status->chipStatusIs("c0");
+  EXPECT_TRUE(bench.events.empty());
+
+  // Processed again, by a full pass and by name through the generic interface.
   auto const writeSm = logical->writeSm("c0");
   auto const transport = physical->transport("c0");
   auto const oldShadowSm = physical->shadowSm("c0");
-  env.events.clear();
-  Kiv::TraceCapture trace("TarnRegFile/SystemChipStatusSm");
+  trace.clear();
   sm->handleSystemChipStatus();
-  EXPECT_EQ(env.events, (Events{"shadowSm c0 in"}));
-  EXPECT_TRUE(trace.contains("ChipStatusSmBase::handleSystemChipStatus", 5));
+  EXPECT_EQ(trace.count("ChipStatusSmBase::handleSystemChipStatus"), 2u) << "the pass, then the chip";
+  Kiv::TypeRegistry::instance().call(*sm, "handleSystemChipStatus", {"c0"});
+  EXPECT_EQ(bench.events, (Events{"shadowSm c0 in", "shadowSm c0 in"}));
   EXPECT_EQ(logical->chip("c0"), chip);
   EXPECT_EQ(logical->writeSm("c0"), writeSm);
   EXPECT_EQ(physical->transport("c0"), transport);
   EXPECT_NE(physical->shadowSm("c0"), oldShadowSm);
   EXPECT_EQ(physical->shadowSm("c0")->transport(), transport);
-  // The generic interface reaches the same reconciliation.
-  env.events.clear();
-  Kiv::TypeRegistry::instance().call(*sm, "handleSystemChipStatus", {"c0"});
-  EXPECT_EQ(env.events, (Events{"shadowSm c0 in"}));
-}
 
-TEST_F(SystemChipStatus, RemovalClearsReadyFirstThenRemovesAllFourInOrder) {
-  status->chipStatusIs("c0");
+  // Removed: ready is cleared before anything goes; another chip keeps its objects.
   status->chipStatusIs("c1");
-  auto const chip = logical->chip("c0");
-  env.events.clear();
-  Kiv::TraceCapture trace("TarnRegFile/SystemChipStatusSm");
+  bench.events.clear();
   status->chipStatusDel("c0");
-  EXPECT_EQ(env.events, (Events{"ready c0 false", "writeSm c0 out", "chip c0 out", "shadowSm c0 out", "transport c0 out"}));
+  EXPECT_EQ(bench.events,
+            (Events{"ready c0 false", "writeSm c0 out", "chip c0 out", "shadowSm c0 out", "transport c0 out"}));
   EXPECT_TRUE(trace.contains("ChipStatusSmBase::handleSystemChipStatus chipName: c0, del", 5));
   EXPECT_FALSE(chip->ready());
-  EXPECT_TRUE(logical->chipHas("c1") && physical->shadowSmHas("c1")) << "the other chip keeps its objects";
+  EXPECT_TRUE(logical->chipHas("c1") && physical->shadowSmHas("c1"));
 }
 
 TEST_F(SystemChipStatus, SimulateIsReadWhenEachShadowStateMachineIsBuilt) {
   physical->simulateIs(true);
   status->chipStatusIs("c0");
-  EXPECT_TRUE(physical->shadowSm("c0")->simulate());
   auto const chip = logical->chip("c0");
-  chip->fieldWrite("lreg", "a", 0x7);
-  EXPECT_EQ(reg(4), 0u);
-  EXPECT_EQ(reg(0), 0u);
-  EXPECT_EQ(applied("DATA", "b"), 5u) << "bookkeeping goes on while simulating";
-  EXPECT_EQ(applied("CTRL", "a"), 7u);
+  chip->fieldWrite("R0", "f0", 0x7);
+  EXPECT_EQ(rig.fileRegister(0), 0u);
   // The machine that exists keeps simulating; the next pass builds one that writes.
   physical->simulateIs(false);
-  chip->fieldWrite("lreg", "a", 0x8);
-  EXPECT_EQ(reg(0), 0u);
+  chip->fieldWrite("R0", "f0", 0x8);
+  EXPECT_EQ(rig.fileRegister(0), 0u);
   sm->handleSystemChipStatus();
-  EXPECT_FALSE(physical->shadowSm("c0")->simulate());
-  EXPECT_EQ(reg(0), 0u) << "what simulation recorded counts as applied";
-  chip->fieldWrite("lreg", "a", 0x9);
-  EXPECT_EQ(reg(0), 0x9u);
+  EXPECT_EQ(rig.fileRegister(0), 0u) << "what simulation recorded counts as applied";
+  chip->fieldWrite("R0", "f0", 0x9);
+  EXPECT_EQ(rig.fileRegister(0), 0x05050509u);
 }
 
 TEST_F(SystemChipStatus, SwitchedOffItIgnoresTheStatusAndATransportInTheModelIsUsedAsIs) {
   sm->hasNotificationActiveIs(false);
   status->chipStatusIs("c0");
-  EXPECT_TRUE(env.events.empty());
-  auto const own = TestChipStatusSm::pciTransport(env, "c0");
+  EXPECT_TRUE(bench.events.empty());
+  auto const own = rig.transport();
   physical->transportIs(own);
-  env.events.clear();
+  bench.events.clear();
   sm->hasNotificationActiveIs(true);
   sm->handleSystemChipStatus();
-  EXPECT_EQ(env.events, (Events{"createLogicalChip c0", "chip c0 in", "ready c0 true", "writeSm c0 in", "shadowSm c0 in"}));
+  EXPECT_EQ(bench.events,
+            (Events{"createLogicalChip c0", "chip c0 in", "ready c0 true", "writeSm c0 in", "shadowSm c0 in"}));
   EXPECT_EQ(physical->shadowSm("c0")->transport(), own);
 }
 
 TEST_F(SystemChipStatus, AHookResultUnderAnotherNameIsAnErrorAndKeptWhereItWent) {
-  env.mount = Mount::misnamed;
+  bench.mount = Mount::misnamed;
   try {
     status->chipStatusIs("c0");
     ADD_FAILURE() << "accepted";
@@ -393,10 +355,10 @@ TEST_F(SystemChipStatusDeathTest, UnknownChipRemovalAndUnmountedShadowFieldsAreF
   EXPECT_DEATH(sm->handleSystemChipStatus("ghost"),
                "condition: removedChip\n  message:   Status of chip ghost removed, but the chip was never added\n"
                "  unit:      TarnRegFile/SystemChipStatusSm");
-  env.mount = Mount::none;
+  bench.mount = Mount::none;
   EXPECT_DEATH(status->chipStatusIs("c0"), "condition: lChip->shadowFieldsConfig\\(\\)\n  message:   Chip c0 has no "
                                            "mounted ShadowFieldsConfig");
-  env.mount = Mount::configOnly;
+  bench.mount = Mount::configOnly;
   EXPECT_DEATH(status->chipStatusIs("c0"), "condition: lChip->shadowFieldsStatus\\(\\)\n  message:   Chip c0 has no "
                                            "mounted ShadowFieldsStatus");
 }
