@@ -70,21 +70,6 @@ protected:
 
 // ---------------------------------------------------------------- the access object
 
-TEST_F(PciWindow, AccessObjectStoresAndLoadsWholeWordsOfTheFileWhetherReadyOrNot) {
-  auto const window = dov();
-  window->write32(0x10, 0x12345678u);
-  window->guardedWrite32(kSize - 4, 0xdeadbeefu);
-  EXPECT_EQ(0x12345678u, peek(0x10));
-  EXPECT_EQ(0xdeadbeefu, peek(kSize - 4));
-  EXPECT_EQ(0u, peek(0x0c) | peek(0x14)) << "nothing spills into the neighbours";
-  poke(0x24, 0x0badf00du);
-  EXPECT_EQ(0x0badf00du, window->read32(0x24));
-  // Readiness is the owner's statement about the device; the mapping stays usable.
-  window->readyIs(false);
-  window->write32(0, 1u);
-  EXPECT_EQ(1u, peek(0));
-}
-
 TEST_F(PciWindow, AccessObjectRefusesBadOffsetsFilesAndAddressesClearly) {
   auto const window = dov();
   std::pair<U32, char const*> const offsets[] = {
@@ -169,7 +154,21 @@ TEST_F(PciWindow, AccessObjectThatGuardsItselfReportsBusErrorsOthersAreNotCaught
 
 // ---------------------------------------------------------------- the transport
 
-TEST_F(PciWindow, ReadsKeepTheRegisterWidthWritesStoreTheWholeValue) {
+// Both see the file's words: the access object whole, whether the device is said to be ready
+// or not; the transport keeps a read's register width and stores a write whole.
+TEST_F(PciWindow, LoadsAndStoresAreWholeWordsOfTheFileAndReadsKeepTheRegisterWidth) {
+  auto const window = dov();
+  window->write32(0x10, 0x12345678u);
+  window->guardedWrite32(kSize - 4, 0xdeadbeefu);
+  EXPECT_EQ(0x12345678u, peek(0x10));
+  EXPECT_EQ(0xdeadbeefu, peek(kSize - 4));
+  EXPECT_EQ(0u, peek(0x0c) | peek(0x14)) << "nothing spills into the neighbours";
+  poke(0x24, 0x0badf00du);
+  EXPECT_EQ(0x0badf00du, window->read32(0x24));
+  window->readyIs(false);
+  window->write32(0, 1u);
+  EXPECT_EQ(1u, peek(0));
+
   PciTransportMethodImpl pci(dov(), csv_.c_str(), nullptr);
   for (auto [name, offset, expected] : {std::tuple{"id", 0u, 0xdeadbeefu}, {"bit0", 4u, 0x1u}, {"byte", 8u, 0xefu},
                                         {"half", 12u, 0xbeefu}, {"almost", 16u, 0x5eadbeefu}}) {
@@ -181,18 +180,6 @@ TEST_F(PciWindow, ReadsKeepTheRegisterWidthWritesStoreTheWholeValue) {
   EXPECT_EQ(0x5678u, pci.regRead("half"));
   EXPECT_EQ(0xa5a5f00du, pci._regRWCommon(true, "scratch", 0xa5a5f00d)) << "a write returns the value written";
   EXPECT_EQ(0xa5a5f00du, peek(0x14));
-
-  // A register wider than its access is refused before any access: placed outside the
-  // mapping, an attempted access would fail otherwise. The mask uses the access width:
-  // (16 - 12) % 32 = 4 bits cleared from the top.
-  auto model = HardwareRegisterFile::HardwareRegisterFileIs("widths");
-  model->registerIs({"wide", HardwareRegisterType::cfg, true, 0x4000, 33, 32});
-  model->registerIs({"narrow", HardwareRegisterType::cfg, true, 0x8, 12, 16});
-  PciTransportMethodImpl modelled(dov(), nullptr, model);
-  EXPECT_THAT([&] { modelled.regRead("wide"); }, throwsMessage("Register wide size not supported!"));
-  EXPECT_THAT([&] { modelled.regWrite("wide", 1); }, throwsMessage("Register wide size not supported!"));
-  poke(0x8, 0xffffffff);
-  EXPECT_EQ(0x0fffffffu, modelled.regRead("narrow"));
 }
 
 int gSigbusSeen = 0;
@@ -263,16 +250,24 @@ TEST_F(PciWindow, FailedAccessesThroughTheTransportLeaveTheProcessAndMappedRegis
   expectFailsAs(*tm, "id", TransportErrorKind::NoDevice);
   EXPECT_TRUE(cap.contains("TransportMethod error on register 'id': No PCI device to access register 'id'", 0));
 
-  // A map that does not fit the mapping, and a device that drops off the bus.
+  // A map that does not fit: a register wider than its access is refused before any access
+  // (placed outside the mapping, it would fail otherwise), and the read mask uses the access
+  // width: (16 - 12) % 32 = 4 bits cleared from the top. Then a device that drops off the bus.
   auto model = HardwareRegisterFile::HardwareRegisterFileIs("window");
   model->registerIs({"id", HardwareRegisterType::constant, false, 0x0, 32, 32});
+  model->registerIs({"narrow", HardwareRegisterType::cfg, true, 0x8, 12, 16});
   model->registerIs({"far", HardwareRegisterType::cfg, true, kFarOffset, 32, 32});
   model->registerIs({"outside", HardwareRegisterType::sts, false, 0x4000, 32, 32});
+  model->registerIs({"wide", HardwareRegisterType::cfg, true, 0x4000, 33, 32});
   model->registerIs({"odd", HardwareRegisterType::sts, false, 0x6, 32, 32});
   tm->fullInit(PciTransportDescriptor::PciTransportDescriptorIs(dov()), TransportMethodRegFile("", model));
   ASSERT_TRUE(dynamic_cast<PciTransportMethodImpl&>(*tm->implPtr()).sigbusGuarded());
+  expectFailsAs(*tm, "wide", TransportErrorKind::WidthUnsupported);
+  EXPECT_TRUE(cap.contains("TransportMethod error on register 'wide': Register wide size not supported!", 0));
   expectFailsAs(*tm, "outside", TransportErrorKind::OutOfRange);
   expectFailsAs(*tm, "odd", TransportErrorKind::OutOfRange);
+  poke(0x8, 0xffffffff);
+  EXPECT_EQ(0x0fffffffu, tm->regRead("narrow"));
   poke(0x0, 0xdeadbeef);
   poke(kFarOffset, 0x12345678);
   EXPECT_EQ(0x12345678u, tm->regRead("far"));

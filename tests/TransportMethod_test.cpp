@@ -1,6 +1,6 @@
 // The transport entity: configuration through the transport registry, the name service,
 // and the failure path that turns I/O errors into results, traces, the last failure and
-// notifications.
+// notifications; the transport descriptors and their enumerations.
 #include "TarnRegFile/platform/KivException.h"
 #include "TarnRegFile/platform/KivGeneric.h"
 #include "TarnRegFile/platform/SigbusGuard.h"
@@ -9,6 +9,7 @@
 #include "TarnRegFile/MockTransportMethodImpl.h"
 #include "TarnRegFile/TransportMethod.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include <cerrno>
@@ -72,20 +73,6 @@ struct Rig : TransportMethodError::Notifiee {
 
 // ---------------------------------------------------------------- configuration
 
-TEST(TransportMethod, FullInitBuildsTheDescribedImplementationAndAFreshNotifier) {
-  auto tm = transportMethodFactory("chip0");
-  tm->fullInit(mockTransportDescriptorFactory(), TransportMethodRegFile(kDemoCsv));
-  auto const first = tm->errorNotifier();
-  ASSERT_TRUE(first);
-  EXPECT_EQ(first->chipName(), "chip0");
-  EXPECT_FALSE(first->error());
-  EXPECT_EQ(tm->regNameToAddr("scratch"), 8u);  // through the implementation's helper: CSV numbers times 4
-  // The descriptor names the dump file; each configuration makes a new notifier.
-  tm->init(mockTransportDescriptorFactory("/nonexistent-dir/dump.csv"), kDemoCsv);
-  EXPECT_EQ(dynamic_cast<MockTransportMethodImpl&>(*tm->implPtr()).dumpPath(), "/nonexistent-dir/dump.csv");
-  EXPECT_NE(tm->errorNotifier(), first);
-}
-
 // Puts @p factory in the asynchronous I2C row for the scope. That row has no backend in
 // this library; `record` notes what the row hands on.
 struct VormHook {
@@ -130,17 +117,25 @@ TEST(TransportMethod, FullInitFailuresInTheirOrder) {
   }
 }
 
-TEST(TransportMethod, ARowGetsTheCsvPathElseTheModelAndBuildingNothingIsAnError) {
+// A row builds from the descriptor (the mock's names its dump file) and the CSV path, else
+// the model; each configuration makes a new notifier, except one that builds nothing.
+TEST(TransportMethod, ARowBuildsFromItsDescriptorAndTheCsvPathElseTheModelWithAFreshNotifier) {
+  auto tm = transportMethodFactory("chip0");
+  tm->init(mockTransportDescriptorFactory("/nonexistent-dir/dump.csv"), kDemoCsv);
+  EXPECT_EQ(dynamic_cast<MockTransportMethodImpl&>(*tm->implPtr()).dumpPath(), "/nonexistent-dir/dump.csv");
+  auto const first = tm->errorNotifier();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->chipName(), "chip0");
+  EXPECT_FALSE(first->error());
   VormHook const hook(VormHook::record);
-  auto tm = TransportMethod::TransportMethodIs("chip0");
   auto const vorm = i2cVormTransportDescriptorFactory(nullptr, 0x22);
   auto const model = smallModel();
   tm->fullInit(vorm, TransportMethodRegFile(kDemoCsv, model));
+  EXPECT_NE(tm->errorNotifier(), first);
   EXPECT_EQ(VormHook::descriptor, vorm.ptr());
   EXPECT_EQ(VormHook::regFile, TransportMethodRegFile(kDemoCsv));
   tm->fullInit(vorm, TransportMethodRegFile("", model));
   EXPECT_EQ(VormHook::regFile, TransportMethodRegFile("", model));
-  // A null result leaves no implementation and keeps the notifier.
   auto const notifier = tm->errorNotifier();
   VormHook const nothing([](BaseTransportDescriptor const&, TransportMethodRegFile const&) {
     return static_cast<BaseTransportMethodImpl*>(nullptr);
@@ -274,6 +269,81 @@ TEST(TransportMethodRegFile, TextFormParsesBackWithoutAModel) {
             "'regFileModel': <Hardware::TarnRegFile::HardwareRegisterFile 'small'>})");
   // A live model cannot be made from text.
   EXPECT_THROW(Kiv::fromText<TransportMethodRegFile>(withModel.valueToStrep()), Kiv::ParseException);
+}
+
+// ---------------------------------------------------------------- descriptors
+
+// Every text route of one enumeration agrees with its literal table; a value past the table is refused.
+template <class E>
+void expectLiterals(std::vector<char const*> const& literals, E (*byValue)(unsigned), E (*byName)(Kiv::String const&)) {
+  for (unsigned v = 0; v < literals.size(); ++v) {
+    E const e = byValue(v);
+    EXPECT_EQ(static_cast<unsigned>(e), v) << literals[v];
+    EXPECT_EQ(byName(Kiv::String(literals[v])), e);
+    EXPECT_EQ(fmt::format("{} {} {} {}", stringValue(e), valueToStrep(e), e, testing::PrintToString(e)),
+              fmt::format("{0} '{0}' {0} {0}", literals[v]));
+  }
+  EXPECT_THROW(byValue(static_cast<unsigned>(literals.size())), Kiv::RangeException);
+}
+
+TEST(TransportDescriptorEnum, LiteralsValuesAndTextForms) {
+  expectLiterals<TransportType>({"i2c", "pci", "mock"}, TransportTypeInstance, TransportTypeInstance);
+  expectLiterals<TransportProtocol>({"DirectAccess", "I2cVorm", "I2cSmbusIoctl", "mockProtocol"},
+                                    TransportProtocolInstance, TransportProtocolInstance);
+  expectLiterals<TransportFlavour>({"PciDov", "I2cSmbusVorm", "I2cSmbusDataBlock", "I2cSmbusDataWord", "mockFlavour"},
+                                   TransportFlavourInstance, TransportFlavourInstance);
+  EXPECT_THROW(TransportFlavourInstance(Kiv::String("PciDOV")), Kiv::RangeException);
+  // A value outside the table still formats, so an error text about it can be built.
+  EXPECT_EQ(fmt::format("{}", TransportType{200}), "200");
+  // The text parser reads one literal and stops after it.
+  std::string const text = "'I2cSmbusIoctl', rest";
+  Kiv::String::IteratorConst pos = text.data();
+  TransportProtocol protocol{};
+  sequenceToValue(pos, text.data() + text.size(), &protocol);
+  EXPECT_EQ(protocol, TransportProtocol::I2cSmbusIoctl);
+  EXPECT_EQ(std::string_view(pos), ", rest");
+}
+
+// Each kind of descriptor, built by type name with text arguments as the generic interface
+// does, fixes its triple and keeps its arguments; bad arguments are refused.
+TEST(TransportDescriptor, GenericConstructionTriplesAndAttributes) {
+  auto& registry = Kiv::TypeRegistry::instance();
+  struct Case {
+    char const* type;
+    std::vector<std::string> args;
+    std::string triple;  // empty: refused
+    std::vector<std::pair<char const*, char const*>> attributes;
+  };
+  Case const cases[] = {
+      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0", "0x50"},
+       "i2c/I2cSmbusIoctl/I2cSmbusDataBlock", {{"devNode", "/dev/i2c-0"}, {"devId", "80"}}},
+      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataWord", "/dev/i2c-3", "7"},
+       "i2c/I2cSmbusIoctl/I2cSmbusDataWord", {{"devNode", "/dev/i2c-3"}, {"devId", "7"}}},
+      {"TarnRegFile::I2cVormTransportDescriptor", {"None", "7"}, "i2c/I2cVorm/I2cSmbusVorm",
+       {{"devId", "7"}, {"vorm", "None"}}},
+      {"TarnRegFile::PciTransportDescriptor", {"None"}, "pci/DirectAccess/PciDov", {{"pciDov", "None"}}},
+      {"TarnRegFile::MockTransportDescriptor", {}, "mock/mockProtocol/mockFlavour",
+       {{"dumpPath", "/tmp/MockTarnDebugReg.csv"}}},
+      {"TarnRegFile::MockTransportDescriptor", {"/tmp/chip0.csv"}, "mock/mockProtocol/mockFlavour",
+       {{"dumpPath", "/tmp/chip0.csv"}}},
+      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0"}, "", {}},
+      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0", "fifty"}, "", {}},
+      {"TarnRegFile::I2cVormTransportDescriptor", {"someVorm", "1"}, "", {}},
+      {"TarnRegFile::PciTransportDescriptor", {"../../etc/passwd", "0"}, "", {}},  // checked before anything is opened
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(fmt::format("{} with {} args", c.type, c.args.size()));
+    if (c.triple.empty()) {
+      EXPECT_THROW(registry.construct(c.type, c.args), std::runtime_error);
+      continue;
+    }
+    auto const d = Kiv::ptr_cast<BaseTransportDescriptor>(registry.construct(c.type, c.args));
+    ASSERT_TRUE(d);
+    EXPECT_EQ(registry.attribute(*d, "type") + "/" + registry.attribute(*d, "protocol") + "/" +
+                  registry.attribute(*d, "flavour"),
+              c.triple);
+    for (auto [attribute, text] : c.attributes) EXPECT_EQ(registry.attribute(*d, attribute), text) << attribute;
+  }
 }
 
 }  // namespace
