@@ -216,7 +216,8 @@ TEST(TransportMethod, IoFailureBecomesAFailedResultItsTraceTheLastFailureAndASig
            Case{fail(Kiv::RangeException("peripheral 0x80 out of range")), "ctrl",
                 "TransportMethod error on register 'ctrl': peripheral 0x80 out of range",
                 TransportErrorKind::OutOfRange, 0},
-           Case{nullptr, "nope", "TransportMethod error on register 'nope': RegisterFile does not have register 'nope'!",
+           Case{nullptr, "nope",
+                "TransportMethod error on register 'nope': RegisterFile does not have register 'nope'!",
                 TransportErrorKind::UnknownRegister, 0}}) {
     SCOPED_TRACE(line);
     Rig rig(failure);
@@ -308,41 +309,35 @@ TEST(TransportDescriptorEnum, LiteralsValuesAndTextForms) {
 // does, fixes its triple and keeps its arguments; bad arguments are refused.
 TEST(TransportDescriptor, GenericConstructionTriplesAndAttributes) {
   auto& registry = Kiv::TypeRegistry::instance();
-  struct Case {
-    char const* type;
-    std::vector<std::string> args;
-    std::string triple;  // empty: refused
-    std::vector<std::pair<char const*, char const*>> attributes;
-  };
-  Case const cases[] = {
-      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0", "0x50"},
-       "i2c/I2cSmbusIoctl/I2cSmbusDataBlock", {{"devNode", "/dev/i2c-0"}, {"devId", "80"}}},
-      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataWord", "/dev/i2c-3", "7"},
-       "i2c/I2cSmbusIoctl/I2cSmbusDataWord", {{"devNode", "/dev/i2c-3"}, {"devId", "7"}}},
-      {"TarnRegFile::I2cVormTransportDescriptor", {"None", "7"}, "i2c/I2cVorm/I2cSmbusVorm",
-       {{"devId", "7"}, {"vorm", "None"}}},
-      {"TarnRegFile::PciTransportDescriptor", {"None"}, "pci/DirectAccess/PciDov", {{"pciDov", "None"}}},
-      {"TarnRegFile::MockTransportDescriptor", {}, "mock/mockProtocol/mockFlavour",
-       {{"dumpPath", "/tmp/MockTarnDebugReg.csv"}}},
-      {"TarnRegFile::MockTransportDescriptor", {"/tmp/chip0.csv"}, "mock/mockProtocol/mockFlavour",
-       {{"dumpPath", "/tmp/chip0.csv"}}},
-      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0"}, "", {}},
-      {"TarnRegFile::I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0", "fifty"}, "", {}},
-      {"TarnRegFile::I2cVormTransportDescriptor", {"someVorm", "1"}, "", {}},
-      {"TarnRegFile::PciTransportDescriptor", {"../../etc/passwd", "0"}, "", {}},  // checked before anything is opened
-  };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(fmt::format("{} with {} args", c.type, c.args.size()));
-    if (c.triple.empty()) {
-      EXPECT_THROW(registry.construct(c.type, c.args), std::runtime_error);
+  using Attributes = std::vector<std::pair<char const*, char const*>>;
+  using Case = std::tuple<std::string, std::vector<std::string>, std::string, Attributes>;  // no triple: refused
+  for (auto const& [type, args, triple, attributes] : {
+           Case{"I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0", "0x50"},
+                "i2c/I2cSmbusIoctl/I2cSmbusDataBlock", {{"devNode", "/dev/i2c-0"}, {"devId", "80"}}},
+           Case{"I2cTransportDescriptor", {"I2cSmbusDataWord", "/dev/i2c-3", "7"}, "i2c/I2cSmbusIoctl/I2cSmbusDataWord",
+                {{"devNode", "/dev/i2c-3"}, {"devId", "7"}}},
+           Case{"I2cVormTransportDescriptor", {"None", "7"}, "i2c/I2cVorm/I2cSmbusVorm",
+                {{"devId", "7"}, {"vorm", "None"}}},
+           Case{"PciTransportDescriptor", {"None"}, "pci/DirectAccess/PciDov", {{"pciDov", "None"}}},
+           Case{"MockTransportDescriptor", {}, "mock/mockProtocol/mockFlavour",
+                {{"dumpPath", "/tmp/MockTarnDebugReg.csv"}}},
+           Case{"MockTransportDescriptor", {"/tmp/chip0.csv"}, "mock/mockProtocol/mockFlavour",
+                {{"dumpPath", "/tmp/chip0.csv"}}},
+           Case{"I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0"}, "", {}},
+           Case{"I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0", "fifty"}, "", {}},
+           Case{"I2cVormTransportDescriptor", {"someVorm", "1"}, "", {}},
+           Case{"PciTransportDescriptor", {"../../etc/passwd", "0"}, "", {}}}) {  // refused before anything is opened
+    SCOPED_TRACE(fmt::format("{} with {} args", type, args.size()));
+    if (triple.empty()) {
+      EXPECT_THROW(registry.construct("TarnRegFile::" + type, args), std::runtime_error);
       continue;
     }
-    auto const d = Kiv::ptr_cast<BaseTransportDescriptor>(registry.construct(c.type, c.args));
+    auto const d = Kiv::ptr_cast<BaseTransportDescriptor>(registry.construct("TarnRegFile::" + type, args));
     ASSERT_TRUE(d);
     EXPECT_EQ(registry.attribute(*d, "type") + "/" + registry.attribute(*d, "protocol") + "/" +
                   registry.attribute(*d, "flavour"),
-              c.triple);
-    for (auto [attribute, text] : c.attributes) EXPECT_EQ(registry.attribute(*d, attribute), text) << attribute;
+              triple);
+    for (auto [attribute, text] : attributes) EXPECT_EQ(registry.attribute(*d, attribute), text) << attribute;
   }
 }
 
