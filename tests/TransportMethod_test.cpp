@@ -260,8 +260,10 @@ TEST(TransportMethod, NotifierMayBeAbsentOrDroppedByItsObserver) {
   EXPECT_EQ(cap.count("Notifying agent: chip0"), 2u);
 }
 
-TEST(TransportMethodRegFile, TextFormParsesBackWithoutAModel) {
+TEST(TransportMethodRegFile, ComparesTextFormAndParsesBackWithoutAModel) {
   TransportMethodRegFile const a("/maps/x.csv"), withModel("", smallModel());
+  EXPECT_FALSE(a == TransportMethodRegFile("/maps/x.csv", withModel.regFileModel()) ||
+               a == TransportMethodRegFile("/maps/y.csv"));
   EXPECT_EQ(a.valueToStrep(),
             "Value('TarnRegFile::TransportMethodRegFile', ** {'csvPath': '/maps/x.csv', 'regFileModel': None})");
   EXPECT_EQ(Kiv::fromText<TransportMethodRegFile>(a.valueToStrep()), a);
@@ -270,6 +272,7 @@ TEST(TransportMethodRegFile, TextFormParsesBackWithoutAModel) {
             "'regFileModel': <Hardware::TarnRegFile::HardwareRegisterFile 'small'>})");
   // A live model cannot be made from text.
   EXPECT_THROW(Kiv::fromText<TransportMethodRegFile>(withModel.valueToStrep()), Kiv::ParseException);
+  EXPECT_THROW(Kiv::fromText<TransportMethodRegFile>("Value('Other', ** {})"), Kiv::ParseException);
 }
 
 // ---------------------------------------------------------------- descriptors
