@@ -13,6 +13,8 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <functional>
+#include <tuple>
 
 namespace {
 
