@@ -112,6 +112,12 @@ TEST_F(Tarnreg, UnknownRegistersMapsAndDevicesAreOneLineAndCreateNothing) {
             "Error reading the functions of I2C adapter /dev/null"},
            {{"--map", map_, "--pci", dir_ + "/resource9", "read", "scratch"}, dir_ + "/resource9"}})
     expectFailure(tarnreg(args), 1, expected);
+  // Through a pipe, which cannot be read a second time: the loader's own line number.
+  std::string const fifo = dir_ + "/map.fifo";
+  ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+  std::thread feeder([&] { std::ofstream(fifo) << "number,name,type,writeable,width\n0,a,cfg,true,8\n1,b,cfg,true,x8\n"; });
+  expectFailure(tarnreg({"--map", fifo, "list"}), 1, "map " + fifo + ", line 3: Invalid width token");
+  feeder.join();
 }
 
 TEST_F(Tarnreg, WritesAreStrictPersistedAndGuardedByTheMapUnlessForced) {
