@@ -5,40 +5,27 @@
 #include "SystemDescription.h"
 
 #include "support/ChipRig.h"
+#include "support/ToolRun.h"
 
 #include "TarnRegFile/SystemStatusShm.h"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <fstream>
 #include <random>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-extern char** environ;
 
 namespace {
 
-using Json = nlohmann::json;
+using namespace TarnTest;
 using namespace std::chrono_literals;
-using TarnTest::ChipRig;
 
 // ================================================================ description
 
@@ -150,13 +137,6 @@ TEST(ControlProtocol, RequestsAreParsedAndEveryMalformedLineGetsAReason) {
 // ================================================================ the agent as a process
 
 constexpr char const* kAgent = TARN_BINARY_DIR "/agent/tarnagent";
-constexpr char const* kTool = TARN_BINARY_DIR "/tools/tarnreg";
-
-std::string slurp(std::string const& path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
 
 class AgentProcess : public ::testing::Test {
 protected:
@@ -171,15 +151,10 @@ protected:
   std::string runtimeDir() const { return rig_.dir() + "/run"; }
 
   void start() {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, (rig_.dir() + "/agent.err").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    std::vector<std::string> args = {kAgent, "--runtime-dir", runtimeDir(), "--shm-root", rig_.shmRoot(), description_};
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    ASSERT_EQ(0, posix_spawn(&pid_, kAgent, &actions, nullptr, argv.data(), environ));
-    posix_spawn_file_actions_destroy(&actions);
+    // Its own stderr file: tarnreg runs in between replace the directory's.
+    pid_ = agent_.spawn({"--runtime-dir", runtimeDir(), "--shm-root", rig_.shmRoot(), description_}, "/dev/null",
+                        rig_.dir() + "/agent.err");
+    ASSERT_GT(pid_, 0);
     // The socket appears once the chips published at start are built.
     for (auto deadline = std::chrono::steady_clock::now() + 10s; ask("ping") != "ok pong\n";) {
       ASSERT_LT(std::chrono::steady_clock::now(), deadline) << slurp(rig_.dir() + "/agent.err");
@@ -192,7 +167,7 @@ protected:
     int status = 0;
     ::waitpid(pid_, &status, 0);
     pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return exitStatus(status);
   }
   // Whether the agent runs (an agent that ended is left for stop() to reap).
   bool alive() const {
@@ -218,53 +193,47 @@ protected:
     ::close(fd);
     return answer;
   }
-  bool ready(std::string const& chip) const {
-    std::string const answer = ask("chips");
-    if (answer.rfind("ok ", 0) != 0) return false;
-    for (auto const& c : Json::parse(answer.substr(3)))
-      if (c["name"] == chip) return c["ready"].get<bool>();
-    return false;
-  }
+  // Waits until the agent reports @p chip ready (or not), as "chips" answers.
   void awaitReady(std::string const& chip, bool want) const {
-    for (auto deadline = std::chrono::steady_clock::now() + 10s; ready(chip) != want;) {
+    auto const ready = [&] {
+      std::string const answer = ask("chips");
+      if (answer.rfind("ok ", 0) == 0)
+        for (auto const& c : Json::parse(answer.substr(3)))
+          if (c["name"] == chip) return c["ready"].get<bool>();
+      return false;
+    };
+    for (auto deadline = std::chrono::steady_clock::now() + 10s; ready() != want;) {
       ASSERT_LT(std::chrono::steady_clock::now(), deadline) << chip << " never became " << want;
       std::this_thread::sleep_for(2ms);
     }
   }
-  // tarnreg's standard output and exit status.
-  std::pair<int, std::string> tarnreg(std::string const& args) const {
-    std::string const command = std::string(kTool) + " " + args + " --runtime-dir " + runtimeDir() + " 2>&1";
-    std::FILE* const out = ::popen(command.c_str(), "r");
-    std::string text;
-    char buffer[4096];
-    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, out)) > 0;) text.append(buffer, n);
-    int const status = ::pclose(out);
-    return {WEXITSTATUS(status), text};
-  }
+  // tarnreg as a client of this agent.
+  ToolRun tarnreg(Args const& args) const { return Tool{rig_.dir()}(args + Args{"--runtime-dir", runtimeDir()}); }
   TarnRegFile::SystemStatusPublisher publisher() const {
     return TarnRegFile::SystemStatusPublisher::open(Kiv::Shm::Root(rig_.shmRoot()), "sys");
   }
 
   ChipRig rig_{16, "c0"};
   std::string description_;
+  Tool const agent_{rig_.dir(), kAgent};
   pid_t pid_ = -1;
 };
 
 TEST_F(AgentProcess, ChipAddedWrittenThroughTheSocketAndRemoved) {
   start();
-  EXPECT_FALSE(ready("c0"));
+  awaitReady("c0", false);
   EXPECT_EQ(ask("call c0 fieldWrite L0 f0 1"), "error chip 'c0' is not ready: the system status does not publish it\n");
   auto status = publisher();
   status.chipIs("c0", Hardware::DevId(1), "p1");
   awaitReady("c0", true);
 
-  EXPECT_EQ(tarnreg("field write c0 L3 f2 0xab"), (std::pair<int, std::string>{0, ""}));
+  EXPECT_EQ(tarnreg({"field", "write", "c0", "L3", "f2", "0xab"}), (ToolRun{0, "", ""}));
   EXPECT_EQ(rig_.fileRegister(3), 0x00ab0000u) << "the register changed in the window";
-  EXPECT_EQ(tarnreg("field read c0 L3 f2"), (std::pair<int, std::string>{0, "0x000000ab\n"}));
-  EXPECT_EQ(tarnreg("reg write c0 L4 0x11223344").first, 0);
+  EXPECT_EQ(tarnreg({"field", "read", "c0", "L3", "f2"}), (ToolRun{0, "0x000000ab\n", ""}));
+  EXPECT_EQ(tarnreg({"reg", "write", "c0", "L4", "0x11223344"}), (ToolRun{0, "", ""}));
   EXPECT_EQ(rig_.fileRegister(4), 0x11223344u);
-  EXPECT_EQ(tarnreg("agent call c0 regGetLastWritten L4"), (std::pair<int, std::string>{0, "287454020\n"}));
-  auto const diff = Json::parse(tarnreg("shadow diff c0 --json").second);
+  EXPECT_EQ(tarnreg({"agent", "call", "c0", "regGetLastWritten", "L4"}), (ToolRun{0, "287454020\n", ""}));
+  auto const diff = Json::parse(tarnreg({"shadow", "diff", "c0", "--json"}).out);
   EXPECT_EQ(diff["pending"], 0);
   EXPECT_EQ(diff["fields"][14]["logical"], "L3.f2");
   EXPECT_EQ(diff["fields"][14]["desired"], 0xab);
@@ -272,10 +241,12 @@ TEST_F(AgentProcess, ChipAddedWrittenThroughTheSocketAndRemoved) {
 
   status.chipDel("c0");
   awaitReady("c0", false);
-  EXPECT_EQ(tarnreg("field write c0 L3 f2 1").second, "tarnreg: chip 'c0' is not ready: the system status does not publish it\n");
+  EXPECT_EQ(tarnreg({"field", "write", "c0", "L3", "f2", "1"}),
+            (ToolRun{1, "", "tarnreg: chip 'c0' is not ready: the system status does not publish it\n"}));
   status.chipIs("c0", Hardware::DevId(1), "p1");
   awaitReady("c0", true);
-  EXPECT_EQ(tarnreg("field read c0 L3 f2").second, "0x000000ab\n") << "desired values survive the chip's absence";
+  EXPECT_EQ(tarnreg({"field", "read", "c0", "L3", "f2"}), (ToolRun{0, "0x000000ab\n", ""}))
+      << "desired values survive the chip's absence";
   EXPECT_EQ(stop(SIGTERM), 0);
   EXPECT_NE(slurp(rig_.dir() + "/agent.err").find("every chip removed"), std::string::npos);
 }
@@ -338,7 +309,7 @@ TEST_F(AgentProcess, PublisherKilledMidChangeLeavesAStatusTheAgentReadsConsisten
   auto status = publisher();
   status.chipIs("c0", Hardware::DevId(1), "p1");
   awaitReady("c0", true);
-  EXPECT_EQ(tarnreg("field write c0 L1 f1 7").first, 0);
+  EXPECT_EQ(tarnreg({"field", "write", "c0", "L1", "f1", "7"}), (ToolRun{0, "", ""}));
   EXPECT_EQ(rig_.fileRegister(1), 0x700u);
 }
 
@@ -380,7 +351,8 @@ TEST_F(AgentProcess, AThousandMalformedRequestsLeaveTheAgentServing) {
   EXPECT_TRUE(alive());
   EXPECT_EQ(ask("call c0 fieldWrite L0 f0 0x5"), "ok\n");
   EXPECT_EQ(rig_.fileRegister(0), 5u);
-  EXPECT_EQ(tarnreg("field write c0 L0 f0 256").second, "tarnreg: value 256 does not fit the 8 bits of L0.f0\n");
+  EXPECT_EQ(tarnreg({"field", "write", "c0", "L0", "f0", "256"}),
+            (ToolRun{1, "", "tarnreg: value 256 does not fit the 8 bits of L0.f0\n"}));
 }
 
 TEST_F(AgentProcess, OnlyItsOwnUserOrRootIsServed) {
@@ -409,14 +381,9 @@ TEST_F(AgentProcess, OnlyItsOwnUserOrRootIsServed) {
 
 TEST_F(AgentProcess, ABadDescriptionIsRefusedBeforeAnythingStarts) {
   std::ofstream(description_) << R"({"system": "sys", "chips": [{"name": "c0", "map": "x.csv"}]})";
-  std::string const command = std::string(kAgent) + " --runtime-dir " + runtimeDir() + " " + description_ + " 2>&1";
-  std::FILE* const out = ::popen(command.c_str(), "r");
-  char line[512] = {};
-  ASSERT_TRUE(std::fgets(line, sizeof line, out));
-  EXPECT_EQ(WEXITSTATUS(::pclose(out)), 2);
-  EXPECT_EQ(std::string(line), "tarnagent: " + description_ + ": chips[0].map: Error opening CSV file " + rig_.dir() +
-                                   "/x.csv\n");
-  EXPECT_FALSE(std::ifstream(runtimeDir() + "/control.sock"));
+  EXPECT_EQ(agent_({"--runtime-dir", runtimeDir(), description_}),
+            (ToolRun{2, "", "tarnagent: " + description_ + ": chips[0].map: Error opening CSV file " + rig_.dir() + "/x.csv\n"}));
+  EXPECT_FALSE(std::filesystem::exists(runtimeDir() + "/control.sock"));
 }
 
 }  // namespace

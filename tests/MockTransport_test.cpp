@@ -3,32 +3,20 @@
 #include "TarnRegFile/MockTransportMethodImpl.h"
 
 #include "support/ScratchFs.h"
-
-#include <gtest/gtest.h>
+#include "support/ToolRun.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <set>
-#include <sstream>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 namespace {
 
 using TarnRegFile::MockTransportMethodImpl;
+using TarnTest::slurp;
 using Lines = std::set<std::string>;
-
-std::string slurp(std::string const& path) {
-  std::stringstream s;
-  s << std::ifstream(path).rdbuf();
-  return s.str();
-}
 
 // The dump file's data lines come in no fixed order.
 Lines lineSet(std::string const& text) {
@@ -43,30 +31,18 @@ long entries(std::string const& dir) {
   return std::distance(begin(it), end(it));
 }
 
-mode_t modeOf(std::string const& path) {
-  struct stat st {};
-  EXPECT_EQ(::lstat(path.c_str(), &st), 0) << path;
-  return st.st_mode & 07777;
-}
-
 // A private directory with a map (id at 0, r and its alias at 12, ctrl at 20) and the dump file's place.
 struct MockTransport : ::testing::Test {
-  void SetUp() override {
-    char pattern[] = "/tmp/tarn-mock-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir = pattern;
-    csv = file("chip.csv", "number,name,type,writeable,width\n0,id,const,false,32\n3,r,cfg,true,32\n"
-                           "5,ctrl,ctl,true,8\n3,alias,cfg,true,32\n");
-    dump = dir + "/dump.csv";
-  }
-  void TearDown() override { std::filesystem::remove_all(dir); }
   std::string file(std::string const& name, std::string const& text) const {
     std::ofstream(dir + "/" + name) << text;
     return dir + "/" + name;
   }
   MockTransportMethodImpl mock() const { return MockTransportMethodImpl(csv.c_str(), nullptr, dump); }
 
-  std::string dir, csv, dump;
+  TarnTest::TempDir tmp;
+  std::string const dir = tmp.path, csv = file("chip.csv", "number,name,type,writeable,width\n0,id,const,false,32\n"
+                                                           "3,r,cfg,true,32\n5,ctrl,ctl,true,8\n3,alias,cfg,true,32\n");
+  std::string dump = dir + "/dump.csv";
 };
 
 TEST_F(MockTransport, AccessesAreKeptByScaledAddressInTheDumpAndSurviveIntoTheNextInstance) {
@@ -192,12 +168,12 @@ TEST_F(MockTransport, RewriteLeavesAloneWhatItMayNotReplace) {
 TEST_F(MockTransport, RewriteKeepsTheModeOfTheFile) {
   mode_t const old = ::umask(0);
   mock().regWrite("r", 1);
-  EXPECT_EQ(modeOf(dump), 0644u);  // a new file is not writable by others
+  EXPECT_EQ(std::filesystem::status(dump).permissions(), std::filesystem::perms(0644));  // not writable by others
   ::umask(022);
   for (mode_t mode : {0600u, 0664u, 0640u}) {
     ::chmod(dump.c_str(), mode);
     mock().regWrite("r", 2);
-    EXPECT_EQ(modeOf(dump), mode);
+    EXPECT_EQ(std::filesystem::status(dump).permissions(), std::filesystem::perms(mode));
   }
   ::umask(old);
 }

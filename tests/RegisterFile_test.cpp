@@ -1,25 +1,31 @@
+// The CSV register map: one line, whole files, pipes and devices, lookups; the register
+// lookups a helper answers from a map or a register-file model, the model's own index
+// under change, and the name set.
 #include "TarnRegFile/Errors.h"
 #include "TarnRegFile/RegisterFile.h"
+#include "TarnRegFile/RegisterFileHelper.h"
 
 #include "TarnRegFile/platform/Trace.h"
 
-#include <gtest/gtest.h>
+#include "support/ToolRun.h"
 
-#include <stdlib.h>
+#include <gmock/gmock.h>
+
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
-#include <string>
 #include <thread>
 
+using Hardware::TarnRegFile::HardwareRegister;
+using Hardware::TarnRegFile::HardwareRegisterFile;
 using TarnRegFile::MapError;
+using TarnRegFile::RegFileHelper;
 using TarnRegFile::Register;
 using TarnRegFile::RegisterFile;
 using TarnRegFile::RegisterType;
+using TarnRegFile::RegList;
+using T = Hardware::TarnRegFile::HardwareRegisterType;
 
 namespace {
 
@@ -194,9 +200,8 @@ TEST(RegisterFileLookup, MissesThrowExactMessagesAndKeysAreExact) {
 // ---------------------------------------------------------------- files, pipes and devices
 
 TEST(RegisterFilePath, LoadsFilesAndPipesAndRefusesWhatIsNoMap) {
-  char pattern[] = "/tmp/tarn_regfile_test_XXXXXX";
-  ASSERT_NE(mkdtemp(pattern), nullptr);
-  std::string const dir = pattern;
+  TarnTest::TempDir const tmp;
+  std::string const& dir = tmp.path;
   // Far more than the first read and than any initial capacity.
   constexpr U32 kCount = 5000;
   std::string csv = kHeader;
@@ -232,7 +237,6 @@ TEST(RegisterFilePath, LoadsFilesAndPipesAndRefusesWhatIsNoMap) {
     EXPECT_STREQ(piped.what(), text.size() == csv.size() ? "<no exception>" : "Invalid width token");
     EXPECT_EQ(piped.line(), text.size() == csv.size() ? 0u : kCount + 2);
   }
-  std::filesystem::remove_all(dir);
 }
 
 TEST(RegisterFileShippedMaps, DemoChipMapIsValidAndUsesEveryType) {
@@ -246,6 +250,103 @@ TEST(RegisterFileShippedMaps, DemoChipMapIsValidAndUsesEveryType) {
     seen[static_cast<U8>(reg.type)] = true;
   });
   for (int t = 0; t <= 6; ++t) EXPECT_EQ(seen[t], t != 0) << Register::regTypeToString(static_cast<RegisterType>(t));
+}
+
+// ---------------------------------------------------------------- the helper and the model
+
+// One register of every type; "ctrl" twice: the first record wins, and address 12 is claimed by it too.
+constexpr char const* kCsv =
+    "number,name,type,writeable,width\n"
+    "0,id,const,false,32\n1,ctrl,ctl,true,8\n2,status,sts,false,16\n3,ctrl,cfg,true,32\n"
+    "4,res,reserved,true,32\n5,cnt,counter,true,32\n6,conf,cfg,true,32\n7,odd,bogus,true,32\n";
+
+auto throwsError(std::string const& message) { return testing::ThrowsMessage<std::runtime_error>(message); }
+
+// Both sources answer alike: a CSV map (types converted, accessed 32 bits wide) and a
+// model (made from the same map's index); the CSV file wins when both are given.
+TEST(RegFileHelper, CsvMapAndModelAnswerAlike) {
+  TarnTest::TempDir const dir;
+  TarnTest::writeFile(dir.path + "/chip.csv", kCsv);
+  auto const csv = RegFileHelper::RegFileHelperIs("csv");
+  csv->init(dir.path + "/chip.csv", 4, HardwareRegisterFile::HardwareRegisterFileIs("ignored"));
+  EXPECT_FALSE(csv->regFileModel());
+  std::istringstream in(kCsv);
+  auto const model = RegFileHelper::RegFileHelperIs("model");
+  model->init("", 4, HardwareRegisterFile::HardwareRegisterFileIs("m", TarnRegFile::RegisterFile(in, 4).index()));
+  for (auto* helper : {csv.ptr(), model.ptr()}) {
+    SCOPED_TRACE(helper->name().str());
+    HardwareRegister const ctrl = helper->findRegisterByName(Kiv::String("ctrl"));
+    EXPECT_EQ(ctrl, (HardwareRegister{"ctrl", T::ctl, true, 4, 8, 32}));
+    EXPECT_EQ(helper->findRegNameByAddr(12), "ctrl");
+    EXPECT_STREQ(helper->regNameAt(8), "status");
+    for (auto [name, type] : {std::pair{"odd", T::unknown}, {"res", T::reserved}, {"id", T::constant},
+                              {"conf", T::cfg}, {"status", T::sts}, {"cnt", T::counter}})
+      EXPECT_EQ(helper->findRegisterByName(name).type, type) << name;
+    EXPECT_EQ(helper->regList()->registerNameCount(), 7u) << "the duplicate name is listed once";
+    EXPECT_THAT([&] { helper->findRegisterByName("missing"); },
+                throwsError("RegisterFile does not have register 'missing'!"));
+    EXPECT_THAT([&] { helper->regNameAt(4096); }, throwsError("RegisterFile does not have address: 4096!"));
+    EXPECT_FALSE(helper->hasRegName("missing"));
+  }
+  csv->handleDeletion();
+  EXPECT_FALSE(csv->hasRegName("ctrl"));
+}
+
+// The loader's own refusals are its tests' business; a refused source leaves nothing loaded.
+TEST(RegFileHelper, FailedInitsLoadNothing) {
+  auto helper = RegFileHelper::RegFileHelperIs("none");
+  EXPECT_THAT([&] { helper->init("", 4, nullptr); }, throwsError("Must provide Csv path or KivPtr"));
+  EXPECT_THAT([&] { helper->init("/nonexistent/chip.csv", 4, nullptr); },
+              throwsError("Error opening CSV file /nonexistent/chip.csv"));
+  EXPECT_EQ(helper->csvRegFile(), nullptr);
+}
+
+// The model's index under change: a replaced register moves its address, a removed one
+// frees its name and address, and thousands of changes (growth, compaction) lose nothing.
+TEST(HardwareRegisterFile, ReplacementsAndRemovalsKeepBothSidesExact) {
+  auto model = HardwareRegisterFile::HardwareRegisterFileIs("m");
+  auto const helper = RegFileHelper::RegFileHelperIs("m");
+  helper->init("", 4, model);
+  model->registerIs({"a", T::cfg, true, 0x10, 32, 32});
+  model->registerIs({"a", T::sts, false, 0x20, 16, 32});
+  EXPECT_FALSE(model->addressHas(0x10));
+  EXPECT_EQ(model->regByAddress(0x20), (HardwareRegister{"a", T::sts, false, 0x20, 16, 32}));
+  EXPECT_THROW(model->registerIs({std::string_view("b\0c", 3), T::cfg, true, 0, 32, 32}), std::invalid_argument);
+  for (U32 round = 0; round < 3; ++round) {
+    for (U32 i = 0; i < 3000; ++i) model->registerIs({"r" + std::to_string(i), T::cfg, true, 0x1000 + 4 * i, 32, 32});
+    for (U32 i = 0; i < 3000; i += 2) model->registerDel("r" + std::to_string(i));
+  }
+  model->registerDel("a");
+  EXPECT_EQ(model->regCount(), 1500u);
+  EXPECT_FALSE(helper->hasRegName("a"));
+  EXPECT_FALSE(model->addressHas(0x20));
+  for (U32 i = 0; i < 3000; ++i) {
+    bool const kept = i % 2 == 1;
+    ASSERT_EQ(helper->hasRegName("r" + std::to_string(i)), kept) << i;
+    ASSERT_EQ(model->addressHas(0x1000 + 4 * i), kept) << i;
+    if (kept) {
+      ASSERT_STREQ(helper->regNameAt(0x1000 + 4 * i), ("r" + std::to_string(i)).c_str());
+    }
+  }
+}
+
+struct NameWatcher : RegList::Notifiee {
+  void onRegisterName(Kiv::String const& name) override { seen.push_back(name.str()); }
+  std::vector<std::string> seen;
+};
+
+TEST(RegList, NotifiesOnlyRealChanges) {
+  auto list = RegList::RegListIs();
+  NameWatcher w;
+  w.notifierIs(list);
+  for (char const* name : {"a", "a", "b", "c"}) list->registerNameIs(name, true);  // the second "a" changes nothing
+  EXPECT_TRUE(list->registerNameDel("a"));
+  EXPECT_FALSE(list->registerNameDel("a"));
+  list->registerNameIs("b", false);  // absent: removes
+  EXPECT_EQ(w.seen, (std::vector<std::string>{"a", "b", "c", "a", "b"}));
+  list->registerNameDelAll();
+  EXPECT_EQ(w.seen.size(), 6u);
+  EXPECT_EQ(list->registerNameCount(), 0u);
 }
 
 }  // namespace
