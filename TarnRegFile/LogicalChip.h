@@ -14,10 +14,8 @@
 #include "TarnRegFile/platform/KivEntity.h"
 #include "TarnRegFile/platform/KivPtr.h"
 #include "TarnRegFile/platform/KivString.h"
-#include "TarnRegFile/platform/ShmEntityManager.h"
 #include "TarnRegFile/LogicalTypes.h"
 #include "TarnRegFile/PhysicalTypes.h"
-#include "TarnRegFile/ShadowTypes.h"
 #include "TarnRegFile/platform/Types.h"
 
 #include <boost/unordered/unordered_flat_set.hpp>
@@ -31,7 +29,16 @@
 #include <utility>
 #include <vector>
 
+namespace Kiv::Shm {
+class EntityManager;  // TarnRegFile/platform/ShmEntityManager.h
+}
+
 namespace TarnRegFile {
+
+// The chip holds its shadow-field collections (TarnRegFile/ShadowTypes.h) and is handed the
+// entity manager that mounts them by reference only.
+class ShadowFieldsConfig;
+class ShadowFieldsStatus;
 
 /// @brief Every register and field name one chip (and its translation) speaks of, stored once.
 ///

@@ -3,6 +3,7 @@
 #include "TarnRegFile/platform/KivGeneric.h"
 #include "TarnRegFile/platform/ShmTable.h"
 #include "TarnRegFile/platform/Trace.h"
+#include "TarnRegFile/ShadowTypes.h"
 
 namespace TarnRegFile {
 namespace {

@@ -1,5 +1,6 @@
 #include "TarnRegFile/PciTransportMethodImpl.h"
 
+#include "TarnRegFile/platform/PciDov.h"
 #include "TarnRegFile/platform/SigbusGuard.h"
 #include "TarnRegFile/platform/Trace.h"
 

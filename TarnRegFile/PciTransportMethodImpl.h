@@ -20,12 +20,18 @@
 #include "TarnRegFile/platform/Export.h"
 #include "TarnRegFile/platform/HardwareRegisterFile.h"
 #include "TarnRegFile/platform/KivPtr.h"
-#include "TarnRegFile/platform/PciDov.h"
 #include "TarnRegFile/platform/Types.h"
 
 #include "TarnRegFile/BaseTransportMethodImpl.h"
 
 #include <cstdint>
+
+namespace Hardware {
+// The PCI access objects (TarnRegFile/platform/PciDov.h): held by reference only here, so that
+// including this header does not bring in the mapping behind them.
+class DovImpl;
+class PciDovImpl;
+}  // namespace Hardware
 
 namespace TarnRegFile {
 

@@ -3,6 +3,7 @@
 #include "TarnRegFile/platform/Assert.h"
 #include "TarnRegFile/platform/KivGeneric.h"
 #include "TarnRegFile/platform/KivValueText.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
 #include "TarnRegFile/LogicalSms.h"
 #include "TarnRegFile/ShadowSms.h"
 #include "TarnRegFile/platform/Trace.h"

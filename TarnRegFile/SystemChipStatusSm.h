@@ -33,7 +33,6 @@
 #include "TarnRegFile/platform/KivPtr.h"
 #include "TarnRegFile/platform/KivString.h"
 #include "TarnRegFile/platform/KivValue.h"
-#include "TarnRegFile/platform/ShmEntityManager.h"
 #include "TarnRegFile/LogicalChip.h"
 #include "TarnRegFile/SystemModels.h"
 #include "TarnRegFile/TransportMethod.h"
@@ -44,6 +43,10 @@
 #include <iosfwd>
 #include <memory>
 #include <string>
+
+namespace Kiv::Shm {
+class EntityManager;  // TarnRegFile/platform/ShmEntityManager.h; only passed on to the hooks here
+}
 
 namespace TarnRegFile {
 

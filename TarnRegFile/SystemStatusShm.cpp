@@ -2,6 +2,7 @@
 
 #include "TarnRegFile/platform/KivHash.h"
 #include "TarnRegFile/platform/ShmEntityManager.h"
+#include "TarnRegFile/platform/ShmWatch.h"
 #include "TarnRegFile/platform/Trace.h"
 
 #include <fmt/format.h>

@@ -41,7 +41,6 @@
 #include "TarnRegFile/platform/KivPtr.h"
 #include "TarnRegFile/platform/ShmCollection.h"
 #include "TarnRegFile/platform/ShmRoot.h"
-#include "TarnRegFile/platform/ShmWatch.h"
 #include "TarnRegFile/platform/Types.h"
 
 #include <cstddef>
@@ -50,6 +49,11 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+namespace Kiv::Shm {
+template <class Traits>
+class CollectionWatcher;  // TarnRegFile/platform/ShmWatch.h; the follower holds its watcher by pointer
+}
 
 namespace TarnRegFile {
 

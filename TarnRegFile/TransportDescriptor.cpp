@@ -1,6 +1,7 @@
 #include "TarnRegFile/TransportDescriptor.h"
 
 #include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/PciDov.h"
 
 #include <fmt/format.h>
 

@@ -12,7 +12,6 @@
 #include "TarnRegFile/platform/KivEntity.h"
 #include "TarnRegFile/platform/KivPtr.h"
 #include "TarnRegFile/platform/KivString.h"
-#include "TarnRegFile/platform/PciDov.h"
 #include "TarnRegFile/platform/Types.h"
 
 #include "TarnRegFile/TransportDescriptorEnum.h"
@@ -21,7 +20,8 @@
 #include <type_traits>
 
 namespace Hardware {
-class Vorm;  // the platform's asynchronous hardware-access manager
+class DovImpl;  // the platform's PCI access object (TarnRegFile/platform/PciDov.h)
+class Vorm;     // the platform's asynchronous hardware-access manager
 }
 
 namespace TarnRegFile {

@@ -1,12 +1,21 @@
 #!/usr/bin/env bash
 # Installs each architecture's build into a temporary prefix and checks that an outside
-# program needs nothing but the installed include directory, -ltarnregfile and fmt:
-#  - every installed header compiles on its own with -I<prefix>/include alone, and none
-#    reaches the kernel's <linux/i2c.h>;
+# program needs nothing but the installed include directory, -ltarnregfile and fmt (and Boost's
+# header-only containers, from the default include directory):
+#  - every installed header compiles on its own with -I<prefix>/include alone, none reaches
+#    the kernel's <linux/i2c.h>, and those that hold a platform type only by reference do
+#    not bring in its header (the table below);
 #  - the consumer (examples/consumer), which uses each exported family, is built through
 #    find_package(TarnRegFile), through pkg-config and by hand with just -I, -L, -ltarnregfile
 #    and -lfmt, and each build runs.
 set -eu
+# Public header, and a platform header it only forward-declares from.
+forward_declared=(
+  "TarnRegFile/LogicalChip.h TarnRegFile/platform/ShmEntityManager.h"
+  "TarnRegFile/TransportDescriptor.h TarnRegFile/platform/PciDov.h"
+  "TarnRegFile/PciTransportMethodImpl.h TarnRegFile/platform/PciDov.h"
+  "TarnRegFile/SystemStatusShm.h TarnRegFile/platform/ShmWatch.h"
+)
 cd "$(dirname "$0")/.."
 root=$(pwd)
 work=$(mktemp -d)
@@ -34,6 +43,13 @@ for preset in amd64 i386; do
       echo "$header reaches <linux/i2c.h>"
       exit 1
     fi
+    for pair in "${forward_declared[@]}"; do
+      read -r holder held <<<"$pair"
+      if [ "$header" = "$holder" ] && grep -q "$held" "$work/deps"; then
+        echo "$header brings in $held, whose types it holds only by reference"
+        exit 1
+      fi
+    done
   done
 
   echo "-- $preset: find_package consumer"

@@ -2,7 +2,9 @@
 
 #include "TarnRegFile/platform/KivException.h"
 #include "TarnRegFile/platform/KivGeneric.h"
+#include "TarnRegFile/platform/ShmEntityManager.h"
 #include "TarnRegFile/platform/Trace.h"
+#include "TarnRegFile/ShadowTypes.h"
 #include "support/ChipRig.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,7 @@
 // The PCI access object and the PCI transport over it, on a register window file: the
 // mapping is a real shared mmap (the file's contents are the registers), and cutting the
 // file short turns the cut-off part of the mapping into real bus errors.
+#include "TarnRegFile/platform/PciDov.h"
 #include "TarnRegFile/platform/SigbusGuard.h"
 #include "TarnRegFile/platform/Trace.h"
 
