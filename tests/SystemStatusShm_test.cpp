@@ -1,15 +1,12 @@
-// The published system status: a follower starts from what is published, applies
-// later changes in an order the chip state machine's hooks can rely on, and reads
-// a status whose publisher was killed in the middle of a change whole.
+// The published system status: a follower starts from what is published and applies
+// later changes in an order the chip state machine's hooks can rely on. A publisher
+// killed mid-change is followed by the agent in Agent_test.
 
 #include "TarnRegFile/SystemStatusShm.h"
 
 #include "helpers/ShmTestTraits.h"
 
-#include <random>
 #include <vector>
-
-#include <signal.h>
 
 namespace {
 
@@ -65,44 +62,6 @@ TEST_F(SystemStatusShmTest, FollowerStartsFromThePublishedStatusAndAppliesChange
   follower.dispatch();
   EXPECT_EQ(recorder.events, std::vector<std::string>{"-chip chip1"});
   EXPECT_EQ(readSystemStatus(root(), "sys0").chips.size(), 1u);
-}
-
-// The publisher runs in a child killed at random instants; after each kill the follower is
-// woken (the publisher's end wakes it too) and holds exactly what a reader of the table reads,
-// every chip whole (its device and profile as one write left them).
-TEST_F(SystemStatusShmTest, PublisherKilledMidChangeLeavesAStatusTheFollowerReadsWhole) {
-  SystemStatusFollower follower(root(), "sys1");  // before anything is published
-  std::mt19937 rng(7);
-  for (U32 round = 0; round < 30 && !HasFailure(); ++round) {
-    pid_t const child = ::fork();
-    if (child == 0) {
-      auto pub = SystemStatusPublisher::open(root(), "sys1");
-      for (U32 i = 0;; ++i) {
-        U32 const n = (i * 7 + round) % 13;
-        std::string const name = "chip" + std::to_string(n);
-        pub.profileIs(PossibleProfile(Kiv::String("p" + std::to_string(n)), PossibleHwApi(n, i)));
-        if (i % 4 == 3) pub.chipDel(name);
-        else pub.chipIs(name, DevId(static_cast<U8>(n)), "p" + std::to_string(n));
-      }
-    }
-    ::usleep(rng() % 3000);
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-    // Whatever the child rang (or its end, closing the bell) is queued by the time waitpid returns.
-    if (readable(follower.fd(), 0)) follower.dispatch();
-    if (!root().exists(systemStatusPath("sys1"))) continue;  // killed before it published anything
-    auto const& status = follower.systemStatus();
-    auto const published = readSystemStatus(root(), "sys1");
-    ASSERT_EQ(status->chipStatusEntries().size(), published.chips.size()) << "round " << round;
-    for (auto const& chip : published.chips) {
-      auto const mine = status->chipStatus(Kiv::String(chip.name));
-      ASSERT_TRUE(mine) << chip.name;
-      EXPECT_EQ("chip" + std::to_string(mine->devId().value()), chip.name);
-      EXPECT_EQ(mine->profileName().str(), "p" + std::to_string(chip.devId.value()));
-    }
-    for (auto const& profile : published.profiles)
-      EXPECT_EQ(status->profile(Kiv::String(profile.name)).hwApi, profile.hwApi) << profile.name;
-  }
 }
 
 }  // namespace

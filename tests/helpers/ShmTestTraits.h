@@ -1,6 +1,5 @@
 #pragma once
-// What the shared-memory tests share: a private root in /dev/shm, child processes,
-// and the pattern exchanged with the shm_peer helper (built for both architectures).
+// What the shared-memory tests share: a private root in /dev/shm and child processes.
 
 #include "TarnRegFile/ShadowTypes.h"
 #include "TarnRegFile/platform/ShmRoot.h"
@@ -77,54 +76,6 @@ inline int waitExit(pid_t pid) {
 inline bool readable(int fd, int ms = 10000) {
   pollfd p{fd, POLLIN, 0};
   return ::poll(&p, 1, ms) == 1;
-}
-
-// ---- the pattern exchanged between architectures ----
-
-constexpr U32 kPatternCount = 600;
-constexpr U32 kPatternCapacity = 640;
-
-inline Key patternKey(U32 i) { return Key(i * 7u + 3u, static_cast<U8>(i % 32u), static_cast<U8>(1u + i % 31u)); }
-inline Value patternValue(U32 i) { return Value(patternKey(i), i * 2654435761u ^ 0x5A5A0F0Fu); }
-/// Every tenth key is removed again after all are written.
-inline bool patternRemoved(U32 i) { return i % 10u == 9u; }
-
-/// Writes the pattern: the table grows from its first few buckets as it fills, and its first
-/// capacity of 300 is raised in place half way (on reopening with the final capacity).
-inline void writePattern(Kiv::Shm::Root const& root, std::string const& path) {
-  {
-    auto small = Collection::openWriter(root, path, 300);
-    for (U32 i = 0; i < 300; ++i)
-      small.write(Value(patternKey(i), ~patternValue(i).value));  // overwritten below
-  }
-  auto table = Collection::openWriter(root, path, kPatternCapacity);
-  for (U32 i = 0; i < kPatternCount + 10; ++i) {
-    if (i < kPatternCount)
-      table.write(patternValue(i));
-    if (i >= 10 && patternRemoved(i - 10))
-      table.remove(patternKey(i - 10));
-  }
-}
-
-/// Checks the pattern; returns an empty string when it matches, else what differs.
-inline std::string verifyPattern(Collection& table) {
-  U32 expected = 0, iterated = 0;
-  for (U32 i = 0; i < kPatternCount; ++i) {
-    std::optional<Value> const got = table.lookup(patternKey(i));
-    expected += !patternRemoved(i);
-    if (patternRemoved(i) ? got.has_value() : got != patternValue(i))
-      return "key " + std::to_string(i) + (got ? " has value " + std::to_string(got->value) : " is missing");
-  }
-  for (Value const& v : table) {
-    U32 const i = (v.key.address - 3u) / 7u;
-    if (i >= kPatternCount || patternRemoved(i) || !(v == patternValue(i)))
-      return "iteration yields a foreign value at address " + std::to_string(v.key.address);
-    ++iterated;
-  }
-  if (table.size() != expected || iterated != expected || table.capacity() != kPatternCapacity)
-    return "size " + std::to_string(table.size()) + ", iterated " + std::to_string(iterated) + ", capacity " +
-           std::to_string(table.capacity()) + "; expected " + std::to_string(expected) + " entries";
-  return {};
 }
 
 }  // namespace ShmTest
