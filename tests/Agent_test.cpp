@@ -9,13 +9,9 @@
 
 #include "TarnRegFile/SystemStatusShm.h"
 
-#include <fmt/format.h>
-
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <random>
 #include <thread>
 
 #include <sys/socket.h>
@@ -59,32 +55,23 @@ TEST(SystemDescription, EachMistakeIsRefusedWithItsElementAndReason) {
   };
   std::vector<Case> const cases = {
       {"/chips/0/fields/3/start", 40, "chips[0].fields[3].start: 40 is beyond 31"},
-      {"/chips/0/fields/3/size", 0, "chips[0].fields[3].size: 0 is below 1"},
       {"/chips/0/fields/3/start", 28, "chips[0].fields[3].size: bits 28..35 run past bit 31"},
       {"/chips/0/fields/3/start", "12", "chips[0].fields[3].start: '12' is not a number (give 42 or \"0x2a\")"},
-      {"/chips/0/fields/3/start", -1, "chips[0].fields[3].start: -1 is negative"},
       {"/chips/0/fields/1/start", 4, "chips[0].fields[1]: bits 4..11 overlap R0.f0 (bits 0..7)"},
       {"/chips/0/fields/2/register", "R9", "chips[0].fields[2].register: 'R9' is not in " + rig.csvPath()},
       {"/chips/0/fields/2/field", "f1", "chips[0].fields[2]: R0.f1 is already chips[0].fields[1]"},
-      {"/chips/0/fields/0/sise", 8, "chips[0].fields[0].sise: unknown member"},
-      {"/chips/0/registers/0/fields/1/start", 64, "chips[0].registers[0].fields[1].start: 64 is beyond 63"},
       {"/chips/0/registers/0/fields/1/initial", 256, "chips[0].registers[0].fields[1].initial: 0x100 does not fit 8 bits"},
       {"/chips/0/registers/0/fields/1/size", 4, "chips[0].registers[0].fields[1].size: 4 differs from the 8 bits of R0.f1"},
       {"/chips/0/registers/0/fields/1/physical/field", "f0",
        "chips[0].registers[0].fields[1].physical: R0.f0 already backs L0.f0"},
       {"/chips/0/registers/1/fields/3/physical/field", "f9",
        "chips[0].registers[1].fields[3].physical: R1.f9 is not among the chip's fields"},
-      {"/chips/0/registers/1/fields/3/name", "f2", "chips[0].registers[1].fields[3].name: 'f2' is already chips[0].registers[1].fields[2]"},
       {"/chips/0/transport/kind", "usb", "chips[0].transport.kind: 'usb' is not one of mock, pci, i2c, i2c-async"},
-      {"/chips/0/transport", {{"kind", "i2c"}, {"device", "/dev/i2c-1"}, {"address", 200}},
-       "chips[0].transport.address: 200 is beyond 127"},
       {"/chips/0/map", "/nonexistent.csv", "chips[0].map: Error opening CSV file /nonexistent.csv"},
       {"/chips/0/name", "a/b", "chips[0].name: 'a/b' is not a name (letters, digits, '_', '-', '.'; at most 64)"},
       {"/chips/1", {{"name", "c0"}, {"type", "t"}, {"transport", {{"kind", "mock"}}}}, "chips[1].name: 'c0' is already chips[0]"},
-      {"/chips/1", {{"name", "c1"}, {"type", "t"}, {"transport", {{"kind", "mock"}}}}, "chips[1].type: 't' is not among chipTypes"},
       {"/chips/0/registers/1/fields", {good["/chips/0/registers/1/fields/0"_json_pointer]},
        "chips[0].fields[5]: R1.f1 has no logical field"},
-      {"/system", Json(), "description.system: expected a string, got null"},
       {"", "{\"system\": \"s\",\n  \"chips\": [}", "line 2, column 13: syntax error"},
   };
   for (auto const& c : cases) {
@@ -114,16 +101,11 @@ TEST(ControlProtocol, RequestsAreParsedAndEveryMalformedLineGetsAReason) {
   EXPECT_EQ(call.request->chip, "c0");
   EXPECT_EQ(call.request->op, "fieldWrite");
   EXPECT_EQ(call.request->args, (std::vector<std::string>{"L0", "f1", "0x12"}));
-  EXPECT_EQ(TarnAgent::parseRequest("diff c0").request->kind, TarnAgent::RequestKind::Diff);
   std::pair<std::string, std::string> const bad[] = {
       {"", "empty request"},
-      {"   ", "empty request"},
       {"call c0", "call needs CHIP OP [ARG...]"},
-      {"ping now", "ping takes no arguments"},
-      {"diff", "diff needs CHIP and nothing else"},
       {"format c0", "unknown request 'format'"},
       {std::string("call c0 fieldWrite L0 f\x01 1"), "byte 0x01 at column 24 is not printable ASCII"},
-      {"call c0 x a b c d e f g h i j k l m n", "more than 16 words"},
       {std::string(4097, 'x'), "request longer than 4096 bytes"},
   };
   for (auto const& [line, reason] : bad) {
@@ -219,7 +201,7 @@ protected:
   pid_t pid_ = -1;
 };
 
-TEST_F(AgentProcess, ChipAddedWrittenThroughTheSocketAndRemoved) {
+TEST_F(AgentProcess, ChipAddedWrittenRemovedAndTakenOverByARestartedAgent) {
   start();
   awaitReady("c0", false);
   EXPECT_EQ(ask("call c0 fieldWrite L0 f0 1"), "error chip 'c0' is not ready: the system status does not publish it\n");
@@ -235,9 +217,8 @@ TEST_F(AgentProcess, ChipAddedWrittenThroughTheSocketAndRemoved) {
   EXPECT_EQ(tarnreg({"agent", "call", "c0", "regGetLastWritten", "L4"}), (ToolRun{0, "287454020\n", ""}));
   auto const diff = Json::parse(tarnreg({"shadow", "diff", "c0", "--json"}).out);
   EXPECT_EQ(diff["pending"], 0);
-  EXPECT_EQ(diff["fields"][14]["logical"], "L3.f2");
-  EXPECT_EQ(diff["fields"][14]["desired"], 0xab);
-  EXPECT_EQ(diff["fields"][14]["applied"], 0xab);
+  EXPECT_EQ(diff["fields"][14], Json::parse(R"({"register": "R3", "field": "f2", "logical": "L3.f2", "address": 12,
+      "start": 16, "size": 8, "desired": 171, "applied": 171, "pending": false})"));
 
   status.chipDel("c0");
   awaitReady("c0", false);
@@ -247,70 +228,13 @@ TEST_F(AgentProcess, ChipAddedWrittenThroughTheSocketAndRemoved) {
   awaitReady("c0", true);
   EXPECT_EQ(tarnreg({"field", "read", "c0", "L3", "f2"}), (ToolRun{0, "0x000000ab\n", ""}))
       << "desired values survive the chip's absence";
+  // And the agent's death: its successor takes them over, past the socket it left.
+  EXPECT_EQ(stop(SIGKILL), 128 + SIGKILL);
+  start();
+  awaitReady("c0", true);
+  EXPECT_EQ(tarnreg({"field", "read", "c0", "L3", "f2"}), (ToolRun{0, "0x000000ab\n", ""}));
   EXPECT_EQ(stop(SIGTERM), 0);
   EXPECT_NE(slurp(rig_.dir() + "/agent.err").find("every chip removed"), std::string::npos);
-}
-
-TEST_F(AgentProcess, KilledWhileWritingRestartsWritingOnlyTheRegistersThatDiffer) {
-  auto status = publisher();
-  status.chipIs("c0", Hardware::DevId(1), "p1");
-  start();
-  awaitReady("c0", true);
-  // A client writes field after field; the agent dies in the middle of it.
-  std::atomic<bool> killed = false;
-  std::thread writer([&] {
-    for (int i = 0; i < 4000 && !killed; ++i) ask(fmt::format("call c0 fieldWrite L{} f{} {}", i % 16, i % 4, i & 0xff));
-  });
-  std::this_thread::sleep_for(60ms);
-  EXPECT_EQ(stop(SIGKILL), 128 + SIGKILL);
-  killed = true;
-  writer.join();
-
-  // What the dead agent wanted and what it recorded as applied, register by register.
-  auto const desired = rig_.images(rig_.configPath());
-  auto const applied = rig_.images(rig_.statusPath());
-  // The window's registers that need no write get a mark the restarted agent must leave alone:
-  // it never reads the hardware, so a register it wrote loses the mark.
-  constexpr U32 kMark = 0x5a5a5a5a;
-  int differing = 0;
-  for (int r = 0; r < rig_.registers(); ++r)
-    if (desired[r] == applied[r])
-      rig_.fileRegisterIs(r, kMark);
-    else
-      ++differing;
-  start();
-  for (int r = 0; r < rig_.registers(); ++r)
-    EXPECT_EQ(rig_.fileRegister(r), desired[r] == applied[r] ? kMark : desired[r]) << "R" << r;
-  EXPECT_EQ(rig_.images(rig_.configPath()), desired) << "the desired values were taken over";
-  EXPECT_EQ(rig_.images(rig_.statusPath()), desired);
-  EXPECT_EQ(Json::parse(ask("diff c0").substr(3))["pending"], 0);
-  RecordProperty("registers_rewritten", differing);
-}
-
-TEST_F(AgentProcess, PublisherKilledMidChangeLeavesAStatusTheAgentReadsConsistently) {
-  start();
-  // Another process publishes and withdraws the chip as fast as it can, and dies at some point.
-  pid_t const child = ::fork();
-  if (child == 0) {
-    auto status = publisher();
-    for (U32 i = 0;; ++i) {
-      if (i % 2) status.chipDel("c0");
-      else status.chipIs("c0", Hardware::DevId(i & 0xff), "p1");
-    }
-  }
-  std::this_thread::sleep_for(100ms);
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
-  // The agent settles on what the table holds now.
-  auto const published = TarnRegFile::readSystemStatus(Kiv::Shm::Root(rig_.shmRoot()), "sys");
-  awaitReady("c0", published.chips.size() == 1);
-  ASSERT_TRUE(alive());
-  // The dead writer's lock went with it: a new publisher takes over and is followed.
-  auto status = publisher();
-  status.chipIs("c0", Hardware::DevId(1), "p1");
-  awaitReady("c0", true);
-  EXPECT_EQ(tarnreg({"field", "write", "c0", "L1", "f1", "7"}), (ToolRun{0, "", ""}));
-  EXPECT_EQ(rig_.fileRegister(1), 0x700u);
 }
 
 TEST_F(AgentProcess, AThousandMalformedRequestsLeaveTheAgentServing) {
@@ -325,25 +249,15 @@ TEST_F(AgentProcess, AThousandMalformedRequestsLeaveTheAgentServing) {
       "call c0 fieldGetLastWritten L0",       // too few arguments
       "call c0 fieldWrite L0 f0 256",         // wider than the field
       "call c0 regWrite L0 0x1ffffffffffffffff",
-      "call c0 regWrite L0 -1",
       "call c0 populatePhysicalField R0 f9 0 8",  // population after ready: fatal in the chip
-      "call c0 mountShadowFields a b c",
       "call c0 nosuchop",
       "call nochip fieldWrite L0 f0 1",
-      "diff nochip",
       "frobnicate",
       std::string(5000, 'x'),
       std::string("call c0 fieldWrite L0 f0 \xff\xfe"),
   };
-  std::mt19937 random(7);
   for (int i = 0; i < 1000; ++i) {
-    std::string request = requests[i % requests.size()];
-    if (i % 7 == 0) {  // random bytes, line ends excluded
-      request.resize(random() % 200 + 1);
-      for (char& c : request) c = static_cast<char>(random() % 255 + 1);
-      std::replace(request.begin(), request.end(), '\n', ' ');
-      if (request.find_first_not_of(' ') == std::string::npos) request = "x";
-    }
+    std::string const& request = requests[i % requests.size()];
     std::string const answer = ask(request);
     ASSERT_EQ(answer.rfind("error ", 0), 0u) << i << ": " << request.substr(0, 80) << " -> " << answer;
     ASSERT_EQ(answer.find('\n'), answer.size() - 1);

@@ -1,5 +1,5 @@
-// The mock transport: values by address, the dump file it rewrites and loads, the base's
-// callback defaults and diagnostic dump, and the dump file's safety in a shared directory.
+// The mock transport: values by address, the dump file it rewrites and loads, its
+// diagnostic dump, and the dump file's safety in a shared directory.
 #include "TarnRegFile/MockTransportMethodImpl.h"
 
 #include "support/ScratchFs.h"
@@ -55,10 +55,6 @@ TEST_F(MockTransport, AccessesAreKeptByScaledAddressInTheDumpAndSurviveIntoTheNe
     m.regWrite("id", 0xFFFFFFFF);
     m.regWrite("id", 1);  // a shorter file: nothing of the longer one may remain
     EXPECT_EQ(lineSet(slurp(dump)), (Lines{"Address, Value", "20,0", "12,5", "0,1"}));
-    std::string const before = slurp(dump);
-    EXPECT_THROW(m.regRead("nope"), std::runtime_error);
-    EXPECT_THROW(m.regWrite("nope", 1), std::runtime_error);
-    EXPECT_EQ(slurp(dump), before);
     m.regWrite("id", 0xFFFFFFFF);
     EXPECT_EQ(m.dumpErrno(), 0);
   }
@@ -73,25 +69,20 @@ TEST_F(MockTransport, LoadingIsLaxButANonNumberStopsConstruction) {
   auto m = mock();  // blank and comma-less lines skipped, the first line of an address wins
   EXPECT_EQ(m.values(), (std::unordered_map<uint32_t, uint32_t>{{12, 34}, {20, 7}, {0, 1}}));
 
-  for (auto [line, outOfRange] : {std::pair{"x,1", false}, std::pair{"1,", false}, std::pair{"4,y", false},
-                                  std::pair{"4,4294967296", true}, std::pair{"4294967296,1", true},
-                                  std::pair{"4,-1", true}}) {
+  for (char const* line : {"x,1", "1,", "4,4294967296", "4294967296,1", "4,-1"}) {
     SCOPED_TRACE(line);
     file("dump.csv", std::string("Address, Value\n") + line + "\n");
     try {
       mock();
       ADD_FAILURE() << "constructed";
-    } catch (std::logic_error const& e) {
-      EXPECT_STREQ(e.what(), "stoul");
-      EXPECT_EQ(dynamic_cast<std::out_of_range const*>(&e) != nullptr, outOfRange);
-      auto const& dumpError = dynamic_cast<TarnRegFile::DumpFileError const&>(e);
-      EXPECT_EQ(dumpError.path(), dump);
-      EXPECT_EQ(dumpError.line(), 2u);
+    } catch (TarnRegFile::DumpFileError const& e) {
+      EXPECT_EQ(e.path(), dump);
+      EXPECT_EQ(e.line(), 2u);
     }
   }
 }
 
-TEST_F(MockTransport, ModelCallbackDefaultsAndDumpAll) {
+TEST_F(MockTransport, ModelAndDumpAll) {
   auto model = Hardware::TarnRegFile::HardwareRegisterFile::HardwareRegisterFileIs("m");
   model->registerIs({"status", Hardware::TarnRegFile::HardwareRegisterType::sts, false, 0x100, 32, 32});
   MockTransportMethodImpl(nullptr, model, dump).regWrite("status", 9);
@@ -100,19 +91,7 @@ TEST_F(MockTransport, ModelCallbackDefaultsAndDumpAll) {
   std::filesystem::remove(dump);
 
   auto m = mock();
-  m.regReadWithCallback("r", nullptr);  // no callback: the register is not read
-  EXPECT_FALSE(std::filesystem::exists(dump));
-  m.regWriteWithCallback("r", 0xBEEF, nullptr);  // no callback: still written
-  std::vector<std::string> calls;
-  auto const write = [&](char const* n, auto s) { calls.push_back(n + (":" + std::to_string(s))); };
-  auto const read = [&](char const* n, auto s, uint32_t v) {
-    calls.push_back(n + (":" + std::to_string(s)) + ":" + std::to_string(v));
-  };
-  m.regReadWithCallback("r", read);
-  m.regWriteWithCallback("id", 0, write);
-  EXPECT_THROW(m.regWriteWithCallback("nope", 1, write), std::runtime_error);  // never reaches the callback
-  EXPECT_THROW(m.regReadWithCallback("nope", read), std::runtime_error);
-  EXPECT_EQ(calls, (std::vector<std::string>{"r:1:48879", "id:1"}));
+  m.regWrite("r", 0xBEEF);
 
   std::FILE* out = std::fopen((dir + "/dumpAll").c_str(), "w");
   m.dumpAll(out);

@@ -92,13 +92,11 @@ struct Tool {
     posix_spawn_file_actions_destroy(&actions);
     return pid;
   }
-  /// The outcome of a run started with the directory's own files, once waitpid() gave @p wstatus.
-  ToolRun outcome(int wstatus) const { return {exitStatus(wstatus), slurp(dir + "/stdout"), slurp(dir + "/stderr")}; }
   ToolRun operator()(Args const& args, Stream const& out = "", Stream const& err = "") const {
     std::filesystem::remove(dir + "/stdout"), std::filesystem::remove(dir + "/stderr");
     int wstatus = 0;
     EXPECT_GT(::waitpid(spawn(args, out, err), &wstatus, 0), 0);
-    return outcome(wstatus);
+    return {exitStatus(wstatus), slurp(dir + "/stdout"), slurp(dir + "/stderr")};
   }
 };
 
