@@ -4,14 +4,12 @@
 // in for the register window, so that what reaches the "hardware" can be read back.
 #include "TarnRegFile/SystemChipStatusSm.h"
 
-#include "TarnRegFile/platform/KivException.h"
 #include "TarnRegFile/platform/KivGeneric.h"
 #include "TarnRegFile/platform/Trace.h"
 #include "support/ChipRig.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -27,43 +25,17 @@ using Events = std::vector<std::string>;
 
 // ================================================================ value types
 
-TEST(PossibleProfile, TruthValuesAndConstantsAreFixed) {
+TEST(PossibleProfile, TruthValuesAndTheLooseTextFormParseBack) {
   for (auto [api, truth] : {std::pair{PossibleHwApi(0, 0), false}, {PossibleHwApi(0, 1), true}, {PossibleHwApi(1, 0), true}})
     EXPECT_EQ(static_cast<bool>(api), truth) << api;
   EXPECT_FALSE(PossibleProfile());
   EXPECT_TRUE(PossibleProfile("p1", PossibleHwApi()));
   EXPECT_TRUE(PossibleProfile("", PossibleHwApi(0, 1)));
-  EXPECT_NE(PossibleProfile("p1", PossibleHwApi(1, 2)), PossibleProfile("p1", PossibleHwApi(1, 3)));
-  EXPECT_STREQ(MountConstants::systemStatusPathFormat, "hardware/%s/system/status");
-  EXPECT_STREQ(MountConstants::shadowFieldsConfigPathPrefix, "TarnRegFile/shadowFieldsConfig");
-  EXPECT_EQ(MountConstants(), MountConstants());
-  EXPECT_FALSE(MountConstants());
-  EXPECT_FALSE(Hardware::DevId());
-}
-
-TEST(PossibleProfile, TextFormsNestAndParseBackAndMalformedTextNamesThePartThatFailed) {
-  PossibleProfile const p("p1", PossibleHwApi(1, 2));
-  std::string const text =
-      "Value('TarnRegFile::PossibleProfile', ** {'profileName': 'p1', "
-      "'hwApi': Value('TarnRegFile::PossibleHwApi', ** {'major': 1, 'minor': 2})})";
-  EXPECT_EQ(fmt::format("{}", p), text);
-  EXPECT_EQ(Kiv::fromText<PossibleProfile>(text), p);
-  EXPECT_EQ(Kiv::fromText<PossibleHwApi>("Value('TarnRegFile::PossibleHwApi', ** {'major':4294967295, 'minor':  0})"),
-            PossibleHwApi(4294967295u, 0));  // any spacing after the colons
+  // Both types take any spacing after the colons, the version inside the profile too.
+  EXPECT_EQ(Kiv::fromText<PossibleProfile>("Value('TarnRegFile::PossibleProfile', ** {'profileName':'p1', 'hwApi':   "
+                                           "Value('TarnRegFile::PossibleHwApi', ** {'major':4294967295, 'minor':  0})})"),
+            PossibleProfile("p1", PossibleHwApi(4294967295u, 0)));
   EXPECT_FALSE(Kiv::fromText<PossibleProfile>(PossibleProfile().valueToStrep()));
-  EXPECT_EQ(fmt::format("{}", Hardware::DevId(7)), "7");
-  EXPECT_EQ(Kiv::fromText<Hardware::DevId>("255"), Hardware::DevId(255));
-  EXPECT_THROW(Kiv::fromText<Hardware::DevId>("256"), Kiv::ParseException);
-  for (std::string const bad : {"Value('TarnRegFile::PossibleHwApi', ** {'major': 1})",
-                                "Value('TarnRegFile::PossibleHwApi', ** {'major': 4294967296, 'minor': 0})",
-                                "Value('TarnRegFile::PossibleHwApi', ** {'minor': 1, 'major': 2})"})
-    EXPECT_THROW(Kiv::fromText<PossibleHwApi>(bad), Kiv::ParseException) << bad;
-  try {
-    Kiv::fromText<PossibleProfile>("Value('TarnRegFile::PossibleProfile', ** {'profileName': 'p', 'hwApi': 7})");
-    ADD_FAILURE() << "parsed";
-  } catch (Kiv::ParseException const& e) {
-    EXPECT_EQ(std::string(e.what()).rfind("hwApi: ", 0), 0u) << e.what();
-  }
 }
 
 // ================================================================ status entities
@@ -76,14 +48,11 @@ struct StatusLog : PossibleSystemStatus::Notifiee, PossibleChipStatus::Notifiee 
   Events events;
 };
 
-TEST(PossibleSystemStatus, MutatorsNotifyOnlyRealChangesAndTheGenericInterfaceTakesText) {
-  auto& registry = Kiv::TypeRegistry::instance();
-  auto const status = Kiv::ptr_cast<PossibleSystemStatus>(registry.create("TarnRegFile::PossibleSystemStatus", "sys"));
-  ASSERT_TRUE(status);
+TEST(PossibleSystemStatus, MutatorsNotifyOnlyRealChanges) {
+  auto const status = possibleSystemStatusFactory("sys");
   StatusLog log;
   log.PossibleSystemStatus::Notifiee::notifierIs(status);
   auto const c0 = status->chipStatusIs("c0");
-  EXPECT_EQ(c0->name(), "c0");
   EXPECT_EQ(status->chipStatusIs("c0"), c0);
   log.PossibleChipStatus::Notifiee::notifierIs(c0);
   for (int i = 0; i < 2; ++i) {
@@ -94,22 +63,11 @@ TEST(PossibleSystemStatus, MutatorsNotifyOnlyRealChangesAndTheGenericInterfaceTa
   EXPECT_EQ(status->chipStatusDel("absent"), nullptr);
   EXPECT_EQ(status->chipStatusDel("c0"), c0);
   status->profileIs(PossibleProfile("p1", PossibleHwApi(1, 3)));
-  EXPECT_EQ(status->profile("p1").hwApi, PossibleHwApi(1, 3));
-  status->profileIs(PossibleProfile("p2", PossibleHwApi(2, 0)));
   status->profileDel("absent");
   status->profileDelAll();
   EXPECT_FALSE(status->profile("p1"));
-  std::sort(log.events.begin() + 7, log.events.end());
   EXPECT_EQ(log.events, (Events{"chipStatus c0", "devId", "profileName", "profile p1", "chipStatus c0", "profile p1",
-                                "profile p2", "profile p1", "profile p2"}));
-
-  EXPECT_EQ(registry.call(*status, "chipStatusIs", {"c1"}), "<TarnRegFile::PossibleChipStatus 'c1'>");
-  std::string const profile = PossibleProfile("p1", PossibleHwApi(1, 2)).valueToStrep();
-  registry.call(*status, "profileIs", {profile});
-  EXPECT_EQ(registry.call(*status, "profile", {"p1"}), profile);
-  registry.attributeIs(*status->chipStatus("c1"), "devId", "17");
-  EXPECT_EQ(status->chipStatus("c1")->devId(), Hardware::DevId(17));
-  EXPECT_EQ(registry.attribute(*status->chipStatus("c1"), "devId"), "17");
+                                "profile p1"}));
 }
 
 // ================================================================ state machine
@@ -200,63 +158,25 @@ Kiv::Ptr<ShadowFieldsSm> shadowSm(Kiv::Ptr<TransportMethod> const& transport) {
   return shadowFieldsSmFactory(nullptr, nullptr, transport, true);
 }
 
-TEST_F(SystemModels, EntriesAreKeyedByTheirOwnNameOnlyRealChangesNotifyAndRemovalHandsThemBack) {
-  for (char const* name : {"a", "b"}) {
-    auto const chip = logicalChipFactory(name);
-    logical->chipIs(chip);
-    logical->chipIs(chip);  // the same object again
-    logical->writeSmIs(logicalWriteSmFactory(chip));
-    auto const transport = transportMethodFactory(name);
-    physical->transportIs(transport);
-    physical->transportIs(transport);
-    physical->shadowSmIs(shadowSm(transport));
-  }
-  auto const a2 = logicalChipFactory("a");
-  logical->chipIs(a2);  // another object of that name replaces it
-  EXPECT_EQ(logical->chip("a"), a2);
-  // Every live machine holds the transport: its count tells how many machines are left.
-  auto const t = physical->transport("a");
-  auto const second = shadowSm(t);
-  physical->shadowSmIs(second);
-  EXPECT_EQ(physical->shadowSm("a"), second);
-  EXPECT_EQ(t->references(), 3u) << "the first machine is gone";
-  EXPECT_FALSE(physical->simulate());
+TEST_F(SystemModels, OnlyRealChangesNotifyNullIsRefusedAndRemovalHandsTheEntryBack) {
+  auto const t = transportMethodFactory("a");
+  physical->transportIs(t);
+  physical->transportIs(t);  // the same object again
+  physical->shadowSmIs(shadowSm(t));
+  // Replaced by name: every live machine holds the transport, so its count tells the first is gone.
+  physical->shadowSmIs(shadowSm(t));
+  EXPECT_EQ(t->references(), 3u);
   physical->simulateIs(true);
   physical->simulateIs(true);
   for (auto const& refused : std::initializer_list<std::function<void()>>{
            [&] { logical->chipIs(nullptr); }, [&] { logical->writeSmIs(nullptr); },
            [&] { physical->shadowSmIs(nullptr); }, [&] { physical->transportIs(nullptr); }})
     EXPECT_THROW(refused(), std::invalid_argument);
-  EXPECT_EQ(bench.events, (Events{"chip a in", "writeSm a in", "transport a in", "shadowSm a in", "chip b in", "writeSm b in",
-                                  "transport b in", "shadowSm b in", "chip a in", "shadowSm a in", "simulate"}));
-  bench.events.clear();
   EXPECT_EQ(physical->transportDel("unknown"), nullptr);
-  EXPECT_TRUE(bench.events.empty());
   EXPECT_EQ(physical->transportDel("a"), t);
-  EXPECT_EQ(physical->transportDel("a"), nullptr);
-  logical->chipDelAll();
-  logical->writeSmDelAll();
   physical->shadowSmDelAll();
-  physical->transportDelAll();
-  EXPECT_TRUE(logical->chipEntries().empty() && logical->writeSmEntries().empty());
-  EXPECT_TRUE(physical->shadowSmEntries().empty() && physical->transportEntries().empty());
-  std::sort(bench.events.begin() + 1, bench.events.end());
-  EXPECT_EQ(bench.events, (Events{"transport a out", "chip a out", "chip b out", "shadowSm a out", "shadowSm b out",
-                                  "transport b out", "writeSm a out", "writeSm b out"}));
-}
-
-TEST_F(SystemModels, GenericInterfaceLooksUpRemovesAndSwitchesSimulate) {
-  auto& registry = Kiv::TypeRegistry::instance();
-  auto const model = Kiv::ptr_cast<PhysicalModel>(registry.create("TarnRegFile::PhysicalModel", ""));
-  ASSERT_TRUE(model);
-  model->transportIs(transportMethodFactory("t0"));
-  EXPECT_EQ(registry.call(*model, "transport", {"t0"}), "<TarnRegFile::TransportMethod 't0'>");
-  EXPECT_EQ(registry.call(*model, "transport", {"t1"}), "None");
-  registry.attributeIs(*model, "simulate", "True");
-  EXPECT_EQ(registry.attribute(*model, "simulate"), "True");
-  EXPECT_EQ(registry.call(*model, "transportDel", {"t0"}), "<TarnRegFile::TransportMethod 't0'>");
-  EXPECT_EQ(registry.call(*model, "transportHas", {"t0"}), "False");
-  EXPECT_EQ(registry.call(*registry.create("TarnRegFile::LogicalModel", ""), "chipDel", {"c0"}), "None");
+  EXPECT_EQ(bench.events, (Events{"transport a in", "shadowSm a in", "shadowSm a in", "simulate", "transport a out",
+                                  "shadowSm a out"}));
 }
 
 // ================================================================ the state machine at work
@@ -267,25 +187,15 @@ TEST_F(SystemChipStatus, AChipGetsItsObjectsInOrderOnlyANewShadowSmWhenProcessed
   EXPECT_EQ(bench.events, (Events{"createLogicalChip c0", "chip c0 in", "ready c0 true", "writeSm c0 in",
                                   "createTransport c0", "transport c0 in", "shadowSm c0 in"}));
   EXPECT_TRUE(trace.contains("ChipStatusSmBase::handleSystemChipStatus chipName: c0, add", 5));
-  EXPECT_FALSE(sm->initialized());
   EXPECT_EQ(rig.fileRegister(0), 0x05050505u) << "the initial values went out";
-  EXPECT_FALSE(physical->shadowSm("c0")->simulate());
-  // From now on a logical write reaches the register without further help.
   auto const chip = logical->chip("c0");
-  chip->fieldWrite("R0", "f0", 0x7);
-  EXPECT_EQ(rig.fileRegister(0), 0x05050507u);
-  EXPECT_EQ(rig.images(rig.statusPath()), std::vector<uint32_t>{0x05050507u}) << "recorded as applied";
-  // Changes inside a chip status, and a repeated chipStatusIs, do not reach the state machine.
-  bench.events.clear();
-  status->chipStatus("c0")->devIdIs(Hardware::DevId(9));
-  status->chipStatusIs("c0");
-  EXPECT_TRUE(bench.events.empty());
 
   // Processed again, by a full pass and by name through the generic interface.
   auto const writeSm = logical->writeSm("c0");
   auto const transport = physical->transport("c0");
   auto const oldShadowSm = physical->shadowSm("c0");
   trace.clear();
+  bench.events.clear();
   sm->handleSystemChipStatus();
   EXPECT_EQ(trace.count("ChipStatusSmBase::handleSystemChipStatus"), 2u) << "the pass, then the chip";
   Kiv::TypeRegistry::instance().call(*sm, "handleSystemChipStatus", {"c0"});
@@ -323,15 +233,11 @@ TEST_F(SystemChipStatus, SimulateIsReadWhenEachShadowStateMachineIsBuilt) {
   EXPECT_EQ(rig.fileRegister(0), 0x05050509u);
 }
 
-TEST_F(SystemChipStatus, SwitchedOffItIgnoresTheStatusAndATransportInTheModelIsUsedAsIs) {
-  sm->hasNotificationActiveIs(false);
-  status->chipStatusIs("c0");
-  EXPECT_TRUE(bench.events.empty());
+TEST_F(SystemChipStatus, ATransportAlreadyInTheModelIsUsedAsIs) {
   auto const own = rig.transport();
   physical->transportIs(own);
   bench.events.clear();
-  sm->hasNotificationActiveIs(true);
-  sm->handleSystemChipStatus();
+  status->chipStatusIs("c0");
   EXPECT_EQ(bench.events,
             (Events{"createLogicalChip c0", "chip c0 in", "ready c0 true", "writeSm c0 in", "shadowSm c0 in"}));
   EXPECT_EQ(physical->shadowSm("c0")->transport(), own);
