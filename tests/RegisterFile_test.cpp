@@ -13,9 +13,9 @@
 
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 using Hardware::TarnRegFile::HardwareRegister;
 using Hardware::TarnRegFile::HardwareRegisterFile;
@@ -56,48 +56,33 @@ RegisterFile load(std::string const& csv, U8 addrBlockSize = 4) {
 // The text form shows every field but the type: number, name, writeable and width. Problems the parser
 // tolerates leave one level-8 trace; a clean line none.
 TEST(RegisterFileLine, FieldsTextFormAndTracesOfToleratedProblems) {
-  struct Case {
-    char const* line;
-    U8 blockSize;
-    RegisterType type;
-    char const* text;
-    char const* trace;
-  };
   using T = RegisterType;
+  using Case = std::tuple<char const*, U8, RegisterType, char const*, char const*>;  // line, block size, type, text, trace
   Case const cases[] = {
       {"16,scratch,cfg,true,32", 4, T::Cfg, "0x000040 scratch writeable 32", nullptr},
-      {"1,a,sts,false,8", 1, T::Sts, "0x000001 a readonly 8", nullptr},
       {"0,zero,ctl,false,1", 1, T::Ctl, "00000000 zero readonly 1", nullptr},
-      {"1193046,mid,reserved,true,16", 1, T::Reserved, "0x123456 mid writeable 16", nullptr},
       {"19088743,wide,const,false,32", 1, T::Const, "0x1234567 wide readonly 32", nullptr},
       {"2,cnt,counter,true,0", 2, T::Counter, "0x000004 cnt writeable 0", nullptr},
       // Only the exact lower-case "false" makes a register read-only.
       {"1,a,cfg,False,32", 1, T::Cfg, "0x000001 a writeable 32", nullptr},
-      {"1,a,cfg,,32", 1, T::Cfg, "0x000001 a writeable 32", nullptr},
       // Names are kept byte for byte; a separator at the very end yields no sixth field.
       {"3, Sp ace ,cfg,true,8,", 1, T::Cfg, "0x000003  Sp ace  writeable 8", nullptr},
       {"9,r,ctl,false,12,,99", 1, T::Ctl, "0x000009 r readonly 12", "Found extraneous field(s) in CSV file."},
       // The scaled address wraps silently.
       {"4294967295,wrap,cfg,true,32", 2, T::Cfg, "0xfffffffe wrap writeable 32", nullptr},
       {"1,a,CFG,true,32", 1, T::Unknown, "0x000001 a writeable 32", "Unknown register type 'CFG'"},
-      {"1,a,,true,32", 1, T::Unknown, "0x000001 a writeable 32", "Unknown register type ''"},
       // Fields a short line does not supply are zero.
       {"1,a,cfg,true,", 1, T::Cfg, "0x000001 a writeable 0", "Incomplete CSV fields. Found 4 fields only."},
-      {"7,r,sts", 4, T::Sts, "0x00001c r readonly 0", "Incomplete CSV fields. Found 3 fields only."},
       {"", 4, T::Unknown, "00000000  readonly 0", "Incomplete CSV fields. Found 0 fields only."},
   };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(c.line);
-    Kiv::TraceCapture cap("TarnRegFile/*");
-    Register const reg(c.line, c.blockSize);
-    EXPECT_EQ(static_cast<std::string>(reg), c.text);
-    EXPECT_EQ(reg.type, c.type);
-    ASSERT_EQ(cap.records().size(), c.trace ? 1u : 0u);
-    if (c.trace) {
-      EXPECT_EQ(cap.records()[0].unit, "TarnRegFile/RegisterFile");
-      EXPECT_EQ(cap.records()[0].level, 8u);
-      EXPECT_EQ(cap.records()[0].text, c.trace);
-    }
+  for (auto const& [line, blockSize, type, text, trace] : cases) {
+    SCOPED_TRACE(line);
+    Kiv::TraceCapture cap("TarnRegFile/RegisterFile");
+    Register const reg(line, blockSize);
+    EXPECT_EQ(static_cast<std::string>(reg), text);
+    EXPECT_EQ(reg.type, type);
+    ASSERT_EQ(cap.records().size(), trace ? 1u : 0u);
+    EXPECT_TRUE(!trace || cap.contains(trace, 8)) << cap.records()[0].text;
   }
 }
 
@@ -111,15 +96,8 @@ TEST_F(RegisterFileDeathTest, ZeroAddressBlockSizeIsFatal) {
                "  function:  TarnRegFile::Register::Register\\(const std::string_view&, U8\\)");
 }
 
-TEST(RegisterFileTypes, TextFormsRoundTripAndEverythingElseIsUnknown) {
-  char const* const texts[] = {"reserved", "const", "cfg", "sts", "counter", "ctl"};
-  for (U8 v = 1; v <= 6; ++v) {
-    EXPECT_EQ(Register::regTypeToString(static_cast<RegisterType>(v)), texts[v - 1]);
-    EXPECT_EQ(Register::regTypeFromString(texts[v - 1]), static_cast<RegisterType>(v));
-  }
-  for (char const* token : {"", "CFG", "cfg ", "(unknown)", "cf"})
-    EXPECT_EQ(Register::regTypeFromString(token), RegisterType::Unknown) << token;
-  // Every unnamed value shares the one process-lifetime string.
+// The named types and their texts are checked through the loader, the helper and tarnreg list.
+TEST(RegisterFileTypes, EveryUnnamedValueIsUnknownAndSharesOneString) {
   EXPECT_EQ(Register::regTypeToString(RegisterType::Unknown), "(unknown)");
   EXPECT_EQ(&Register::regTypeToString(static_cast<RegisterType>(7)), &Register::regTypeToString(RegisterType{}));
 }
@@ -127,9 +105,8 @@ TEST(RegisterFileTypes, TextFormsRoundTripAndEverythingElseIsUnknown) {
 // ---------------------------------------------------------------- whole files
 
 TEST(RegisterFileLoad, HeaderLineEndsDuplicatesAndShortLines) {
-  for (char const* csv : {"", "\n", "number,name,type,writeable,width \n", "Number,name,type,writeable,width\n",
-                          "number,name,type,writeable,width,\n", "number,name,type,writeable,width\r\r\n",
-                          "1,a,cfg,true,32\n"})
+  for (char const* csv : {"", "number,name,type,writeable,width \n", "Number,name,type,writeable,width\n",
+                          "number,name,type,writeable,width,\n", "number,name,type,writeable,width\r\r\n"})
     EXPECT_EQ(textOf(errorOf([&] { load(csv); })), "Encountered wrong CSV header!") << csv;
   EXPECT_EQ(load("number,name,type,writeable,width").size(), 0u);
   for (char const* ends : {"\n", "\r\n"}) {  // LF or CRLF, and no final newline
@@ -143,11 +120,8 @@ TEST(RegisterFileLoad, HeaderLineEndsDuplicatesAndShortLines) {
     EXPECT_EQ(file.addressCount(), 5u);
     auto const a = file.findRegisterByName("a");  // the first record of a duplicated name
     EXPECT_EQ(a.number, 4u);
-    EXPECT_EQ(a.type, RegisterType::Cfg);
     EXPECT_EQ(file.findRegNameByAddr(8), "a") << "the dropped second record still maps its address";
     EXPECT_EQ(file.findRegNameByAddr(20), "first");
-    EXPECT_EQ(file.findRegisterByName("second").width, 8u);
-    EXPECT_EQ(file.findRegNameByAddr(12), "short");
     EXPECT_EQ(file.findRegNameByAddr(0), "") << "a blank line is a record with an empty name at address 0";
     std::string order;
     file.forEachRegister([&](TarnRegFile::RegisterRef const& r) { order += std::string(r.name) + ";"; });
@@ -165,9 +139,8 @@ TEST(RegisterFileLoad, ABadLineAbandonsTheLoadAndNamesItsLine) {
       {"1 ,a,cfg,true,32", "Invalid address token"}, {",a,cfg,true,32", "Invalid address token"},
       {"4294967296,a,cfg,true,32", "Invalid address token"}, {"1,a,cfg,true,33", "Unsupported register width"},
       {"1,a,cfg,true,4294967295", "Unsupported register width"}, {"1,a,cfg,true,x", "Invalid width token"},
-      {"1,a,cfg,true,8\r\r", "Invalid width token"}, {"1,a,cfg,true,-1", "Invalid width token"},
-      {"1,a,cfg,true,,", "Invalid width token"}, {"2,b\0c,cfg,true,32"sv, "NUL byte in register name"},
-      {"2,\0,cfg,true,wide"sv, "NUL byte in register name"},
+      {"1,a,cfg,true,-1", "Invalid width token"}, {"1,a,cfg,true,,", "Invalid width token"},
+      {"2,b\0c,cfg,true,32"sv, "NUL byte in register name"},
   };
   for (auto [line, message] : cases) {
     std::string const csv = std::string(kHeader) + "1,a,cfg,true,32\n" + std::string(line) + "\n3,c,cfg,true,32\n";
@@ -177,18 +150,11 @@ TEST(RegisterFileLoad, ABadLineAbandonsTheLoadAndNamesItsLine) {
   }
 }
 
-TEST(RegisterFileLookup, MissesThrowExactMessagesAndKeysAreExact) {
+// The texts of misses are checked through the helper, which passes them on.
+TEST(RegisterFileLookup, KeysAreExactAndANullNameIsNeverFound) {
   RegisterFile const file = load(std::string(kHeader) + "1,Scratch,cfg,true,32\n\n");
   EXPECT_TRUE(file.hasRegName("Scratch"));
-  EXPECT_EQ(static_cast<std::string>(file.findRegisterByName("Scratch")), "0x000004 Scratch writeable 32");
-  for (char const* miss : {"scratch", "Scratch ", "Scratch\r"}) {
-    EXPECT_FALSE(file.hasRegName(miss)) << miss;
-    EXPECT_EQ(textOf(errorOf([&] { file.findRegisterByName(miss); })),
-              std::string("RegisterFile does not have register '") + miss + "'!");
-  }
-  EXPECT_EQ(textOf(errorOf([&] { file.findRegNameByAddr(4294967295u); })),
-            "RegisterFile does not have address: 4294967295!");
-  EXPECT_EQ(file.nameAt(4294967295u), nullptr);
+  for (char const* miss : {"scratch", "Scratch ", "Scratch\r"}) EXPECT_FALSE(file.hasRegName(miss)) << miss;
   // A null name is never found, even where the empty name is.
   char const* const none = nullptr;
   ASSERT_TRUE(file.hasRegName(""));
@@ -214,15 +180,6 @@ TEST(RegisterFilePath, LoadsFilesAndPipesAndRefusesWhatIsNoMap) {
     EXPECT_EQ(file.findRegNameByAddr(i * 4), "reg_" + std::to_string(i));
     EXPECT_EQ(file.findRegisterByName(("reg_" + std::to_string(i)).c_str()).width, 16u);
   }
-  std::string const absent = dir + "/absent.csv";
-  MapError const missing = errorOf([&] { RegisterFile(absent.c_str(), 4); });
-  EXPECT_EQ(missing.what(), "Error opening CSV file " + absent);
-  EXPECT_EQ(missing.path(), absent);
-  EXPECT_EQ(missing.line(), 0u);
-  EXPECT_EQ(missing.errnum(), ENOENT);
-  MapError const directory = errorOf([&] { RegisterFile(dir.c_str(), 4); });
-  EXPECT_STREQ(directory.what(), "Encountered wrong CSV header!");
-  EXPECT_EQ(directory.errnum(), EISDIR);
   // An endless first line is judged by its first bytes, not read to its end.
   MapError const zeros = errorOf([&] { RegisterFile("/dev/zero", 4); });
   EXPECT_STREQ(zeros.what(), "Encountered wrong CSV header!");
@@ -230,31 +187,16 @@ TEST(RegisterFilePath, LoadsFilesAndPipesAndRefusesWhatIsNoMap) {
   // A pipe is read once: the loader counts the lines itself, also past the first read.
   std::string const fifo = dir + "/map.fifo";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  for (std::string const& text : {csv, csv + "5000,bad,cfg,true,x8\n"}) {
-    std::thread writer([&] { std::ofstream(fifo) << text; });
-    MapError const piped = errorOf([&] { EXPECT_EQ(RegisterFile(fifo.c_str(), 4).size(), kCount); });
-    writer.join();
-    EXPECT_STREQ(piped.what(), text.size() == csv.size() ? "<no exception>" : "Invalid width token");
-    EXPECT_EQ(piped.line(), text.size() == csv.size() ? 0u : kCount + 2);
-  }
-}
-
-TEST(RegisterFileShippedMaps, DemoChipMapIsValidAndUsesEveryType) {
-  Kiv::TraceCapture cap("TarnRegFile/*");
-  RegisterFile const file(TARN_SOURCE_DIR "/examples/maps/demo_chip.csv", 4);
-  EXPECT_TRUE(cap.records().empty()) << cap.records().front().text;
-  EXPECT_EQ(file.addressCount(), file.size());  // no duplicate names or addresses
-  bool seen[7] = {};
-  file.forEachRegister([&](TarnRegFile::RegisterRef const& reg) {
-    EXPECT_EQ(file.findRegNameByAddr(reg.number), reg.name);
-    seen[static_cast<U8>(reg.type)] = true;
-  });
-  for (int t = 0; t <= 6; ++t) EXPECT_EQ(seen[t], t != 0) << Register::regTypeToString(static_cast<RegisterType>(t));
+  std::thread writer([&] { std::ofstream(fifo) << csv + "5000,bad,cfg,true,x8\n"; });
+  MapError const piped = errorOf([&] { RegisterFile(fifo.c_str(), 4); });
+  writer.join();
+  EXPECT_STREQ(piped.what(), "Invalid width token");
+  EXPECT_EQ(piped.line(), kCount + 2);
 }
 
 // ---------------------------------------------------------------- the helper and the model
 
-// One register of every type; "ctrl" twice: the first record wins, and address 12 is claimed by it too.
+// One register of every type; "ctrl" twice (the loader's tests cover which record wins).
 constexpr char const* kCsv =
     "number,name,type,writeable,width\n"
     "0,id,const,false,32\n1,ctrl,ctl,true,8\n2,status,sts,false,16\n3,ctrl,cfg,true,32\n"
@@ -277,12 +219,11 @@ TEST(RegFileHelper, CsvMapAndModelAnswerAlike) {
     SCOPED_TRACE(helper->name().str());
     HardwareRegister const ctrl = helper->findRegisterByName(Kiv::String("ctrl"));
     EXPECT_EQ(ctrl, (HardwareRegister{"ctrl", T::ctl, true, 4, 8, 32}));
-    EXPECT_EQ(helper->findRegNameByAddr(12), "ctrl");
     EXPECT_STREQ(helper->regNameAt(8), "status");
     for (auto [name, type] : {std::pair{"odd", T::unknown}, {"res", T::reserved}, {"id", T::constant},
                               {"conf", T::cfg}, {"status", T::sts}, {"cnt", T::counter}})
       EXPECT_EQ(helper->findRegisterByName(name).type, type) << name;
-    EXPECT_EQ(helper->regList()->registerNameCount(), 7u) << "the duplicate name is listed once";
+    EXPECT_EQ(helper->regList()->registerNameCount(), 7u);
     EXPECT_THAT([&] { helper->findRegisterByName("missing"); },
                 throwsError("RegisterFile does not have register 'missing'!"));
     EXPECT_THAT([&] { helper->regNameAt(4096); }, throwsError("RegisterFile does not have address: 4096!"));
@@ -290,15 +231,11 @@ TEST(RegFileHelper, CsvMapAndModelAnswerAlike) {
   }
   csv->handleDeletion();
   EXPECT_FALSE(csv->hasRegName("ctrl"));
-}
-
-// The loader's own refusals are its tests' business; a refused source leaves nothing loaded.
-TEST(RegFileHelper, FailedInitsLoadNothing) {
-  auto helper = RegFileHelper::RegFileHelperIs("none");
-  EXPECT_THAT([&] { helper->init("", 4, nullptr); }, throwsError("Must provide Csv path or KivPtr"));
-  EXPECT_THAT([&] { helper->init("/nonexistent/chip.csv", 4, nullptr); },
+  // A refused source leaves nothing loaded (the loader's own refusals are its tests' business).
+  EXPECT_THAT([&] { csv->init("", 4, nullptr); }, throwsError("Must provide Csv path or KivPtr"));
+  EXPECT_THAT([&] { csv->init("/nonexistent/chip.csv", 4, nullptr); },
               throwsError("Error opening CSV file /nonexistent/chip.csv"));
-  EXPECT_EQ(helper->csvRegFile(), nullptr);
+  EXPECT_EQ(csv->csvRegFile(), nullptr);
 }
 
 // The model's index under change: a replaced register moves its address, a removed one

@@ -1,18 +1,16 @@
 // The transport entity: configuration through the transport registry, the name service,
 // and the failure path that turns I/O errors into results, traces, the last failure and
-// notifications; the transport descriptors and their enumerations.
+// notifications; the transport descriptors.
 #include "TarnRegFile/platform/KivException.h"
 #include "TarnRegFile/platform/KivGeneric.h"
 #include "TarnRegFile/platform/SigbusGuard.h"
 #include "TarnRegFile/platform/Trace.h"
 
-#include "TarnRegFile/MockTransportMethodImpl.h"
 #include "TarnRegFile/TransportMethod.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include <cerrno>
 #include <functional>
 #include <tuple>
 
@@ -75,8 +73,8 @@ struct Rig : TransportMethodError::Notifiee {
 
 // ---------------------------------------------------------------- configuration
 
-// Puts @p factory in the asynchronous I2C row for the scope. That row has no backend in
-// this library; `record` notes what the row hands on.
+// Puts @p factory in the asynchronous I2C row for the scope; `record` notes what the row
+// hands on.
 struct VormHook {
   static inline void const* descriptor = nullptr;
   static inline TransportMethodRegFile regFile;
@@ -101,14 +99,11 @@ TEST(TransportMethod, FullInitFailuresInTheirOrder) {
            Case{nullptr, kDemoCsv, "TransportDescriptor is null!"},
            Case{i2cTransportDescriptorFactory(TransportFlavour::PciDov, "/dev/i2c-0", 0x50), kDemoCsv,
                 "Unknown transport type 'i2c'"},
-           Case{Kiv::create<BaseTransportDescriptor>(TransportType::mock), kDemoCsv, "Unknown transport type 'mock'"},
            Case{i2cVormTransportDescriptorFactory(nullptr, 0x22), kDemoCsv,
                 "transport implementation 'i2c/I2cVorm/I2cSmbusVorm' is not available in this build"},
            Case{Kiv::create<BaseTransportDescriptor>(TransportType::pci), kDemoCsv,
                 "descriptor of transport 'pci/DirectAccess/PciDov' is a TarnRegFile::BaseTransportDescriptor, "
-                "not a TarnRegFile::PciTransportDescriptor"},
-           Case{mockTransportDescriptorFactory(), Kiv::String("/nonexistent.csv"),
-                "Error opening CSV file /nonexistent.csv"}}) {
+                "not a TarnRegFile::PciTransportDescriptor"}}) {
     auto tm = TransportMethod::TransportMethodIs("chip0");
     EXPECT_THAT([&] { tm->fullInit(descriptor, source); }, ThrowsMessage<std::runtime_error>(error));
     bool const stored = error != kNoSource;
@@ -119,15 +114,13 @@ TEST(TransportMethod, FullInitFailuresInTheirOrder) {
   }
 }
 
-// A row builds from the descriptor (the mock's names its dump file) and the CSV path, else
-// the model; each configuration makes a new notifier, except one that builds nothing.
+// A row builds from the descriptor and the CSV path, else the model; each configuration
+// makes a new notifier.
 TEST(TransportMethod, ARowBuildsFromItsDescriptorAndTheCsvPathElseTheModelWithAFreshNotifier) {
   auto tm = transportMethodFactory("chip0");
-  tm->init(mockTransportDescriptorFactory("/nonexistent-dir/dump.csv"), kDemoCsv);
-  EXPECT_EQ(dynamic_cast<MockTransportMethodImpl&>(*tm->implPtr()).dumpPath(), "/nonexistent-dir/dump.csv");
+  tm->init(mockTransportDescriptorFactory(), kDemoCsv);
   auto const first = tm->errorNotifier();
   ASSERT_TRUE(first);
-  EXPECT_EQ(first->chipName(), "chip0");
   EXPECT_FALSE(first->error());
   VormHook const hook(VormHook::record);
   auto const vorm = i2cVormTransportDescriptorFactory(nullptr, 0x22);
@@ -138,14 +131,6 @@ TEST(TransportMethod, ARowBuildsFromItsDescriptorAndTheCsvPathElseTheModelWithAF
   EXPECT_EQ(VormHook::regFile, TransportMethodRegFile(kDemoCsv));
   tm->fullInit(vorm, TransportMethodRegFile("", model));
   EXPECT_EQ(VormHook::regFile, TransportMethodRegFile("", model));
-  auto const notifier = tm->errorNotifier();
-  VormHook const nothing([](BaseTransportDescriptor const&, TransportMethodRegFile const&) {
-    return static_cast<BaseTransportMethodImpl*>(nullptr);
-  });
-  EXPECT_THAT([&] { tm->init(vorm, kDemoCsv); },
-              ThrowsMessage<std::runtime_error>("TransportMethod implementation init failed"));
-  EXPECT_EQ(tm->implPtr(), nullptr);
-  EXPECT_EQ(tm->errorNotifier(), notifier);
 }
 
 TEST(TransportMethod, ImplementationsLiveUntilDeletionAndNothingWorksWithoutOne) {
@@ -159,11 +144,10 @@ TEST(TransportMethod, ImplementationsLiveUntilDeletionAndNothingWorksWithoutOne)
     EXPECT_EQ(FakeImpl::destroyed, before + 2);
     bool called = false;
     auto const never = [&](auto...) { called = true; };
+    // One check serves every entry point; an access and a lookup stand for them.
     for (std::function<void()> const& use : std::vector<std::function<void()>>{
-             [&] { tm->regRead("ctrl"); }, [&] { tm->regWrite("ctrl", 1); },
-             [&] { tm->regReadWithCallback("ctrl", never); }, [&] { tm->regWriteWithCallback("ctrl", 1, never); },
-             [&] { tm->regNameToAddr("ctrl"); }, [&] { tm->regAddrToName(0); }, [&] { tm->regNameAt(0); },
-             [&] { tm->regList(); }, [&] { tm->hasRegName("ctrl"); }})
+             [&] { tm->regRead("ctrl"); }, [&] { tm->regWriteWithCallback("ctrl", 1, never); },
+             [&] { tm->hasRegName("ctrl"); }})
       EXPECT_THAT(use, ThrowsMessage<std::runtime_error>("TransportMethod implementation does not exist"));
     EXPECT_FALSE(called);
     tm->implPtrIs(new FakeImpl);
@@ -184,22 +168,17 @@ TEST(TransportMethod, AccessesPassThroughAlsoByNameAndTheNotifierSignalsChanges)
   auto& registry = Kiv::TypeRegistry::instance();
   EXPECT_EQ(registry.call(*rig.tm, "regRead", {"ctrl"}), "4660");
   registry.call(*rig.tm, "regWrite", {"ctrl", "0x10"});
-  EXPECT_EQ(registry.call(*rig.tm, "regNameToAddr", {"ctrl"}), "16");
   EXPECT_EQ(rig.fake->writes, (std::vector<uint32_t>{77, 5, 16}));
-  EXPECT_TRUE(Kiv::ptr_cast<TransportMethodError>(registry.create("TarnRegFile::TransportMethodError", "chip9")));
   auto& notifier = *rig.tm->errorNotifier();
   EXPECT_EQ(registry.attribute(notifier, "chipName") + registry.attribute(notifier, "error"), "chip0False");
   registry.attributeIs(notifier, "error", "true");
   notifier.errorIs(true);  // no change: no notification
   EXPECT_EQ(rig.signals, 1);
-  registry.attributeIs(notifier, "error", "False");
-  EXPECT_FALSE(notifier.error());
-  EXPECT_THROW(registry.attributeIs(notifier, "error", "maybe"), std::runtime_error);
   // Exceptions that are not I/O failures propagate, without a notification.
   rig.fake->failure = std::make_exception_ptr(std::logic_error("not an I/O failure"));
   EXPECT_THROW(rig.tm->regRead("ctrl"), std::logic_error);
   EXPECT_THROW(rig.tm->regWriteWithCallback("ctrl", 1, nullptr), std::logic_error);
-  EXPECT_EQ(rig.signals, 2);
+  EXPECT_EQ(rig.signals, 1);
 }
 
 // Plain forms trace the failure; callback forms call back once with status 2 (a read with
@@ -207,20 +186,14 @@ TEST(TransportMethod, AccessesPassThroughAlsoByNameAndTheNotifierSignalsChanges)
 TEST(TransportMethod, IoFailureBecomesAFailedResultItsTraceTheLastFailureAndASignalEachTime) {
   std::string const timeout = "TransportMethod error on register 'ctrl': bus timeout on ctrl";
   auto const fail = [](auto e) { return std::make_exception_ptr(e); };
-  using Case = std::tuple<std::exception_ptr, std::string, std::string, TransportErrorKind, int>;
-  for (auto const& [failure, reg, line, kind, errnum] : {
-           Case{fail(std::runtime_error("bus timeout on ctrl")), "ctrl", timeout, TransportErrorKind::Other, 0},
-           Case{fail(TransportError("bus timeout on ctrl", TransportErrorKind::System, "ctrl", TransportOperation::Read,
-                                    EIO)),
-                "ctrl", timeout, TransportErrorKind::System, EIO},
+  using Case = std::tuple<std::exception_ptr, std::string, std::string, TransportErrorKind>;
+  for (auto const& [failure, reg, line, kind] : {
+           Case{fail(std::runtime_error("bus timeout on ctrl")), "ctrl", timeout, TransportErrorKind::Other},
            Case{fail(Kiv::SigbusException()), "ctrl", "Got SIGBUS when performing operation on register 'ctrl'",
-                TransportErrorKind::BusError, 0},
-           Case{fail(Kiv::RangeException("peripheral 0x80 out of range")), "ctrl",
-                "TransportMethod error on register 'ctrl': peripheral 0x80 out of range",
-                TransportErrorKind::OutOfRange, 0},
+                TransportErrorKind::BusError},
            Case{nullptr, "nope",
                 "TransportMethod error on register 'nope': RegisterFile does not have register 'nope'!",
-                TransportErrorKind::UnknownRegister, 0}}) {
+                TransportErrorKind::UnknownRegister}}) {
     SCOPED_TRACE(line);
     Rig rig(failure);
     Kiv::TraceCapture cap("TarnRegFile/TransportMethod");
@@ -229,7 +202,6 @@ TEST(TransportMethod, IoFailureBecomesAFailedResultItsTraceTheLastFailureAndASig
     rig.tm->regWrite(reg, 1);
     rig.tm->regWriteWithCallback(reg, 5, rig.onWrite);
     rig.tm->regReadWithCallback(reg, rig.onRead);
-    EXPECT_EQ(last.operation, TransportOperation::Read);
     rig.tm->regWriteWithCallback(reg, 4, nullptr);  // made, and signalled, without a callback too
     EXPECT_EQ(rig.fake->writes, (reg == "ctrl" ? std::vector<uint32_t>{1, 5, 4} : std::vector<uint32_t>{}));
     EXPECT_EQ(rig.calls, (Lines{reg + ":2", reg + ":2:4294967295"}));
@@ -242,7 +214,6 @@ TEST(TransportMethod, IoFailureBecomesAFailedResultItsTraceTheLastFailureAndASig
     EXPECT_EQ(last.regName, reg);
     EXPECT_EQ(last.operation, TransportOperation::Write);
     EXPECT_EQ(last.kind, kind);
-    EXPECT_EQ(last.errnum, errnum);
   }
 }
 
@@ -262,53 +233,7 @@ TEST(TransportMethod, NotifierMayBeAbsentOrDroppedByItsObserver) {
   EXPECT_EQ(cap.count("Notifying agent: chip0"), 2u);
 }
 
-TEST(TransportMethodRegFile, ComparesTextFormAndParsesBackWithoutAModel) {
-  TransportMethodRegFile const a("/maps/x.csv"), withModel("", smallModel());
-  EXPECT_FALSE(a == TransportMethodRegFile("/maps/x.csv", withModel.regFileModel()) ||
-               a == TransportMethodRegFile("/maps/y.csv"));
-  EXPECT_EQ(a.valueToStrep(),
-            "Value('TarnRegFile::TransportMethodRegFile', ** {'csvPath': '/maps/x.csv', 'regFileModel': None})");
-  EXPECT_EQ(Kiv::fromText<TransportMethodRegFile>(a.valueToStrep()), a);
-  EXPECT_EQ(withModel.valueToStrep(),
-            "Value('TarnRegFile::TransportMethodRegFile', ** {'csvPath': '', "
-            "'regFileModel': <Hardware::TarnRegFile::HardwareRegisterFile 'small'>})");
-  // A live model cannot be made from text.
-  EXPECT_THROW(Kiv::fromText<TransportMethodRegFile>(withModel.valueToStrep()), Kiv::ParseException);
-  EXPECT_THROW(Kiv::fromText<TransportMethodRegFile>("Value('Other', ** {})"), Kiv::ParseException);
-}
-
 // ---------------------------------------------------------------- descriptors
-
-// Every text route of one enumeration agrees with its literal table; a value past the table is refused.
-template <class E>
-void expectLiterals(std::vector<char const*> const& literals, E (*byValue)(unsigned), E (*byName)(Kiv::String const&)) {
-  for (unsigned v = 0; v < literals.size(); ++v) {
-    E const e = byValue(v);
-    EXPECT_EQ(static_cast<unsigned>(e), v) << literals[v];
-    EXPECT_EQ(byName(Kiv::String(literals[v])), e);
-    EXPECT_EQ(fmt::format("{} {} {} {}", stringValue(e), valueToStrep(e), e, testing::PrintToString(e)),
-              fmt::format("{0} '{0}' {0} {0}", literals[v]));
-  }
-  EXPECT_THROW(byValue(static_cast<unsigned>(literals.size())), Kiv::RangeException);
-}
-
-TEST(TransportDescriptorEnum, LiteralsValuesAndTextForms) {
-  expectLiterals<TransportType>({"i2c", "pci", "mock"}, TransportTypeInstance, TransportTypeInstance);
-  expectLiterals<TransportProtocol>({"DirectAccess", "I2cVorm", "I2cSmbusIoctl", "mockProtocol"},
-                                    TransportProtocolInstance, TransportProtocolInstance);
-  expectLiterals<TransportFlavour>({"PciDov", "I2cSmbusVorm", "I2cSmbusDataBlock", "I2cSmbusDataWord", "mockFlavour"},
-                                   TransportFlavourInstance, TransportFlavourInstance);
-  EXPECT_THROW(TransportFlavourInstance(Kiv::String("PciDOV")), Kiv::RangeException);
-  // A value outside the table still formats, so an error text about it can be built.
-  EXPECT_EQ(fmt::format("{}", TransportType{200}), "200");
-  // The text parser reads one literal and stops after it.
-  std::string const text = "'I2cSmbusIoctl', rest";
-  Kiv::String::IteratorConst pos = text.data();
-  TransportProtocol protocol{};
-  sequenceToValue(pos, text.data() + text.size(), &protocol);
-  EXPECT_EQ(protocol, TransportProtocol::I2cSmbusIoctl);
-  EXPECT_EQ(std::string_view(pos), ", rest");
-}
 
 // Each kind of descriptor, built by type name with text arguments as the generic interface
 // does, fixes its triple and keeps its arguments; bad arguments are refused.
@@ -319,17 +244,13 @@ TEST(TransportDescriptor, GenericConstructionTriplesAndAttributes) {
   for (auto const& [type, args, triple, attributes] : {
            Case{"I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0", "0x50"},
                 "i2c/I2cSmbusIoctl/I2cSmbusDataBlock", {{"devNode", "/dev/i2c-0"}, {"devId", "80"}}},
-           Case{"I2cTransportDescriptor", {"I2cSmbusDataWord", "/dev/i2c-3", "7"}, "i2c/I2cSmbusIoctl/I2cSmbusDataWord",
-                {{"devNode", "/dev/i2c-3"}, {"devId", "7"}}},
            Case{"I2cVormTransportDescriptor", {"None", "7"}, "i2c/I2cVorm/I2cSmbusVorm",
                 {{"devId", "7"}, {"vorm", "None"}}},
            Case{"PciTransportDescriptor", {"None"}, "pci/DirectAccess/PciDov", {{"pciDov", "None"}}},
            Case{"MockTransportDescriptor", {}, "mock/mockProtocol/mockFlavour",
                 {{"dumpPath", "/tmp/MockTarnDebugReg.csv"}}},
-           Case{"MockTransportDescriptor", {"/tmp/chip0.csv"}, "mock/mockProtocol/mockFlavour",
-                {{"dumpPath", "/tmp/chip0.csv"}}},
-           Case{"I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0"}, "", {}},
            Case{"I2cTransportDescriptor", {"I2cSmbusDataBlock", "/dev/i2c-0", "fifty"}, "", {}},
+           Case{"I2cTransportDescriptor", {"i2cSmbusDataBlock", "/dev/i2c-0", "0x50"}, "", {}},  // literals are exact
            Case{"I2cVormTransportDescriptor", {"someVorm", "1"}, "", {}},
            Case{"PciTransportDescriptor", {"../../etc/passwd", "0"}, "", {}}}) {  // refused before anything is opened
     SCOPED_TRACE(fmt::format("{} with {} args", type, args.size()));
