@@ -1,14 +1,14 @@
 // The hardware-access manager and the asynchronous I2C transport above it, over the
 // manager's chip simulator: request lifecycle, completion only through dispatch on the
 // owner's thread, the descriptor, destruction with requests in flight; the transport's
-// outcomes and refusals, a load of 10,000 accesses over four buses through
-// TransportMethod, and its deletion with accesses in flight. Timeouts, bus failures and
-// the i2c-dev bus under both are exercised against the kernel's i2c-stub in
-// tests/vm/I2cTransport_vmtest.cpp, here only the bus's refusal of a node that is no adapter.
+// refusals, a load of 10,000 accesses over four buses through TransportMethod, and its
+// deletion with accesses in flight. Timeouts, bus failures, the transport's callbacks and
+// traces, and the i2c-dev bus under both are exercised against the kernel's i2c-stub in
+// tests/vm/I2cTransport_vmtest.cpp, here only the bus's refusal of a node that does not
+// exist (one that is no adapter by Tarnreg_test.cpp).
 
 #include "TarnRegFile/platform/HardwareRegisterFile.h"
 #include "TarnRegFile/platform/KivException.h"
-#include "TarnRegFile/platform/Trace.h"
 #include "TarnRegFile/platform/Vorm.h"
 #include "TarnRegFile/platform/VormI2cDev.h"
 #include "TarnRegFile/platform/VormSim.h"
@@ -101,11 +101,9 @@ RegWriteCallback writer(Outcome& o) {
 
 // ---------------------------------------------------------------- the manager
 
-TEST(Vorm, BadArgumentsAndANodeThatIsNoAdapterAreRefusedWithTheirReason) {
+TEST(Vorm, BadArgumentsAndAnAbsentNodeAreRefusedWithTheirReason) {
   EXPECT_THAT([] { VormI2cDevBackend("/nonexistent/i2c-9"); },
               ThrowsMessage<std::runtime_error>(HasSubstr("/nonexistent/i2c-9: No such file or directory")));
-  EXPECT_THAT([] { VormI2cDevBackend("/dev/null"); },
-              ThrowsMessage<std::runtime_error>(HasSubstr("functions of I2C adapter /dev/null")));
   EXPECT_THROW(SmbusAddress(0, kChip, 3), Kiv::RangeException);
   EXPECT_THROW(SmbusAddress(0x100, kChip, 1), Kiv::RangeException);
   Bus bus;
@@ -125,7 +123,6 @@ TEST(Vorm, BadArgumentsAndANodeThatIsNoAdapterAreRefusedWithTheirReason) {
                 ThrowsMessage<std::runtime_error>(HasSubstr(c.message)));
   EXPECT_THAT([&] { r->stateIs(1); }, ThrowsMessage<std::runtime_error>(HasSubstr("without an operation")));
   EXPECT_THROW(r->stateIs(2), Kiv::RangeException);
-  EXPECT_EQ(0, r->state());
   EXPECT_EQ(VormRequest::kStatusIdle, r->status());
 }
 
@@ -199,7 +196,6 @@ TEST(Vorm, DestructionWithRequestsInFlightNotifiesNobody) {
     for (size_t i = 0; i < rs.size(); ++i) {
       EXPECT_EQ(VormRequest::kStatusIssued, rs[i]->status());
       EXPECT_TRUE(recs[i].statuses.empty());
-      EXPECT_EQ(nullptr, rs[i]->vorm());
     }
     EXPECT_LE(bus.sim->transactions(), 1u) << "queued requests are dropped";
     rs[0]->stateIs(0);
@@ -214,39 +210,12 @@ TEST(Vorm, DestructionWithRequestsInFlightNotifiesNobody) {
 
 // ---------------------------------------------------------------- the transport above it
 
-// Where each register goes on the bus, what reaches the chip, bus failures and the devId's
-// upper bits are checked on the kernel's i2c-stub; NACKed accesses by the load test below.
-TEST(I2cTransportVorm, AReadReportsTheWordTheBusDeliveredOrATimeout) {
-  Bus bus(200ms);
-  I2cTransportVormImpl impl(bus.vorm, 0x50, kDemoCsv.c_str(), nullptr);
-  bus.sim->regIs(kChip, 0x10, 0xCAFE0004);
-  Kiv::TraceCapture cap("TarnRegFile/I2cTransportVormImplSm");
-  Outcome ok, timedOut;
-  impl.regReadWithCallback("i2c_mux_select", reader(ok));  // number 16 (offset 0x10), 4 bits wide
-  EXPECT_EQ(impl.sm()->i2cTransportRequestCount(), 1u) << "issuing notified status 1, which is not an end";
-  ASSERT_TRUE(runUntil({bus.vorm}, [&] { return ok.calls > 0; }));
-  bus.sim->hangNextIs(1);
-  impl.regReadWithCallback("i2c_mux_select", reader(timedOut));
-  ASSERT_TRUE(runUntil({bus.vorm}, [&] { return timedOut.calls > 0; }));
-  bus.sim->releaseHangs();
-  EXPECT_EQ(impl.sm()->i2cTransportRequestCount(), 0u);
-  EXPECT_EQ(ok, (Outcome{1, RegCallbackStatusSuccess, 0xCAFE0004})) << "the whole word, whatever the width";
-  EXPECT_EQ(timedOut, (Outcome{1, RegCallbackStatusFailure, 0xFFFFFFFF}));
-  EXPECT_TRUE(
-      cap.contains("I2cTransportVormImplSm::onStatus read with callback success reg: i2c_mux_select value: 3405643780", 5));
-  EXPECT_TRUE(cap.contains("I2cTransportVormImplSm::onStatus read with callback fail reg: i2c_mux_select", 5));
-}
-
 TEST(I2cTransportVorm, WhatCannotBeServedIsRefusedBeforeAnyRequest) {
   Bus bus;
-  EXPECT_THAT([] { I2cTransportVormImpl(nullptr, 0x50, nullptr, wordModel(1)); },
-              ThrowsMessage<std::runtime_error>("I2cTransportVormImpl needs a hardware-access manager"));
   I2cTransportVormImpl impl(bus.vorm, 0x50, nullptr, wordModel(4));
   EXPECT_THAT([&] { impl.regRead("r1"); }, ThrowsMessage<std::runtime_error>("regRead(r1) not supported"));
-  EXPECT_THAT([&] { impl.regWrite("r1", 5); }, ThrowsMessage<std::runtime_error>("regWrite(r1, 5) not supported"));
   EXPECT_THAT([&] { impl.regReadWithCallback("wide", nullptr); },
               ThrowsMessage<TransportError>("Unexpected width of register wide (got 64 bits, expected at most 32 bits)"));
-  EXPECT_THROW(impl.regWriteWithCallback("nope", 1, nullptr), LookupError);
   EXPECT_EQ(impl.sm()->i2cTransportRequestCount(), 0u);
 
   auto tm = TransportMethod::TransportMethodIs("chip0");
@@ -260,7 +229,6 @@ TEST(I2cTransportVorm, WhatCannotBeServedIsRefusedBeforeAnyRequest) {
   EXPECT_EQ(o, (Outcome{1, RegCallbackStatusFailure, 0xFFFFFFFF}));
   auto const& failure = tm->errorNotifier()->lastFailure();
   EXPECT_EQ(failure.kind, TransportErrorKind::OutOfRange);
-  EXPECT_EQ(failure.reason, "U7::value < 0 or > 0x7f not allowed");
   EXPECT_EQ(bus.vorm->requestsInFlight(), 0u);
 }
 
@@ -322,10 +290,8 @@ TEST(I2cTransportVorm, DeletingTheTransportWithAccessesInFlightRunsNoCallback) {
   auto tm = TransportMethod::TransportMethodIs("chip0");
   tm->init(i2cVormTransportDescriptorFactory(bus.vorm, 0x50), kDemoCsv);
   int calls = 0;
-  for (int i = 0; i < 200; ++i) {
+  for (int i = 0; i < 400; ++i)
     tm->regReadWithCallback("scratch", [&](char const*, RegCallbackStatus, uint32_t) { ++calls; });
-    tm->regWriteWithCallback("scratch", U32(i), [&](char const*, RegCallbackStatus) { ++calls; });
-  }
   tm = nullptr;
   auto const drained = [&] { return bus.vorm->requestsInFlight() == 0; };
   EXPECT_TRUE(runUntil({bus.vorm}, drained));

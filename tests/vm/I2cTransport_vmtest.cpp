@@ -6,11 +6,10 @@
 //
 // The stub keeps 256 cells of 16 bits indexed by the SMBus command byte. A word
 // transfer at command c moves the whole cell c; an I2C block transfer at command c
-// moves the low bytes of cells c, c+1, ... (a block write leaves the high bytes
-// alone). The stub has no register pointer of its own, which makes the bytes of
-// the block flavour's 16-bit addressing visible in the cells. It offers SMBus only, so
-// the manager moves a register as a 4-byte I2C block whose command is the register
-// offset: the register at offset c is the low bytes of cells c..c+3.
+// moves the low bytes of cells c, c+1, ... The stub has no register pointer of its own,
+// which makes the bytes of the block flavour's 16-bit addressing visible in the cells. It
+// offers SMBus only, so the manager moves a register as a 4-byte I2C block whose command
+// is the register offset: the register at offset c is the low bytes of cells c..c+3.
 
 #include "TarnRegFile/platform/HardwareRegisterFile.h"
 #include "TarnRegFile/platform/Trace.h"
@@ -38,7 +37,6 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -60,8 +58,7 @@ protected:
     I2cStubTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
     // Other programs of the VM run share the stub: start from known cells.
-    for (unsigned cell : {0x01u, 0x02u, 0x03u, 0x04u, 0x05u, 0x10u, 0x11u, 0x20u, 0x21u, 0x22u, 0x23u, 0x24u})
-      set(cell, {0}, "w");
+    for (unsigned cell : {0x01u, 0x02u, 0x03u, 0x04u, 0x05u, 0x10u, 0x11u, 0x12u, 0x13u, 0x30u}) set(cell, {0}, "w");
     vorm_ = Hardware::Vorm::VormIs("stub", std::make_shared<Hardware::VormI2cDevBackend>(node_), 300ms);
   }
 
@@ -69,16 +66,15 @@ protected:
   // as they are; the asynchronous one's "r0x<n>" are the 4-byte words at offset n.
   Kiv::Ptr<TransportMethod> transport(Kiv::Ptr<BaseTransportDescriptor> const& descriptor) {
     auto model = Hardware::TarnRegFile::HardwareRegisterFile::HardwareRegisterFileIs("stub");
-    for (auto [name, address, width] : {std::tuple{"word10", 0x10u, 16u}, {"word11", 0x11u, 16u}, {"reg0104", 0x104u, 32u},
-                                        {"reg2010", 0x2010u, 32u}, {"half2030", 0x2030u, 16u}, {"r0x10", 0x40u, 32u},
+    for (auto [name, address, width] : {std::tuple{"word10", 0x10u, 16u}, {"reg0104", 0x104u, 32u}, {"r0x10", 0x40u, 32u},
                                         {"r0x20", 0x80u, 32u}, {"r0x100", 0x400u, 32u}})
       model->registerIs({name, Hardware::TarnRegFile::HardwareRegisterType::cfg, true, address, width, 32});
     auto tm = TransportMethod::TransportMethodIs("stub");
     tm->fullInit(descriptor, TransportMethodRegFile("", model));
     return tm;
   }
-  Kiv::Ptr<TransportMethod> transport(TransportFlavour flavour, U32 chip = 0x50, std::string node = {}) {
-    auto tm = transport(I2cTransportDescriptor::I2cTransportDescriptorIs(flavour, Kiv::String(node.empty() ? node_ : node), chip));
+  Kiv::Ptr<TransportMethod> transport(TransportFlavour flavour, U32 chip = 0x50) {
+    auto tm = transport(I2cTransportDescriptor::I2cTransportDescriptorIs(flavour, Kiv::String(node_), chip));
     EXPECT_NE(nullptr, dynamic_cast<I2cTransportMethodImpl*>(tm->implPtr()));
     return tm;
   }
@@ -91,8 +87,6 @@ TEST_F(I2cTransportVm, WordFlavourMovesSixteenBitWordsBothWaysBelowAddress0x100)
   tm->regWrite("word10", 0x12345);
   EXPECT_EQ(0x2345u, get(0x10, "w")) << "the upper half of the value is dropped";
   EXPECT_EQ(0x2345u, tm->regRead("word10"));
-  set(0x11, {0xbeef}, "w");
-  EXPECT_EQ(0xbeefu, tm->regRead("word11"));
 
   // An address above 8 bits is refused before anything is sent (cell 0x04 keeps its 0).
   Kiv::TraceCapture cap("TarnRegFile/TransportMethod");
@@ -109,22 +103,11 @@ TEST_F(I2cTransportVm, BlockFlavourPutsAddressAndValueIntoConsecutiveCellsAndRea
   // Command 0x01, then 04 12 34 56 78 into the low bytes of cells 0x01..0x05.
   unsigned const expected[] = {0x04, 0x12, 0x34, 0x56, 0x78};
   for (unsigned i = 0; i < 5; ++i) EXPECT_EQ(expected[i], get(0x01 + i)) << "cell " << 0x01 + i;
-  EXPECT_EQ(0x0004u, get(0x01, "w")) << "the high half of a cell is left alone";
   // The read sets the pointer with one block byte at command 0x01 (0x04 into cell
   // 0x01 again) and reads four bytes from command 0x01: 04 12 34 56. A device with
   // a register pointer would return the register; the stub returns its cells,
   // first byte received most significant.
   EXPECT_EQ(0x04123456u, tm->regRead("reg0104"));
-
-  // What another client wrote. Register 0x2010: command 0x20, pointer byte 0x10 into
-  // cell 0x20, then cells 0x21..0x23.
-  set(0x21, {0xa1, 0xb2, 0xc3});
-  set(0x20, {0x5500}, "w");
-  EXPECT_EQ(0x10a1b2c3u, tm->regRead("reg2010"));
-  EXPECT_EQ(0x5510u, get(0x20, "w")) << "the pointer byte replaced only the low half";
-  // Register 0x2030 is at command 0x20 as well (pointer byte 0x30). Being 16 bits
-  // wide, it keeps the first two bytes received, at the top of the result.
-  EXPECT_EQ(0x30a10000u, tm->regRead("half2030"));
 }
 
 TEST_F(I2cTransportVm, BlockAccessWaitsForAnotherHolderOfTheDeviceLockWordAccessDoesNot) {
@@ -136,24 +119,19 @@ TEST_F(I2cTransportVm, BlockAccessWaitsForAnotherHolderOfTheDeviceLockWordAccess
   word->regWrite("word10", 0x6789);
   EXPECT_EQ(0x6789u, word->regRead("word10")) << "the word flavour takes no lock";
 
-  std::chrono::steady_clock::time_point released;
+  auto const start = std::chrono::steady_clock::now();
   std::thread releaser([&] {
     std::this_thread::sleep_for(300ms);
-    released = std::chrono::steady_clock::now();
     flock(holder, LOCK_UN);
   });
   block->regWrite("reg0104", 0x0badcafe);
-  auto const finished = std::chrono::steady_clock::now();
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 300ms) << "the block write waited for the lock's release";
   releaser.join();
   close(holder);
-  EXPECT_GE(finished, released) << "the block write finished only after the lock was released";
   EXPECT_EQ(0x0bu, get(0x02));
 }
 
-TEST_F(I2cTransportVm, AnAbsentNodeAddressOrChipFailsWithTheDriversErrno) {
-  EXPECT_THAT([&] { transport(TransportFlavour::I2cSmbusDataBlock, 0x50, "/dev/i2c-99"); },
-              ::testing::ThrowsMessage<std::runtime_error>(
-                  "Error opening I2C device /dev/i2c-99: No such file or directory (2)"));
+TEST_F(I2cTransportVm, ARefusedAddressOrAbsentChipFailsWithTheDriversErrno) {
   EXPECT_THAT([&] { transport(TransportFlavour::I2cSmbusDataWord, 0x80); },
               ::testing::ThrowsMessage<std::runtime_error>(
                   "Error setting peripheral address to 0x80: Invalid argument (22)"));
@@ -185,22 +163,13 @@ TEST_F(I2cTransportVm, ManagerWhatTheBusCannotDoFailsTheRequestWithItsReason) {
   }
 }
 
-TEST_F(I2cTransportVm, ManagerTheNodeLockHoldsTheWorkerBackAndAStuckBusTimesItsRequestsOut) {
+TEST_F(I2cTransportVm, ManagerTheNodeLockHoldsTheWorkerBackUntilItsRequestsTimeOut) {
   set(0x34, {0x11, 0x22, 0x33, 0x44});
-  U32 word = 0xa5a5a5a5;
   int const fd = ::open(node_.c_str(), O_RDWR | O_CLOEXEC);
-  ASSERT_EQ(0, ::flock(fd, LOCK_EX));  // as the synchronous transport holds it
-  auto held = issue(vorm_, kWrite, 0x30, &word);
-  pollfd p{vorm_->fd(), POLLIN, 0};
-  EXPECT_EQ(0, ::poll(&p, 1, 100)) << "nothing happens on the bus while the node is locked";
-  ::flock(fd, LOCK_UN);
-  ASSERT_TRUE(finish(vorm_, {held}));
-  EXPECT_EQ(VormRequest::kStatusCompleted, held->status());
-  EXPECT_EQ(0xa5u, get(0x30));
-
-  // Held past the manager's timeout, the deadline makes the descriptor readable and both
-  // requests time out. The write the worker had started is made once the lock goes and
-  // reported to nobody; the one still queued is never performed.
+  // Held past the manager's timeout, as the synchronous transport holds it, the lock keeps
+  // the worker off the bus; the deadline makes the descriptor readable and both requests
+  // time out. The write the worker had started is made once the lock goes and reported to
+  // nobody; the one still queued is never performed.
   ASSERT_EQ(0, ::flock(fd, LOCK_EX));
   U32 late = 0x3c3c3c3c, queued = 0x99999999;
   auto const timedOut = {issue(vorm_, kWrite, 0x30, &late), issue(vorm_, kWrite, 0x34, &queued)};
@@ -216,9 +185,8 @@ TEST_F(I2cTransportVm, ManagerTheNodeLockHoldsTheWorkerBackAndAStuckBusTimesItsR
 }
 
 TEST_F(I2cTransportVm, AsyncTransportCallbacksMoveRegistersAtTheirWordOffsetAndReportBusFailures) {
-  EXPECT_EQ("i2c-dev " + node_ + " (SMBus I2C block data)", vorm_->backend()->description()) << "SMBus only";
+  Kiv::TraceCapture cap("TarnRegFile/I2cTransportVormImplSm");
   auto tm = transport(i2cVormTransportDescriptorFactory(vorm_, 0x150));  // bits above the low byte are ignored
-  auto absent = transport(i2cVormTransportDescriptorFactory(vorm_, 0x51));  // no chip there
   set(0x20, {0xde, 0xad, 0xbe, 0xef});
   std::vector<std::string> outcomes;  // in the order the callbacks came
   auto const record = [&](char const* reg, RegCallbackStatus s, uint32_t value) {
@@ -227,13 +195,13 @@ TEST_F(I2cTransportVm, AsyncTransportCallbacksMoveRegistersAtTheirWordOffsetAndR
   tm->regWriteWithCallback("r0x10", 0x12345678, [&](char const* reg, RegCallbackStatus s) { record(reg, s, 0); });
   tm->regReadWithCallback("r0x10", record);  // read back behind the write, in issue order
   tm->regReadWithCallback("r0x20", record);
-  tm->regReadWithCallback("r0x20", record);  // two reads of one register in flight
   tm->regReadWithCallback("r0x100", record);  // refused by the bus
-  absent->regReadWithCallback("r0x10", record);
-  ASSERT_TRUE(TarnTest::runUntil({vorm_}, [&] { return outcomes.size() >= 6; }));
+  ASSERT_TRUE(TarnTest::runUntil({vorm_}, [&] { return outcomes.size() >= 4; }));
   EXPECT_EQ(outcomes, (std::vector<std::string>{"r0x10 ok 0x0", "r0x10 ok 0x12345678", "r0x20 ok 0xdeadbeef",
-                                                "r0x20 ok 0xdeadbeef", "r0x100 failed 0xffffffff",
-                                                "r0x10 failed 0xffffffff"}));
+                                                "r0x100 failed 0xffffffff"}));
+  EXPECT_TRUE(
+      cap.contains("I2cTransportVormImplSm::onStatus read with callback success reg: r0x20 value: 3735928559", 5));
+  EXPECT_TRUE(cap.contains("I2cTransportVormImplSm::onStatus read with callback fail reg: r0x100", 5));
   unsigned const cells[] = {0x12, 0x34, 0x56, 0x78};
   for (unsigned i = 0; i < 4; ++i) EXPECT_EQ(cells[i], get(0x10 + i)) << "cell " << 0x10 + i;
 }
