@@ -30,9 +30,7 @@ constexpr char const* kConfigPath = "TarnRegFile/shadowFieldsConfig/chip0";
 /// Records every notification of a ShadowFieldsConfig.
 struct Recorder : ShadowFieldsConfig::Notifiee {
   Keys keys;
-  int controlChanges = 0;
   void onField(ShadowFieldKey const& key) override { keys.push_back(key); }
-  void onFieldControl() override { ++controlChanges; }
   /// The keys notified since the last call.
   Keys taken() { return std::exchange(keys, {}); }
 };
@@ -146,15 +144,6 @@ TEST(ShadowFieldTraits, RecordIsFixedWidthLittleEndian) {
   unsigned char const expected[] = {0x01, 0x02, 0x03, 0x04, 0x1F, 0x20, 0, 0, 0xAA, 0xBB, 0xCC, 0xDD};
   EXPECT_EQ(std::memcmp(out, expected, sizeof expected), 0);
   EXPECT_EQ(ShadowFieldTraits::decode(out), ShadowFieldValue(ShadowFieldKey(0x04030201, 0x1F, 0x20), 0xDDCCBBAA));
-}
-
-TEST_F(ShadowTypesTest, ControlFollowsQuiescingAndItsReplacementIsNotifiedOnChange) {
-  config_->fieldNotifyQuiesced(true);
-  EXPECT_TRUE(config_->fieldControl()->quiesced());
-  auto replacement = Kiv::Shm::CollectionControl::CollectionControlIs("replacement");
-  config_->fieldControlIs(replacement);
-  config_->fieldControlIs(replacement);
-  EXPECT_EQ(recorder_.controlChanges, 1);
 }
 
 TEST_F(ShadowTypesTest, UnattachedCollectionsRefuseWithAClearErrorAndOperationsAreCalledByNameWithTheirArguments) {
