@@ -1,5 +1,5 @@
 #pragma once
-// Reading value texts back, and the errors of value constructors and parsers, for the value-type tests.
+// Reading value texts back, and the errors of constructors and parsers, for the value-type and utility tests.
 
 #include "TarnRegFile/platform/KivException.h"
 #include "TarnRegFile/platform/KivString.h"
