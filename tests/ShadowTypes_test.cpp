@@ -1,6 +1,6 @@
 // Shadow-field collections: notifications, zero-copy commits, lookups with absent
-// keys, removal, damage in the shared table. Tables shared with other processes and
-// the other architecture: ShmTable_test (the collection) and Tarnreg_test (the dump).
+// keys, removal, damage in the shared table, a table that a process of this or the
+// other architecture writes while this one reads it.
 
 #include "TarnRegFile/ShadowTypes.h"
 
@@ -11,6 +11,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -19,6 +21,9 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -164,6 +169,41 @@ TEST_F(ShadowTypesTest, UnattachedCollectionsRefuseWithAClearErrorAndOperationsA
   EXPECT_THROW(Kiv::TypeRegistry::instance().call(*config_, "fieldIs", {}), std::runtime_error);
   EXPECT_THROW(Kiv::TypeRegistry::instance().call(*config_, "nothing", {}), std::runtime_error);
 }
+
+// The shadow_writer helper (built for each architecture) mounts a status table as
+// its writer, writes 40 values, prints "ready" and holds the table until its input closes.
+// Agents of both architectures share one table, so its layout must not depend on either.
+class ShadowWriterProcess : public ShadowTypesTest, public ::testing::WithParamInterface<std::string> {};
+
+TEST_P(ShadowWriterProcess, TablesOfAnotherProcessAreReadWhileItWrites) {
+  std::string const& helper = GetParam();
+  if (::access(helper.c_str(), X_OK) != 0)
+    GTEST_SKIP() << helper << " is missing; build that preset first";
+  std::string const path = "TarnRegFile/shadowFieldsStatus/chip7";
+  int in[2];  // the writer's input: only its reading end goes to the writer
+  ASSERT_EQ(::pipe2(in, O_CLOEXEC), 0);
+  ::fcntl(in[0], F_SETFD, 0);
+  FILE* const out = ::popen(fmt::format("exec {} {}/root {} 40 <&{}", helper, base_, path, in[0]).c_str(), "r");
+  ::close(in[0]);
+  ASSERT_NE(out, nullptr);
+  char line[16] = {};
+  EXPECT_TRUE(std::fgets(line, sizeof line, out));
+  EXPECT_STREQ(line, "ready\n");
+  if (std::string(line) == "ready\n") {
+    std::vector<ShadowFieldValue> written;
+    for (U32 i = 0; i < 40; ++i)
+      written.emplace_back(ShadowFieldKey(i, U8(i % 32), U8(1 + i % 32)), 0x1000 + 7 * i);
+    EXPECT_EQ(ShadowFields::readShadowTable(root(), path), written);  // sorted by key; written in reverse
+    EXPECT_EQ(ShadowFieldsStatus::attachReader(root(), path)->field(ShadowFieldKey(39, 7, 8)).value, 0x1000u + 7 * 39);
+  }
+  ::close(in[1]);  // lets the writer finish
+  EXPECT_EQ(::pclose(out), 0) << "the writer's exit status";
+}
+
+INSTANTIATE_TEST_SUITE_P(ThisAndTheOtherArchitecture, ShadowWriterProcess,
+                         ::testing::Values(std::string(TARN_BINARY_DIR "/tests/shadow_writer"),
+                                           std::string(TARN_SOURCE_DIR) + (sizeof(void*) == 8 ? "/build/i386" : "/build/amd64") +
+                                               "/tests/shadow_writer"));
 
 TEST_F(ShadowTypesTest, DamageFoundByALookupIsRaisedAndByDelAllIsReported) {
   std::vector<std::string> reports;
