@@ -82,8 +82,8 @@ size_t RegisterIndex::bytes() const noexcept {
 }
 
 void RegisterIndex::reserve(size_t registers, size_t arenaBytes) {
-  growNames(registers);
-  growAddresses(registers);
+  growSlots(nameSlots_, nameCapacity_, registers, false);
+  growSlots(addressSlots_, addressCapacity_, registers, true);
   growArena(arenaBytes);
 }
 
@@ -110,42 +110,27 @@ void RegisterIndex::growArena(size_t wanted) {
   arenaCapacity_ = wanted;
 }
 
-// Both tables are rebuilt in a new block of the wanted size from the slots of the old one.
-void RegisterIndex::growNames(size_t wanted) {
+// A table is rebuilt in a new block of the wanted size from the slots of the old one.
+void RegisterIndex::growSlots(Slot*& table, size_t& tableCapacity, size_t wanted, bool byAddress) {
   size_t const capacity = capacityFor(wanted);
-  if (capacity <= nameCapacity_) return;
+  if (capacity <= tableCapacity) return;
   Slot* const slots = allocateZeroed<Slot>(capacity);
-  for (size_t i = 0; i < nameCapacity_; ++i) {
-    Slot const& s = nameSlots_[i];
+  for (size_t i = 0; i < tableCapacity; ++i) {
+    Slot const& s = table[i];
     if (s.ref == 0) continue;
-    size_t j = homeOf(s.key, capacity);
+    size_t j = homeOf(byAddress ? addressHash(s.key) : s.key, capacity);
     while (slots[j].ref != 0) j = next(j, capacity);
     slots[j] = s;
   }
-  std::free(std::exchange(nameSlots_, slots));
-  nameCapacity_ = capacity;
-}
-
-void RegisterIndex::growAddresses(size_t wanted) {
-  size_t const capacity = capacityFor(wanted);
-  if (capacity <= addressCapacity_) return;
-  Slot* const slots = allocateZeroed<Slot>(capacity);
-  for (size_t i = 0; i < addressCapacity_; ++i) {
-    Slot const& s = addressSlots_[i];
-    if (s.ref == 0) continue;
-    size_t j = homeOf(addressHash(s.key), capacity);
-    while (slots[j].ref != 0) j = next(j, capacity);
-    slots[j] = s;
-  }
-  std::free(std::exchange(addressSlots_, slots));
-  addressCapacity_ = capacity;
+  std::free(std::exchange(table, slots));
+  tableCapacity = capacity;
 }
 
 RegisterIndex::Ref RegisterIndex::insert(std::string_view name, U32 hash, Fields const& fields, bool& inserted) {
   inserted = false;
   if (Ref const existing = find(name, hash)) return existing;
   // At most 4/5 full: a table sized by reserve() for the whole map never grows here.
-  if ((names_ + 1) * 5 > nameCapacity_ * 4) growNames(std::max<size_t>(names_ * 2, 8));
+  if ((names_ + 1) * 5 > nameCapacity_ * 4) growSlots(nameSlots_, nameCapacity_, std::max<size_t>(names_ * 2, 8), false);
   size_t const bytes = entryBytes(name.size());
   if (arenaUsed_ + bytes > arenaCapacity_)
     growArena(std::max(arenaUsed_ + bytes, std::min(arenaCapacity_ * 2, kMaxArenaBytes)));
@@ -202,7 +187,7 @@ void RegisterIndex::erase(Ref ref) {
 }
 
 bool RegisterIndex::claimAddress(U32 address, Ref ref) {
-  if ((addresses_ + 1) * 5 > addressCapacity_ * 4) growAddresses(std::max<size_t>(addresses_ * 2, 8));
+  if ((addresses_ + 1) * 5 > addressCapacity_ * 4) growSlots(addressSlots_, addressCapacity_, std::max<size_t>(addresses_ * 2, 8), true);
   size_t i = homeOf(addressHash(address), addressCapacity_);
   for (; addressSlots_[i].ref != 0; i = next(i, addressCapacity_)) {
     if (addressSlots_[i].key != address) continue;

@@ -203,8 +203,7 @@ private:
   static size_t capacityFor(size_t count) noexcept { return count + count / 4 + 8; }
 
   Entry& mutableEntry(Ref ref) noexcept { return *reinterpret_cast<Entry*>(arena_ + (size_t(ref - 1) << 2)); }
-  void growNames(size_t wanted);
-  void growAddresses(size_t wanted);
+  void growSlots(Slot*& table, size_t& tableCapacity, size_t wanted, bool byAddress);
   void growArena(size_t wanted);
   void compact();
   static void eraseSlot(Slot* slots, size_t capacity, size_t i, bool byAddress) noexcept;
