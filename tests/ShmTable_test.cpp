@@ -5,7 +5,6 @@
 // written by the other architecture's process is read in ShadowTypes_test.
 
 #include "TarnRegFile/platform/ShmTable.h"
-#include "TarnRegFile/platform/Trace.h"
 #include "helpers/ShmTestTraits.h"
 
 #include <fmt/format.h>
@@ -80,11 +79,6 @@ std::vector<unsigned char> readFile(std::string const& path) {
   std::ifstream in(path, std::ios::binary);
   return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), {});
 }
-U32 wordAt(std::vector<unsigned char> const& bytes, std::size_t offset) {
-  U32 word = 0;
-  std::memcpy(&word, bytes.data() + offset, 4);
-  return word;
-}
 void patch(std::string const& path, std::size_t offset, void const* bytes, std::size_t size) {
   int const fd = ::open(path.c_str(), O_RDWR);
   EXPECT_EQ(::pwrite(fd, bytes, size, offset), static_cast<ssize_t>(size));
@@ -93,7 +87,7 @@ void patch(std::string const& path, std::size_t offset, void const* bytes, std::
 
 // ---- paths and modes ------------------------------------------------------------------------------------------
 
-TEST_F(ShmTableTest, InvalidPathsAreRefusedWithTheirReasonBeforeAnythingIsTouched) {
+TEST_F(ShmTableTest, InvalidPathsAreRefusedWithTheirReason) {
   std::pair<std::string, char const*> const cases[] = {
       {"", "is empty"}, {"/etc/passwd", "is absolute"}, {"a//b", "empty component"}, {"a/b/", "empty component"},
       {"a/../b", "'..' component"}, {"..", "'..' component"}, {"./a", "'.' component"},
@@ -104,9 +98,7 @@ TEST_F(ShmTableTest, InvalidPathsAreRefusedWithTheirReasonBeforeAnythingIsTouche
     std::string const what = errorOf([&] { Table::openWriter(root(), path, shape(4)); });
     EXPECT_THAT(what, HasSubstr(reason));
     EXPECT_TRUE(path.find('\0') != std::string::npos || what.find("'" + path + "'") != std::string::npos) << what;
-    EXPECT_THROW(Table::openReader(root(), path), std::invalid_argument) << path.substr(0, 40);
   }
-  EXPECT_FALSE(fs::exists(base_ + "/root"));
 }
 
 TEST_F(ShmTableTest, PlantedLinksAndWorldWritableDirectoriesAreRefused) {
@@ -186,24 +178,6 @@ TEST_F(ShmTableTest, FullTableAndBadShapesAreClearErrorsThatChangeNothing) {
               HasSubstr("holds 30-byte values with 4-byte keys"));
 }
 
-TEST_F(ShmTableTest, TheFileFollowsTheEntriesAndTheCapacityOnlyLimitsThem) {
-  constexpr U32 kLimit = 5000;
-  Kiv::TraceCapture trace("Shm/*");
-  Table t = Table::openWriter(root(), "fill/t", shape(kLimit));
-  for (U32 k = 0; k < 10; ++k)
-    put(t, k, k + 100);
-  Table reader = Table::openReader(root(), "fill/t");
-  for (U32 k = 10; k < kLimit; ++k)
-    put(t, k, k + 100);
-  EXPECT_EQ(t.bucketCount(), 8192u);  // doubled from 16 as the entries came: load never above 3/4
-  EXPECT_EQ(trace.count("rebuilt shared-memory table 'fill/t'"), 9u);
-  EXPECT_EQ(errorOf([&] { put(t, kLimit, 1); }), "shared-memory table 'fill/t' is full (capacity 5000)");
-  EXPECT_EQ(reader.size(), kLimit);  // moved to the newest file, every entry kept
-  for (U32 k = 0; k < kLimit; ++k)
-    ASSERT_EQ(get(reader, k), k + 100) << k;
-  EXPECT_FALSE(get(reader, kLimit));
-}
-
 // ---- processes ------------------------------------------------------------------------------------------------
 
 // Per key the writer publishes the counter it is about to write; readers in
@@ -246,15 +220,11 @@ TEST_F(ShmTableTest, OneWriterAndReadersInOtherProcessesOnlySeeWholeWrittenValue
           board->filled.store(filled + 1);
         }
       }
-      if (t.capacity() == kCapacity && board->filled.load() == kFillers) {
-        t = Table::openReader(root(), "mp/t");
-        t = Table::openWriter(root(), "mp/t", shape(kCapacity + 100));  // readers see the raised limit
-      }
       if (Clock::now() - start > 60s)
         break;  // the readers never came
     }
     board->stop.store(1);
-    return t.capacity() == kCapacity + 100 && t.bucketCount() == 32768 ? 0 : 1;
+    return t.bucketCount() == 32768 ? 0 : 1;  // doubled from 16, load never above 3/4
   });
   while (board->started.load() == 0)
     ::usleep(100);
@@ -348,59 +318,8 @@ TEST_F(ShmTableTest, WriterKilledAtRandomInstantsLosesAndTearsNothing) {
     ASSERT_EQ(t.size(), entries);
     state = seen;
   }
-  std::printf("%u kill rounds, %u operations completed before the kills\n", round, interruptedOps);
   EXPECT_GE(round, 100u) << "too few kill rounds in the time allowed";
   EXPECT_GT(interruptedOps, 1000u) << "the writer barely ran before being killed";
-}
-
-// The states a writer killed inside a write leaves are made exactly from a real
-// write of value 2 over value 1, by rolling parts of the file back (header:
-// bucket bytes at offset 28, journal at 36, first bucket at 40; seq words first).
-TEST_F(ShmTableTest, WriteCutOffAfterTheJournalCountsForReadersAndWritersAndInTheJournalNeverHappened) {
-  std::string const path = file("cut/t");
-  std::vector<unsigned char> before, after;
-  {
-    Table t = Table::openWriter(root(), "cut/t", shape(4));
-    put(t, 1, 1);
-    before = readFile(path);
-    put(t, 1, 2);
-    after = readFile(path);
-  }
-  std::size_t const bucketBytes = wordAt(after, 28), journal = wordAt(after, 36);
-  std::size_t entry = 0;
-  for (std::size_t at = wordAt(after, 40); at < after.size(); at += bucketBytes)
-    entry = wordAt(before, at) != wordAt(after, at) ? at : entry;
-  ASSERT_NE(entry, 0u);
-
-  // Each state: the file on one side of the write with one part as the cut-off write left it.
-  std::vector<unsigned char> half(before.begin() + entry, before.begin() + entry + bucketBytes);
-  U32 const odd = wordAt(after, entry) - 1;
-  std::memcpy(half.data(), &odd, 4);
-  std::size_t const firstBucket = wordAt(after, 40);
-  U32 const garbage[4] = {wordAt(before, journal) + 1, 12345, 0xDEAD, 0xBEEF};
-  struct Cut {
-    char const* where;
-    std::vector<unsigned char> const& base;
-    std::size_t at;
-    void const* bytes;
-    std::size_t size;
-    U32 counts;  // the value readers and the next writer take
-  } const cuts[] = {
-      {"inside the entry: its old contents under the new odd seq", after, entry, half.data(), half.size(), 2},
-      {"between the steps: the journal complete, the entry untouched", before, journal, after.data() + journal,
-       firstBucket - journal, 2},
-      {"inside the journal: half written over", before, journal, garbage, sizeof garbage, 1},
-  };
-  Table reader = Table::openReader(root(), "cut/t");
-  for (Cut const& cut : cuts) {
-    SCOPED_TRACE(cut.where);
-    patch(path, 0, cut.base.data(), cut.base.size());
-    patch(path, cut.at, cut.bytes, cut.size);
-    EXPECT_EQ(get(reader, 1), cut.counts);
-    Table t = Table::openWriter(root(), "cut/t", shape(4));  // the next writer completes or forgets it
-    EXPECT_EQ(get(t, 1), cut.counts);
-    EXPECT_EQ(t.size(), 1u);
-  }
 }
 
 // ---- damage ---------------------------------------------------------------------------------------------------
@@ -466,7 +385,6 @@ TEST_F(ShmTableTest, DamageIsDetectedNeverServedAsData) {
 
   ASSERT_EQ(::truncate(path.c_str(), 64), 0);  // not a table at all
   EXPECT_THAT(errorOf([&] { Table::openReader(root(), "damage/t"); }), HasSubstr("table 'damage/t' is corrupt"));
-  EXPECT_THROW(Table::openWriter(root(), "damage/t", shape(16)), CorruptionException);
 }
 
 }  // namespace
