@@ -79,6 +79,12 @@ std::vector<unsigned char> readFile(std::string const& path) {
   std::ifstream in(path, std::ios::binary);
   return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), {});
 }
+U32 wordAt(std::vector<unsigned char> const& bytes, std::size_t offset) {
+  U32 word = 0;
+  std::memcpy(&word, bytes.data() + offset, 4);
+  return word;
+}
+
 void patch(std::string const& path, std::size_t offset, void const* bytes, std::size_t size) {
   int const fd = ::open(path.c_str(), O_RDWR);
   EXPECT_EQ(::pwrite(fd, bytes, size, offset), static_cast<ssize_t>(size));
@@ -320,6 +326,56 @@ TEST_F(ShmTableTest, WriterKilledAtRandomInstantsLosesAndTearsNothing) {
   }
   EXPECT_GE(round, 100u) << "too few kill rounds in the time allowed";
   EXPECT_GT(interruptedOps, 1000u) << "the writer barely ran before being killed";
+}
+
+// The states a writer killed inside a write leaves are made exactly from a real
+// write of value 2 over value 1, by rolling parts of the file back (header:
+// bucket bytes at offset 28, journal at 36, first bucket at 40; seq words first).
+TEST_F(ShmTableTest, WriteCutOffAfterTheJournalCountsForReadersAndWritersAndInTheJournalNeverHappened) {
+  std::string const path = file("cut/t");
+  std::vector<unsigned char> before, after;
+  {
+    Table t = Table::openWriter(root(), "cut/t", shape(4));
+    put(t, 1, 1);
+    before = readFile(path);
+    put(t, 1, 2);
+    after = readFile(path);
+  }
+  std::size_t const bucketBytes = wordAt(after, 28), journal = wordAt(after, 36);
+  std::size_t entry = 0;
+  for (std::size_t at = wordAt(after, 40); at < after.size(); at += bucketBytes)
+    entry = wordAt(before, at) != wordAt(after, at) ? at : entry;
+  ASSERT_NE(entry, 0u);
+
+  // Each state: the file on one side of the write with one part as the cut-off write left it.
+  std::vector<unsigned char> half(before.begin() + entry, before.begin() + entry + bucketBytes);
+  U32 const odd = wordAt(after, entry) - 1;
+  std::memcpy(half.data(), &odd, 4);
+  std::size_t const firstBucket = wordAt(after, 40);
+  U32 const garbage[4] = {wordAt(before, journal) + 1, 12345, 0xDEAD, 0xBEEF};
+  struct Cut {
+    char const* where;
+    std::vector<unsigned char> const& base;
+    std::size_t at;
+    void const* bytes;
+    std::size_t size;
+    U32 counts;  // the value readers and the next writer take
+  } const cuts[] = {
+      {"inside the entry: its old contents under the new odd seq", after, entry, half.data(), half.size(), 2},
+      {"between the steps: the journal complete, the entry untouched", before, journal, after.data() + journal,
+       firstBucket - journal, 2},
+      {"inside the journal: half written over", before, journal, garbage, sizeof garbage, 1},
+  };
+  Table reader = Table::openReader(root(), "cut/t");
+  for (Cut const& cut : cuts) {
+    SCOPED_TRACE(cut.where);
+    patch(path, 0, cut.base.data(), cut.base.size());
+    patch(path, cut.at, cut.bytes, cut.size);
+    EXPECT_EQ(get(reader, 1), cut.counts);
+    Table t = Table::openWriter(root(), "cut/t", shape(4));  // the next writer completes or forgets it
+    EXPECT_EQ(get(t, 1), cut.counts);
+    EXPECT_EQ(t.size(), 1u);
+  }
 }
 
 // ---- damage ---------------------------------------------------------------------------------------------------

@@ -154,6 +154,24 @@ TEST(Vorm, RequestsFinishOnlyThroughDispatchOnTheOwnersThread) {
   ASSERT_TRUE(TarnTest::finish(bus.vorm, {r}));
 }
 
+TEST(Vorm, AThrowingObserverDoesNotCostTheOthersTheirCompletion) {
+  Bus bus;
+  struct Thrower : VormRequest::Notifiee {
+    void onStatus() override {
+      if (notifier()->status() >= 2) throw std::runtime_error("observer failed");
+    }
+  } thrower;
+  U32 words[3] = {};
+  std::vector<Kiv::Ptr<VormRequest>> rs;
+  for (U16 i = 0; i < 3; ++i) rs.push_back(issue(bus.vorm, kRead, i, &words[i]));
+  thrower.notifierIs(rs[0]);
+  Recorder last(rs[2]);
+  while (bus.sim->transactions() < 3) std::this_thread::yield();
+  EXPECT_THAT([&] { bus.vorm->dispatch(); }, ThrowsMessage<std::runtime_error>("observer failed"));
+  for (auto const& r : rs) EXPECT_EQ(VormRequest::kStatusCompleted, r->status());
+  EXPECT_THAT(last.statuses, ElementsAre(VormRequest::kStatusCompleted));
+}
+
 TEST(Vorm, DestructionWithRequestsInFlightNotifiesNobody) {
   for (bool stuck : {false, true}) {
     SCOPED_TRACE(stuck ? "worker stuck in a hang: abandoned" : "worker in a slow transaction: joined");
@@ -251,6 +269,7 @@ TEST(I2cTransportVorm, TenThousandAccessesOverFourBusesEachCompleteOnceWithTheRi
   }
   for (int b = 0; b < kBuses; ++b) {
     for (int r = kRegs / 2; r < kRegs; ++r) EXPECT_EQ(buses[b].sim->reg(kChip, U16(r)), lastWritten[b][r]);
+    EXPECT_EQ(dynamic_cast<I2cTransportVormImpl&>(*tms[b]->implPtr()).sm()->i2cTransportRequestCount(), 0u);
   }
   EXPECT_GT(failures, 0);
 }
@@ -267,6 +286,18 @@ TEST(I2cTransportVorm, DeletingTheTransportWithAccessesInFlightRunsNoCallback) {
   auto const drained = [&] { return bus.vorm->requestsInFlight() == 0; };
   EXPECT_TRUE(runUntil({bus.vorm}, drained));
   EXPECT_EQ(calls, 0);
+
+  // A callback that deletes its own transport: the other accesses in flight are dropped.
+  tm = TransportMethod::TransportMethodIs("chip1");
+  tm->init(i2cVormTransportDescriptorFactory(bus.vorm, 0x50), kDemoCsv);
+  for (int i = 0; i < 3; ++i)
+    tm->regReadWithCallback("scratch", [&](char const* name, RegCallbackStatus, uint32_t) {
+      ++calls;
+      EXPECT_STREQ(name, "scratch");
+      tm = nullptr;
+    });
+  EXPECT_TRUE(runUntil({bus.vorm}, drained));
+  EXPECT_EQ(calls, 1);
 }
 
 }  // namespace
