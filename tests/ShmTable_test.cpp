@@ -163,6 +163,22 @@ TEST_F(ShmTableTest, FilesAndDirectoriesGetNarrowModesWhateverTheUmask) {
 
 // ---- operations -----------------------------------------------------------------------------------------------
 
+TEST_F(ShmTableTest, CollectionObserversMayBeRemovedAndAddedWhileBeingNotified) {
+  auto writer = ShmTest::Collection::openWriter(root(), "obs/t", 8);
+  std::vector<int> calls;
+  ShmTest::Collection::ObserverId second = 0;
+  writer.observerIs([&](Key const&) {
+    calls.push_back(1);
+    writer.observerDel(second);
+    writer.observerIs([&](Key const&) { calls.push_back(3); });
+  });
+  second = writer.observerIs([&](Key const&) { calls.push_back(2); });
+  writer.write(Value(Key(1, 0, 1), 1));       // the removed one is skipped, the added one waits
+  EXPECT_FALSE(writer.remove(Key(2, 0, 1)));  // nothing removed: nobody is told
+  writer.notify(Key(1, 0, 1));
+  EXPECT_EQ(calls, (std::vector<int>{1, 1, 3}));
+}
+
 TEST_F(ShmTableTest, FullTableAndBadShapesAreClearErrorsThatChangeNothing) {
   Table t = Table::openWriter(root(), "cap/t", shape(5));
   for (U32 k = 0; k < 5; ++k)

@@ -10,6 +10,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
+#include <vector>
 
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -86,6 +88,28 @@ TEST(SigbusGuard, GuardedAccessesReachTheFileAndFaultsPastItsEndThrow) {
   EXPECT_EQ(0xcafef00du, reached);
   EXPECT_THROW(Guard::run([] { throw std::out_of_range("x"); }), std::out_of_range);
   EXPECT_DIES_OF_SIGBUS((deathTestChild(), (void)*map.gone(3)));
+}
+
+TEST(SigbusGuard, ThreadsSurviveThousandsOfFaultsEachAndKeepWorking) {
+  ShrunkMapping map;
+  std::atomic<int> faults{0}, wrongValues{0};
+  std::vector<std::thread> threads;
+  for (U32 t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      for (U32 i = 0; i < 2500; ++i) {
+        U32 value = 0;
+        faults += !Guard::tryRead32(map.gone(t * 16 + i % 16), value) + !Guard::tryWrite32(map.gone(t), i);
+        Guard::guardedWrite32(map.good(t), t * 100000 + i);
+        wrongValues += Guard::guardedRead32(map.good(t)) != t * 100000 + i;
+      }
+    });
+  for (auto& th : threads)
+    th.join();
+  EXPECT_EQ(20000, faults.load());
+  EXPECT_EQ(0, wrongValues.load());
+  // The jump out of the handler must not leave SIGBUS blocked: a blocked
+  // synchronous SIGBUS would kill the process on this fault.
+  EXPECT_THROW(Guard::guardedRead32(map.gone()), Kiv::SigbusException);
 }
 
 // This test needs a process in which the guard has not been installed yet, so
